@@ -1,0 +1,61 @@
+#include <nuvek/filters/framework/Buffer.h>
+#include <nuvek/filters/framework/ValueRange.h>
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+using Nuvek::Box;
+using Nuvek::Buffer;
+using Nuvek::Vector;
+
+TEST(ValueRange, DefaultIsZeroZeroAndOrderIsKept)
+{
+    Nuvek::ValueRange<double> const empty;
+    EXPECT_EQ(empty.min, 0.0);
+    EXPECT_EQ(empty.max, 0.0);
+    Nuvek::ValueRange<long long> const reversed(9, -3);
+    EXPECT_EQ(reversed.min, 9);
+    EXPECT_EQ(reversed.max, -3);
+}
+
+TEST(Buffer, AllocatesZeroedChannelPlanes)
+{
+    Box const box(Vector(1, 1, 0), Vector(3, 2, 1));
+    Buffer<double> buffer(box, 2, 3);
+    EXPECT_EQ(buffer.getBounds(), box);
+    EXPECT_EQ(buffer.getLevel(), 2);
+    EXPECT_EQ(buffer.getNumChannels(), 3);
+    std::vector<double*> const planes = buffer.getPtrVector();
+    ASSERT_EQ(planes.size(), 3u);
+    EXPECT_EQ(planes[1] - planes[0], 12);
+    EXPECT_EQ(planes[2], buffer.getPtr(2));
+    for (long long c = 0; c < 3; ++c)
+        for (long long i = 0; i < 12; ++i)
+            EXPECT_EQ(buffer.getPtr(c)[i], 0.0);
+}
+
+TEST(Buffer, CopiesItsSourceAndReadsChannelValuesPerVoxel)
+{
+    std::vector<long long> source = {1, 2, 3, 4, 5, 6};
+    Buffer<long long> buffer(source.data(), Box(Vector(3, 1, 1)), 0, 2);
+    source[0] = 100; // a copy, not a view
+    EXPECT_EQ(buffer.getPtr(0)[0], 1);
+    std::vector<long long> values(5, -1);
+    buffer.readChannelValues(2, values);
+    EXPECT_EQ(values, (std::vector<long long>{3, 6, -1, -1, -1}));
+
+    Buffer<long long> const& constant = buffer;
+    std::vector<long long const*> const planes = constant.getPtrVector();
+    EXPECT_EQ(*planes[1], 4);
+}
+
+TEST(Buffer, EmptyBoxOrNoChannelsHoldNothingAndReadNothing)
+{
+    // The source pointer must not be touched: null would crash a read.
+    Buffer<double> emptyBox(nullptr, Box(), 0, 3);
+    EXPECT_EQ(emptyBox.getNumChannels(), 3);
+    Buffer<double> noChannels(nullptr, Box(Vector(4, 4, 1)), 1, 0);
+    EXPECT_TRUE(noChannels.getPtrVector().empty());
+    EXPECT_THROW(Buffer<double>(Box(Vector(2, 2, 1)), 0, -1), std::runtime_error);
+}
