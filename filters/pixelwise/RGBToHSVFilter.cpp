@@ -40,12 +40,17 @@ void convertBySelection(double* __restrict red, double* __restrict green, double
         double const r = (red[i] - low) / span;
         double const g = (green[i] - low) / span;
         double const b = (blue[i] - low) / span;
-        double const maximum = r > g ? (r > b ? r : b) : (g > b ? g : b);
-        double const minimum = r < g ? (r < b ? r : b) : (g < b ? g : b);
+        // Every comparison is made unconditionally: a comparison that only some branch makes
+        // could not be hoisted, and the loop would not vectorise.
+        bool const redAboveGreen = r > g, redAboveBlue = r > b, greenAboveBlue = g > b;
+        bool const redBelowGreen = r < g, redBelowBlue = r < b, greenBelowBlue = g < b;
+        double const maximum = redAboveGreen ? (redAboveBlue ? r : b) : (greenAboveBlue ? g : b);
+        double const minimum = redBelowGreen ? (redBelowBlue ? r : b) : (greenBelowBlue ? g : b);
         double const delta = maximum - minimum;
 
         double const ratio = delta / maximum;
-        double const saturation = maximum > 0.0 ? ratio : 0.0;
+        bool const positiveMaximum = maximum > 0.0;
+        double const saturation = positiveMaximum ? ratio : 0.0;
 
         double const greenMinusBlue = g - b;
         double const blueMinusRed = b - r;
@@ -56,13 +61,17 @@ void convertBySelection(double* __restrict red, double* __restrict green, double
         double const quotient = numerator / delta;
         double const shifted = quotient + (greenIsMaximum ? 2.0 : 4.0);
         double const degrees = (redIsMaximum ? quotient : shifted) * 60.0;
+        bool const negative = degrees < 0.0;
         double const raised = degrees + 360.0;
-        double const positive = degrees < 0.0 ? raised : degrees;
+        double const positive = negative ? raised : degrees;
+        bool const full = positive >= 360.0;
         double const lowered = positive - 360.0;
-        double const wrapped = positive >= 360.0 ? lowered : positive;
+        double const wrapped = full ? lowered : positive;
         // Greys: 0 for a zero spread, the spread itself when it is NaN.
-        double const grey = delta == 0.0 ? 0.0 : delta;
-        double const hue = delta > 0.0 ? wrapped : grey;
+        bool const zeroSpread = delta == 0.0;
+        bool const positiveSpread = delta > 0.0;
+        double const grey = zeroSpread ? 0.0 : delta;
+        double const hue = positiveSpread ? wrapped : grey;
 
         red[i] = std::floor(hue / 360.0 * 255.0);
         green[i] = std::floor(saturation * 255.0);
