@@ -23,19 +23,39 @@ using NuvekTest::openWhole;
 
 namespace {
 
-// One voxel per colour, planes r, g, b (and any further planes after them).
+// Converts each colour through both passes of the filter: every colour fills a block of four voxels,
+// and is also opened as a box of its own, which the plain pass converts. Returns one voxel per
+// colour, planes h, s, v (and any further planes after them).
 std::vector<double> convertColours(std::vector<std::vector<double>> const& colours, double low, double high)
 {
     long long const count = static_cast<long long>(colours.size());
     long long const numChannels = static_cast<long long>(colours.front().size());
-    std::vector<double> values(static_cast<std::size_t>(count * numChannels));
-    for (long long i = 0; i < count; ++i)
+    long long const width = 4 * count;
+    std::vector<double> values(static_cast<std::size_t>(width * numChannels));
+    for (long long x = 0; x < width; ++x)
         for (long long c = 0; c < numChannels; ++c)
-            values[static_cast<std::size_t>(c * count + i)] = colours[static_cast<std::size_t>(i)][static_cast<std::size_t>(c)];
-    MemoryImage image(Vector(count, 1, 1), numChannels, values);
+            values[static_cast<std::size_t>(c * width + x)] =
+                colours[static_cast<std::size_t>(x / 4)][static_cast<std::size_t>(c)];
+    MemoryImage image(Vector(width, 1, 1), numChannels, values);
     image.setValueRange({low, high});
     RGBToHSVFilter filter(&image, false);
-    return openWhole(filter, 0, Box(Vector(count, 1, 1)));
+    std::vector<double> const blocks = openWhole(filter, 0, Box(Vector(width, 1, 1)));
+
+    std::vector<double> result(static_cast<std::size_t>(count * numChannels));
+    for (long long i = 0; i < count; ++i)
+    {
+        Box const single(Vector(4 * i + 2, 0, 0), Vector(4 * i + 2, 0, 0));
+        std::vector<double> const alone = openWhole(filter, 0, single);
+        for (long long c = 0; c < numChannels; ++c)
+        {
+            double const inBlock = blocks[static_cast<std::size_t>(c * width + 4 * i + 2)];
+            EXPECT_EQ(NuvekTest::bitsOf(inBlock), NuvekTest::bitsOf(alone[static_cast<std::size_t>(c)]))
+                << "colour " << i << " channel " << c << ": " << inBlock << " in a block, "
+                << alone[static_cast<std::size_t>(c)] << " alone";
+            result[static_cast<std::size_t>(c * count + i)] = inBlock;
+        }
+    }
+    return result;
 }
 
 // Values that make ties between channels, signed zeros and non-finite inputs likely.
@@ -70,9 +90,11 @@ TEST(RGBToHSVFilter, KnownColoursAtTheRangeEnds)
 
 TEST(RGBToHSVFilter, HueJustBelow360DegreesGives254)
 {
-    std::vector<double> const out = convertColours({{1.0, 0.0, 1e-9}, {1.0, 0.0, 1e-15}}, 0, 1);
+    std::vector<double> const out = convertColours({{1.0, 0.0, 1e-9}, {1.0, 0.0, 1e-15}, {1.0, 0.0, 1e-17}}, 0, 1);
     EXPECT_EQ(out[0], 254.0);
     EXPECT_EQ(out[1], 254.0);
+    // -6e-16 degrees plus 360 rounds to 360 itself, which wraps to 0.
+    EXPECT_EQ(out[2], 0.0);
 }
 
 TEST(RGBToHSVFilter, ZeroSpanRangeDividesByZeroWithoutGuard)
