@@ -9,6 +9,7 @@
 #include <nuvek/filters/neighbourhood/SobelFilter.h>
 #include <nuvek/filters/pixelwise/ClampingFilter.h>
 
+#include "../../tests/reference/NeighbourhoodKernelReference.h"
 #include "support/BenchImages.h"
 
 #include <benchmark/benchmark.h>
@@ -95,6 +96,46 @@ void harris(benchmark::State& state)
     runTiled(state, scene, filter);
 }
 BENCHMARK(harris)->Arg(5)->Unit(benchmark::kMillisecond);
+
+// The step-by-step ring algorithms of the tests, tile by tile: what the fast passes buy.
+template <typename Compute>
+void runReferenceTiled(benchmark::State& state, Scene& scene, Compute compute)
+{
+    std::vector<double> out(static_cast<std::size_t>(scene.whole.getSize()));
+    for (auto _ : state)
+    {
+        for (Nuvek::Box const& tile : scene.tiles)
+        {
+            std::vector<double> const values = compute(tile);
+            Nuvek::Vector const extent = tile.getExtent();
+            for (long long y = 0; y < extent.y; ++y)
+                std::copy(values.begin() + y * extent.x, values.begin() + (y + 1) * extent.x,
+                          out.begin() + (tile.min.y + y) * imageSize + tile.min.x);
+        }
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetItemsProcessed(state.iterations() * scene.whole.getSize());
+}
+
+void referenceBox(benchmark::State& state)
+{
+    Scene scene;
+    long long const k = state.range(0);
+    runReferenceTiled(state, scene, [&](Nuvek::Box const& tile) {
+        return NuvekReference::boxFilter(scene.clamped, 0, tile, k, true, false);
+    });
+}
+BENCHMARK(referenceBox)->Arg(3)->Unit(benchmark::kMillisecond);
+
+void referenceGaussian(benchmark::State& state)
+{
+    Scene scene;
+    std::vector<double> const kernel = NuvekReference::gaussianKernel(state.range(0));
+    runReferenceTiled(state, scene, [&](Nuvek::Box const& tile) {
+        return NuvekReference::separableFilter(scene.clamped, 0, tile, kernel, kernel);
+    });
+}
+BENCHMARK(referenceGaussian)->Arg(5)->Unit(benchmark::kMillisecond);
 
 #ifdef NUVEK_HAVE_OPENCV
 

@@ -131,8 +131,9 @@ __attribute__((always_inline)) inline void sumRowsAlongX(double* rows, long long
         rows[r * stride + outputWidth - 1] = sums[r];
 }
 
-// Scalar on purpose: packing the eight rows' values into vectors costs more shuffles than it saves.
-__attribute__((target_clones("avx2", "default"), optimize("no-tree-slp-vectorize"))) void sumRowGroupAlongX(double* rows, long long stride,
+// Scalar on purpose (the file is built without straight-line vectorisation where the compiler has
+// it): packing eight rows' values into vectors costs more shuffles than it saves.
+__attribute__((target_clones("avx2", "default"))) void sumRowGroupAlongX(double* rows, long long stride,
                                                                          long long outputWidth, long long kernelSize,
                                                                          long long carriedPosition, double& carried)
 {
