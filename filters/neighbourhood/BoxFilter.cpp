@@ -1,7 +1,6 @@
 #include <nuvek/filters/neighbourhood/BoxFilter.h>
 
 #include <cmath>
-#include <cstring>
 #include <stdexcept>
 #include <vector>
 
@@ -94,6 +93,8 @@ constexpr long long rowsPerGroup = 8;
 // Four doubles that the compiler keeps in one AVX register, or two SSE registers on processors
 // without AVX2. Every operation on them is the IEEE operation on each of the four lanes.
 typedef double Quad __attribute__((vector_size(4 * sizeof(double))));
+// The same, read from or written to any double in memory (aligned to a double, not to the vector).
+typedef double UnalignedQuad __attribute__((vector_size(4 * sizeof(double)), aligned(alignof(double)), may_alias));
 
 // Running sums along x of `count` consecutive rows, in place. The sum for output i is stored at
 // row[i], once row[i] has been read as the value leaving the window, so the row needs no copy: the
@@ -182,14 +183,12 @@ __attribute__((target_clones("avx2", "default"))) void advanceColumnSumsInto(dou
     {
         for (; x + 4 <= outputWidth; x += 4)
         {
-            Quad sum, away, in;
-            std::memcpy(&sum, sums + x, sizeof sum);
-            std::memcpy(&away, leaving + x, sizeof away);
-            std::memcpy(&in, entering + x, sizeof in);
-            sum = (sum - away) + in;
-            std::memcpy(sums + x, &sum, sizeof sum);
-            Quad const scaled = scale * sum;
-            std::memcpy(out + x, &scaled, sizeof scaled);
+            Quad const previous = *reinterpret_cast<UnalignedQuad const*>(sums + x);
+            Quad const away = *reinterpret_cast<UnalignedQuad const*>(leaving + x);
+            Quad const in = *reinterpret_cast<UnalignedQuad const*>(entering + x);
+            Quad const sum = (previous - away) + in;
+            *reinterpret_cast<UnalignedQuad*>(sums + x) = sum;
+            *reinterpret_cast<UnalignedQuad*>(out + x) = scale * sum;
         }
         for (; x < outputWidth; ++x)
         {

@@ -93,7 +93,7 @@ TEST(BoxFilter, MatchesReferenceOnRandomBoxes)
                                     std::to_string(level) + " normalize " + std::to_string(normalize) + " rounding " +
                                     std::to_string(rounding);
         EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(NuvekReference::boxFilter(*source, level, box, k, normalize, rounding),
-                                        openWhole(filter, level, box), box, context));
+                                              openWhole(filter, level, box), box, context));
     }
 }
 
@@ -125,9 +125,8 @@ TEST(BoxFilter, MatchesDirectSumsWithinRunningSumRounding)
         {
             BoxFilter filter(clamped.get(), k, normalize, false, false);
             Box const box(Vector(-3, -2, 0), Vector(61, 45, 0));
-            EXPECT_TRUE(NuvekTest::nearlyEqual(directBoxSums(*clamped, 0, box, k, normalize),
-                                               openWhole(filter, 0, box), box, 1e-10 * static_cast<double>(k * k),
-                                               "k " + std::to_string(k)));
+            EXPECT_TRUE(NuvekTest::nearlyEqual(directBoxSums(*clamped, 0, box, k, normalize), openWhole(filter, 0, box),
+                                               box, 1e-10 * static_cast<double>(k * k), "k " + std::to_string(k)));
         }
 }
 
@@ -198,7 +197,7 @@ TEST(BoxFilter, SlicesNeverMix)
     {
         Box const slice(Vector(box.min.x, box.min.y, z), Vector(box.max.x, box.max.y, z));
         EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(NuvekTest::crop(whole, box, slice, 1), openWhole(filter, 0, slice), slice,
-                                        "slice " + std::to_string(z)));
+                                              "slice " + std::to_string(z)));
     }
 }
 
@@ -218,8 +217,9 @@ TEST(BoxFilter, TilesAgreeWithOneLargeRequestOnIntegerValues)
         Box const box(Vector(53, 47, 1));
         std::vector<double> const whole = openWhole(filter, 0, box);
         for (int threads : {1, 3})
-            EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(whole, NuvekTest::openTiled(filter, 0, box, {5, 16, 33}, {7, 8, 29}, threads),
-                                            box, "k " + std::to_string(k) + " threads " + std::to_string(threads)));
+            EXPECT_TRUE(
+                NuvekTest::sameBitsAnyNaN(whole, NuvekTest::openTiled(filter, 0, box, {5, 16, 33}, {7, 8, 29}, threads),
+                                          box, "k " + std::to_string(k) + " threads " + std::to_string(threads)));
     }
 }
 
