@@ -13,8 +13,6 @@ namespace {
 // Up to this kernel size a direct sweep of k - 1 comparisons per value, vectorised along the row,
 // beats the three comparisons and two extra buffers of the running extrema.
 constexpr long long directSweepLimit = 7;
-// Columns handled together by the vertical running extrema: their buffers stay in cache.
-constexpr long long stripWidth = 128;
 
 // NaN and -0.0 are the values for which the slot order decides the result: NaN because comparisons
 // with it fail, -0.0 because it compares equal to +0.0 but has other bits.
@@ -49,20 +47,62 @@ double scanSlots(double const* values, long long stride, long long k, long long 
     return best;
 }
 
+// Whether any of the values is NaN or -0.0; written on the bits so that it vectorises.
+inline __attribute__((always_inline)) bool anyOrderSensitive(double const* values, long long count)
+{
+    bool found = false;
+    for (long long i = 0; i < count; ++i)
+    {
+        std::int64_t bits;
+        std::memcpy(&bits, &values[i], sizeof bits);
+        found |= (bits & 0x7FFFFFFFFFFFFFFFLL) > 0x7FF0000000000000LL || bits == static_cast<std::int64_t>(0x8000000000000000ULL);
+    }
+    return found;
+}
+
+// The extreme of `width` consecutive values for each of `count` starts, for a small fixed width:
+// unrolled, so that the loop along the row vectorises.
+template <bool maximum, long long width>
+inline __attribute__((always_inline)) void sweepAlongRow(double const* row, double* result, long long count)
+{
+    for (long long x = 0; x < count; ++x)
+    {
+        double best = row[x];
+        for (long long j = 1; j < width; ++j)
+            best = pick<maximum>(best, row[x + j]);
+        result[x] = best;
+    }
+}
+
+// The extreme of `width` rows (rowStride apart) for each of `count` columns.
+template <bool maximum, long long width>
+inline __attribute__((always_inline)) void sweepAcrossRows(double const* top, long long rowStride, double* result, long long count)
+{
+    for (long long x = 0; x < count; ++x)
+    {
+        double best = top[x];
+        for (long long j = 1; j < width; ++j)
+            best = pick<maximum>(best, top[j * rowStride + x]);
+        result[x] = best;
+    }
+}
+
 // Pass 1 on one row, valid where a window holds neither NaN nor -0.0: there the extreme is the same
 // value whichever way the window is reduced.
 template <bool maximum>
-void extremaAlongRowFast(double const* row, double* result, long long count, long long k, double* prefix,
+inline __attribute__((always_inline)) void extremaAlongRowFast(double const* row, double* result, long long count, long long k, double* prefix,
                          double* suffix)
 {
-    if (k <= directSweepLimit)
+    switch (k)
     {
-        std::copy(row, row + count, result);
-        for (long long j = 1; j < k; ++j)
-            for (long long x = 0; x < count; ++x)
-                result[x] = pick<maximum>(result[x], row[x + j]);
-        return;
+    case 1: std::copy(row, row + count, result); return;
+    case 3: sweepAlongRow<maximum, 3>(row, result, count); return;
+    case 5: sweepAlongRow<maximum, 5>(row, result, count); return;
+    case 7: sweepAlongRow<maximum, 7>(row, result, count); return;
+    default: break;
     }
+    // Running extrema: blocks of k values, prefix extrema forwards and suffix extrema backwards
+    // within each block; a window spans the end of one block and the start of the next.
     long long const length = count + k - 1;
     for (long long start = 0; start < length; start += k)
     {
@@ -78,127 +118,138 @@ void extremaAlongRowFast(double const* row, double* result, long long count, lon
         result[x] = pick<maximum>(suffix[x], prefix[x + k - 1]);
 }
 
-// Pass 1 on every row of a plane of the padded region into rowExtremes (height rows of `count`
-// values). Windows holding NaN or -0.0 are scanned in slot order. Returns whether any result is NaN
-// or -0.0, which pass 2 then has to look for.
-template <bool maximum>
-__attribute__((target_clones("avx2", "default"))) bool
-extremaAlongRows(double const* plane, long long width, long long height, double* rowExtremes, long long count,
-                 long long k, std::vector<double>& prefix, std::vector<double>& suffix, std::vector<char>& sensitive)
+// Buffers of one call, reused for every plane.
+struct Scratch
 {
-    bool anySensitiveResult = false;
-    for (long long r = 0; r < height; ++r)
+    Scratch(long long width, long long count, long long k)
+        : rowPrefix(static_cast<std::size_t>(k > directSweepLimit ? width : 0)),
+          rowSuffix(rowPrefix.size()),
+          sensitive(static_cast<std::size_t>(width)),
+          rows(static_cast<std::size_t>(k * count)),
+          columnSuffix(static_cast<std::size_t>(k > directSweepLimit ? k * count : 0)),
+          columnPrefix(static_cast<std::size_t>(k > directSweepLimit ? count : 0)),
+          rowHasSensitive(static_cast<std::size_t>(k), 0),
+          sensitiveInWindow(static_cast<std::size_t>(count), 0)
     {
-        double const* row = plane + r * width;
-        double* result = rowExtremes + r * count;
-        extremaAlongRowFast<maximum>(row, result, count, k, prefix.data(), suffix.data());
-
-        bool anySensitive = false;
-        for (long long j = 0; j < width; ++j)
-        {
-            sensitive[static_cast<std::size_t>(j)] = isOrderSensitive(row[j]);
-            anySensitive |= sensitive[static_cast<std::size_t>(j)] != 0;
-        }
-        if (!anySensitive)
-            continue;
-        long long inWindow = 0;
-        for (long long j = 0; j + 1 < k; ++j)
-            inWindow += sensitive[static_cast<std::size_t>(j)];
-        for (long long x = 0; x < count; ++x)
-        {
-            inWindow += sensitive[static_cast<std::size_t>(x + k - 1)];
-            if (inWindow > 0)
-                result[x] = scanSlots<maximum>(row + x, 1, k, x);
-            inWindow -= sensitive[static_cast<std::size_t>(x)];
-        }
-        for (long long x = 0; x < count; ++x)
-            anySensitiveResult |= isOrderSensitive(result[x]);
     }
-    return anySensitiveResult;
+
+    std::vector<double> rowPrefix;
+    std::vector<double> rowSuffix;
+    std::vector<char> sensitive;
+    // Pass 1 results of the last k rows; row r sits in ring row r mod k, which is also its slot.
+    std::vector<double> rows;
+    std::vector<double> columnSuffix;
+    std::vector<double> columnPrefix;
+    std::vector<char> rowHasSensitive;
+    std::vector<long long> sensitiveInWindow;
+};
+
+// Pass 1 on one row into result; windows holding NaN or -0.0 are scanned in slot order. Returns
+// whether any result is NaN or -0.0.
+template <bool maximum>
+inline __attribute__((always_inline)) bool extremaAlongRow(double const* row, long long width, double* result,
+                                                           long long count, long long k, Scratch& scratch)
+{
+    extremaAlongRowFast<maximum>(row, result, count, k, scratch.rowPrefix.data(), scratch.rowSuffix.data());
+    if (!anyOrderSensitive(row, width))
+        return false;
+    char* sensitive = scratch.sensitive.data();
+    for (long long j = 0; j < width; ++j)
+        sensitive[j] = isOrderSensitive(row[j]);
+    long long inWindow = 0;
+    for (long long j = 0; j + 1 < k; ++j)
+        inWindow += sensitive[j];
+    for (long long x = 0; x < count; ++x)
+    {
+        inWindow += sensitive[x + k - 1];
+        if (inWindow > 0)
+            result[x] = scanSlots<maximum>(row + x, 1, k, x);
+        inWindow -= sensitive[x];
+    }
+    return anyOrderSensitive(result, count);
 }
 
-// Pass 2 without NaN and -0.0: the extreme of k rows of rowExtremes for every output value.
+// Both passes over one plane of the padded region, a row at a time: each row's pass 1 result enters
+// a ring of k rows, and as soon as k rows are in, one output row is taken across them. Where a
+// window of pass 1 results holds NaN or -0.0, its output is the slot-order scan of the ring.
 template <bool maximum>
 __attribute__((target_clones("avx2", "default"))) void
-extremaAlongColumnsFast(double const* rowExtremes, long long height, long long count, double* out,
-                        long long outHeight, long long k, std::vector<double>& prefix, std::vector<double>& suffix)
+extremaOfPlane(double const* plane, long long width, long long height, double* out, long long count, long long k,
+               Scratch& scratch)
 {
-    if (k <= directSweepLimit)
+    double* rows = scratch.rows.data();
+    long long* sensitiveInWindow = scratch.sensitiveInWindow.data();
+    long long rowsWithSensitive = 0;
+    std::fill(scratch.rowHasSensitive.begin(), scratch.rowHasSensitive.end(), 0);
+    std::fill(scratch.sensitiveInWindow.begin(), scratch.sensitiveInWindow.end(), 0);
+    for (long long r = 0; r < height; ++r)
     {
-        for (long long y = 0; y < outHeight; ++y)
+        long long const slot = r % k;
+        double* entering = rows + slot * count;
+        bool const sensitive = extremaAlongRow<maximum>(plane + r * width, width, entering, count, k, scratch);
+        scratch.rowHasSensitive[static_cast<std::size_t>(slot)] = sensitive;
+        if (sensitive)
         {
-            double* target = out + y * count;
-            std::copy(rowExtremes + y * count, rowExtremes + (y + 1) * count, target);
-            for (long long j = 1; j < k; ++j)
-            {
-                double const* source = rowExtremes + (y + j) * count;
-                for (long long x = 0; x < count; ++x)
-                    target[x] = pick<maximum>(target[x], source[x]);
-            }
+            ++rowsWithSensitive;
+            for (long long x = 0; x < count; ++x)
+                sensitiveInWindow[x] += isOrderSensitive(entering[x]);
         }
-        return;
-    }
-    // Running extrema down the columns, a strip of columns at a time, every column of the strip at
-    // once: blocks of k rows, prefix extrema downwards and suffix extrema upwards within each block.
-    for (long long x0 = 0; x0 < count; x0 += stripWidth)
-    {
-        long long const strip = std::min(stripWidth, count - x0);
-        double* pre = prefix.data();
-        double* suf = suffix.data();
-        for (long long start = 0; start < height; start += k)
-        {
-            long long const end = std::min(start + k, height);
-            std::copy(rowExtremes + start * count + x0, rowExtremes + start * count + x0 + strip, pre + start * strip);
-            for (long long r = start + 1; r < end; ++r)
-            {
-                double const* source = rowExtremes + r * count + x0;
-                double const* above = pre + (r - 1) * strip;
-                double* target = pre + r * strip;
-                for (long long x = 0; x < strip; ++x)
-                    target[x] = pick<maximum>(above[x], source[x]);
-            }
-            std::copy(rowExtremes + (end - 1) * count + x0, rowExtremes + (end - 1) * count + x0 + strip,
-                      suf + (end - 1) * strip);
-            for (long long r = end - 2; r >= start; --r)
-            {
-                double const* source = rowExtremes + r * count + x0;
-                double const* below = suf + (r + 1) * strip;
-                double* target = suf + r * strip;
-                for (long long x = 0; x < strip; ++x)
-                    target[x] = pick<maximum>(below[x], source[x]);
-            }
-        }
-        for (long long y = 0; y < outHeight; ++y)
-        {
-            double const* upper = suf + y * strip;
-            double const* lower = pre + (y + k - 1) * strip;
-            double* target = out + y * count + x0;
-            for (long long x = 0; x < strip; ++x)
-                target[x] = pick<maximum>(upper[x], lower[x]);
-        }
-    }
-}
 
-// Pass 2 where some results of pass 1 are NaN or -0.0: those columns' windows are scanned in slot
-// order, the others keep the fast result.
-template <bool maximum>
-void rescanSensitiveColumns(double const* rowExtremes, long long count, double* out, long long outHeight, long long k)
-{
-    std::vector<long long> inWindow(static_cast<std::size_t>(count), 0);
-    for (long long r = 0; r + 1 < k; ++r)
-        for (long long x = 0; x < count; ++x)
-            inWindow[static_cast<std::size_t>(x)] += isOrderSensitive(rowExtremes[r * count + x]);
-    for (long long y = 0; y < outHeight; ++y)
-    {
-        double const* entering = rowExtremes + (y + k - 1) * count;
-        double const* leaving = rowExtremes + y * count;
-        for (long long x = 0; x < count; ++x)
+        if (k > directSweepLimit)
         {
-            long long& sensitive = inWindow[static_cast<std::size_t>(x)];
-            sensitive += isOrderSensitive(entering[x]);
-            if (sensitive > 0)
-                out[y * count + x] = scanSlots<maximum>(leaving + x, count, k, y);
-            sensitive -= isOrderSensitive(leaving[x]);
+            // Running extrema down the columns: the prefix of the current block of k rows grows row
+            // by row; when a block is complete its suffixes are taken, upwards.
+            double* prefix = scratch.columnPrefix.data();
+            if (slot == 0)
+                std::copy(entering, entering + count, prefix);
+            else
+                for (long long x = 0; x < count; ++x)
+                    prefix[x] = pick<maximum>(prefix[x], entering[x]);
+            if (slot == k - 1 || r == height - 1)
+            {
+                double* suffix = scratch.columnSuffix.data();
+                std::copy(entering, entering + count, suffix + slot * count);
+                for (long long t = slot - 1; t >= 0; --t)
+                    for (long long x = 0; x < count; ++x)
+                        suffix[t * count + x] = pick<maximum>(suffix[(t + 1) * count + x], rows[t * count + x]);
+            }
+        }
+
+        long long const y = r - k + 1;
+        if (y < 0)
+            continue;
+        double* target = out + y * count;
+        if (k > directSweepLimit)
+        {
+            double const* suffix = scratch.columnSuffix.data() + (y % k) * count;
+            double const* prefix = scratch.columnPrefix.data();
+            for (long long x = 0; x < count; ++x)
+                target[x] = pick<maximum>(suffix[x], prefix[x]);
+        }
+        else
+            switch (k)
+            {
+            case 1: std::copy(entering, entering + count, target); break;
+            case 3: sweepAcrossRows<maximum, 3>(rows, count, target, count); break;
+            case 5: sweepAcrossRows<maximum, 5>(rows, count, target, count); break;
+            default: sweepAcrossRows<maximum, 7>(rows, count, target, count); break;
+            }
+
+        if (rowsWithSensitive > 0)
+        {
+            for (long long x = 0; x < count; ++x)
+                if (sensitiveInWindow[x] > 0)
+                    target[x] = scanSlots<maximum>(rows + x, count, k, 0);
+            // Row y leaves the window.
+            long long const leavingSlot = y % k;
+            if (scratch.rowHasSensitive[static_cast<std::size_t>(leavingSlot)] != 0)
+            {
+                --rowsWithSensitive;
+                scratch.rowHasSensitive[static_cast<std::size_t>(leavingSlot)] = 0;
+                double const* leaving = rows + leavingSlot * count;
+                for (long long x = 0; x < count; ++x)
+                    sensitiveInWindow[x] -= isOrderSensitive(leaving[x]);
+            }
         }
     }
 }
@@ -236,27 +287,11 @@ void MorphologicFilter<type>::openRegion(double* out, long long level, Box const
     long long const sliceSize = extent.x * extent.y;
     long long const inputSliceSize = inputExtent.x * inputExtent.y;
 
-    // Pass 1 results, one plane at a time: every row of the padded region, box width.
-    std::vector<double> rowExtremes(static_cast<std::size_t>(inputExtent.y * extent.x));
-    long long const scratch = std::max(inputExtent.x, inputExtent.y * stripWidth);
-    std::vector<double> prefix(static_cast<std::size_t>(scratch));
-    std::vector<double> suffix(static_cast<std::size_t>(scratch));
-    std::vector<char> sensitive(static_cast<std::size_t>(inputExtent.x));
+    Scratch scratch(inputExtent.x, extent.x, k);
     for (long long c = 0; c < numChannels; ++c)
         for (long long z = 0; z < extent.z; ++z)
-        {
-            double const* plane = work.data() + c * inputSize + z * inputSliceSize;
-            double* target = out + c * size + z * sliceSize;
-            // Pass 1: along x, every row of the padded region.
-            bool const sensitiveRows = extremaAlongRows<maximum>(plane, inputExtent.x, inputExtent.y,
-                                                                 rowExtremes.data(), extent.x, k, prefix, suffix,
-                                                                 sensitive);
-            // Pass 2: along y, into out; windows touching NaN or -0.0 are then scanned in slot order.
-            extremaAlongColumnsFast<maximum>(rowExtremes.data(), inputExtent.y, extent.x, target, extent.y, k, prefix,
-                                             suffix);
-            if (sensitiveRows)
-                rescanSensitiveColumns<maximum>(rowExtremes.data(), extent.x, target, extent.y, k);
-        }
+            extremaOfPlane<maximum>(work.data() + c * inputSize + z * inputSliceSize, inputExtent.x, inputExtent.y,
+                                    out + c * size + z * sliceSize, extent.x, k, scratch);
 }
 
 template class MorphologicFilter<MorphologicType::Erosion>;
