@@ -69,7 +69,7 @@ void erosion(benchmark::State& state)
     Nuvek::ErosionFilter filter(sharedImage().get(), state.range(0), false);
     openImageAsTiles(state, filter);
 }
-BENCHMARK(erosion)->Arg(3)->Arg(15)->Arg(63)->Unit(benchmark::kMillisecond);
+BENCHMARK(erosion)->Arg(1)->Arg(3)->Arg(15)->Arg(63)->Unit(benchmark::kMillisecond);
 
 void dilation(benchmark::State& state)
 {

@@ -50,14 +50,15 @@ double scanSlots(double const* values, long long stride, long long k, long long 
 // Whether any of the values is NaN or -0.0; written on the bits so that it vectorises.
 inline __attribute__((always_inline)) bool anyOrderSensitive(double const* values, long long count)
 {
-    bool found = false;
+    std::int64_t found = 0;
     for (long long i = 0; i < count; ++i)
     {
         std::int64_t bits;
         std::memcpy(&bits, &values[i], sizeof bits);
-        found |= (bits & 0x7FFFFFFFFFFFFFFFLL) > 0x7FF0000000000000LL || bits == static_cast<std::int64_t>(0x8000000000000000ULL);
+        std::int64_t const magnitude = bits & 0x7FFFFFFFFFFFFFFFLL;
+        found |= (magnitude > 0x7FF0000000000000LL ? 1 : 0) | (bits == INT64_MIN ? 1 : 0);
     }
-    return found;
+    return found != 0;
 }
 
 // The extreme of `width` consecutive values for each of `count` starts, for a small fixed width:

@@ -188,3 +188,21 @@ TEST(RankFilter, TilesAgreeWithOneLargeRequestInsideTheImage)
         EXPECT_TRUE(NuvekTest::sameBits(whole, NuvekTest::openTiled(filter, 0, box, {4, 5, 30}, {9, 21}, threads), box,
                                         "threads " + std::to_string(threads)));
 }
+
+TEST(RankFilter, WideRowsMatchReferenceForEveryKernelAndNotableRanks)
+{
+    std::mt19937_64 random(86);
+    for (double specialShare : {0.0, 0.002, 0.2})
+    {
+        auto source = NuvekTest::trickyImage(random, Vector(75, 30, 1), 2, specialShare, specialShare > 0.1);
+        for (long long k : {3, 5, 7, 9})
+            for (long long rank : {0LL, (k * k - 1) / 2, k * k - 1, k + 1})
+            {
+                RankFilter filter(source.get(), k, rank, false);
+                Box const box(Vector(-2, -1, 0), Vector(72, 27, 0));
+                std::string const context = "share " + std::to_string(specialShare) + " k " + std::to_string(k) +
+                                            " rank " + std::to_string(rank);
+                EXPECT_TRUE(NuvekTest::sameBits(referenceOver(*source, k, rank, box), openOver(filter, box), box, context));
+            }
+    }
+}
