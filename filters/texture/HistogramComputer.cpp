@@ -53,7 +53,9 @@ private:
 };
 
 // Pass 2: for each bin, a running sum of k column counts along the row. The counts are integers, so
-// the running sum equals the sum of k counts taken afresh for every voxel.
+// the running sum equals the sum of k counts taken afresh for every voxel. Into a cleared out the
+// sums are stored rather than added: 0.0 + n is n, to the bit.
+template <bool add>
 void addWindowCounts(double* outRow, long long planeSize, CircularHistogramBuffers const& columns, long long numBins,
                      long long outWidth, long long kernelSize)
 {
@@ -64,11 +66,11 @@ void addWindowCounts(double* outRow, long long planeSize, CircularHistogramBuffe
         long long sum = 0;
         for (long long c = 0; c < kernelSize; ++c)
             sum += count[c];
-        out[0] += static_cast<double>(sum);
+        out[0] = add ? out[0] + static_cast<double>(sum) : static_cast<double>(sum);
         for (long long x = 1; x < outWidth; ++x)
         {
             sum += count[x + kernelSize - 1] - count[x - 1];
-            out[x] += static_cast<double>(sum);
+            out[x] = add ? out[x] + static_cast<double>(sum) : static_cast<double>(sum);
         }
     }
 }
@@ -96,6 +98,11 @@ long long HistogramComputer::valueToBin(double value) const
 }
 
 void HistogramComputer::compute(double* out, double* in, Vector extent) const
+{
+    countWindows(out, in, extent, true);
+}
+
+void HistogramComputer::countWindows(double* out, double const* in, Vector const& extent, bool add) const
 {
     if (kernelSize < 0)
         throw std::runtime_error("Kernel size must not be negative.");
@@ -126,7 +133,11 @@ void HistogramComputer::compute(double* out, double* in, Vector extent) const
         for (long long y = 0; y < extent.y; ++y)
         {
             pushRow(slice + (y + k - 1) * width);
-            addWindowCounts(out + z * sliceSize + y * extent.x, planeSize, columns, numBins, extent.x, k);
+            double* outRow = out + z * sliceSize + y * extent.x;
+            if (add)
+                addWindowCounts<true>(outRow, planeSize, columns, numBins, extent.x, k);
+            else
+                addWindowCounts<false>(outRow, planeSize, columns, numBins, extent.x, k);
         }
     }
 }
@@ -145,8 +156,8 @@ void HistogramComputer::compute(double* out, Image* input, Box box, long long le
     input->openRegion(work.data(), level, expanded);
 
     long long const size = box.getSize();
-    std::fill(out, out + numBins * size, 0.0);
-    compute(out, work.data(), box.getExtent());
+    // Every count is stored, which is what clearing out and adding the counts gives.
+    countWindows(out, work.data(), box.getExtent(), false);
 
     Vector const imageExtent = input->getExtent(level);
     if (box.intersected(Box(imageExtent)).getSize() >= size)

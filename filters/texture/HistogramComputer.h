@@ -50,6 +50,9 @@ public:
     long long getNumBins() const;
 
 private:
+    // The kernel of compute: adds the counts to out, or stores them when add is false.
+    void countWindows(double* out, double const* in, Vector const& extent, bool add) const;
+
     long long kernelSize;
     long long numBins;
     double binWidth;
