@@ -75,15 +75,15 @@ inline __attribute__((always_inline)) void sweepAlongRow(double const* row, doub
     }
 }
 
-// The extreme of `width` rows (rowStride apart) for each of `count` columns.
+// The extreme of `width` rows for each of `count` columns.
 template <bool maximum, long long width>
-inline __attribute__((always_inline)) void sweepAcrossRows(double const* top, long long rowStride, double* result, long long count)
+inline __attribute__((always_inline)) void sweepAcrossRows(double const* const* rows, double* result, long long count)
 {
     for (long long x = 0; x < count; ++x)
     {
-        double best = top[x];
+        double best = rows[0][x];
         for (long long j = 1; j < width; ++j)
-            best = pick<maximum>(best, top[j * rowStride + x]);
+            best = pick<maximum>(best, rows[j][x]);
         result[x] = best;
     }
 }
@@ -120,13 +120,81 @@ inline __attribute__((always_inline)) void extremaAlongRowFast(double const* row
 }
 
 // Buffers of one call, reused for every plane.
+// Running extrema along four rows at once: four independent chains, so that each comparison does
+// not wait for the one before it. Results of row l go to results + l * count.
+template <bool maximum>
+inline __attribute__((always_inline)) void runningExtremaOfFourRows(double const* row, long long width,
+                                                                    double* const* results, long long count,
+                                                                    long long k, double* prefix, double* suffix)
+{
+    double const* r0 = row;
+    double const* r1 = row + width;
+    double const* r2 = row + 2 * width;
+    double const* r3 = row + 3 * width;
+    double* p0 = prefix;
+    double* p1 = prefix + width;
+    double* p2 = prefix + 2 * width;
+    double* p3 = prefix + 3 * width;
+    double* s0 = suffix;
+    double* s1 = suffix + width;
+    double* s2 = suffix + 2 * width;
+    double* s3 = suffix + 3 * width;
+    long long const length = count + k - 1;
+    for (long long start = 0; start < length; start += k)
+    {
+        long long const end = std::min(start + k, length);
+        double a0 = r0[start], a1 = r1[start], a2 = r2[start], a3 = r3[start];
+        p0[start] = a0;
+        p1[start] = a1;
+        p2[start] = a2;
+        p3[start] = a3;
+        for (long long j = start + 1; j < end; ++j)
+        {
+            a0 = pick<maximum>(a0, r0[j]);
+            a1 = pick<maximum>(a1, r1[j]);
+            a2 = pick<maximum>(a2, r2[j]);
+            a3 = pick<maximum>(a3, r3[j]);
+            p0[j] = a0;
+            p1[j] = a1;
+            p2[j] = a2;
+            p3[j] = a3;
+        }
+        double b0 = r0[end - 1], b1 = r1[end - 1], b2 = r2[end - 1], b3 = r3[end - 1];
+        s0[end - 1] = b0;
+        s1[end - 1] = b1;
+        s2[end - 1] = b2;
+        s3[end - 1] = b3;
+        for (long long j = end - 2; j >= start; --j)
+        {
+            b0 = pick<maximum>(b0, r0[j]);
+            b1 = pick<maximum>(b1, r1[j]);
+            b2 = pick<maximum>(b2, r2[j]);
+            b3 = pick<maximum>(b3, r3[j]);
+            s0[j] = b0;
+            s1[j] = b1;
+            s2[j] = b2;
+            s3[j] = b3;
+        }
+    }
+    for (long long l = 0; l < 4; ++l)
+    {
+        double const* pre = prefix + l * width;
+        double const* suf = suffix + l * width;
+        double* result = results[l];
+        for (long long x = 0; x < count; ++x)
+            result[x] = pick<maximum>(suf[x], pre[x + k - 1]);
+    }
+}
+
+// Buffers of one call, reused for every plane.
 struct Scratch
 {
     Scratch(long long width, long long count, long long k)
-        : rowPrefix(static_cast<std::size_t>(k > directSweepLimit ? width : 0)),
+        : rowPrefix(static_cast<std::size_t>(k > directSweepLimit ? 4 * width : 0)),
           rowSuffix(rowPrefix.size()),
           sensitive(static_cast<std::size_t>(width)),
-          rows(static_cast<std::size_t>(k * count)),
+          pool(static_cast<std::size_t>((k + 4) * count)),
+          ring(static_cast<std::size_t>(k)),
           columnSuffix(static_cast<std::size_t>(k > directSweepLimit ? k * count : 0)),
           columnPrefix(static_cast<std::size_t>(k > directSweepLimit ? count : 0)),
           rowHasSensitive(static_cast<std::size_t>(k), 0),
@@ -137,21 +205,25 @@ struct Scratch
     std::vector<double> rowPrefix;
     std::vector<double> rowSuffix;
     std::vector<char> sensitive;
-    // Pass 1 results of the last k rows; row r sits in ring row r mod k, which is also its slot.
-    std::vector<double> rows;
+    // Pass 1 results of k + 4 rows: the k rows of the window and up to four taken ahead. Row r
+    // lives in pool row r mod (k + 4), so the rows taken ahead never replace a row of the window.
+    std::vector<double> pool;
+    // The window's rows by slot: row r is ring[r mod k], its slot in the ring of the scan.
+    std::vector<double const*> ring;
     std::vector<double> columnSuffix;
     std::vector<double> columnPrefix;
     std::vector<char> rowHasSensitive;
     std::vector<long long> sensitiveInWindow;
+
+    double* poolRow(long long r, long long k, long long count) { return pool.data() + (r % (k + 4)) * count; }
 };
 
-// Pass 1 on one row into result; windows holding NaN or -0.0 are scanned in slot order. Returns
-// whether any result is NaN or -0.0.
+// Pass 1 on one row: `result` holds the fast results; windows holding NaN or -0.0 are rescanned in
+// slot order. Returns whether any result is NaN or -0.0.
 template <bool maximum>
-inline __attribute__((always_inline)) bool extremaAlongRow(double const* row, long long width, double* result,
-                                                           long long count, long long k, Scratch& scratch)
+inline __attribute__((always_inline)) bool rescanSensitiveWindows(double const* row, long long width, double* result,
+                                                                  long long count, long long k, Scratch& scratch)
 {
-    extremaAlongRowFast<maximum>(row, result, count, k, scratch.rowPrefix.data(), scratch.rowSuffix.data());
     if (!anyOrderSensitive(row, width))
         return false;
     char* sensitive = scratch.sensitive.data();
@@ -178,7 +250,7 @@ __attribute__((target_clones("avx2", "default"))) void
 extremaOfPlane(double const* plane, long long width, long long height, double* out, long long count, long long k,
                Scratch& scratch)
 {
-    double* rows = scratch.rows.data();
+    double const** ring = scratch.ring.data();
     long long* sensitiveInWindow = scratch.sensitiveInWindow.data();
     long long rowsWithSensitive = 0;
     std::fill(scratch.rowHasSensitive.begin(), scratch.rowHasSensitive.end(), 0);
@@ -186,8 +258,21 @@ extremaOfPlane(double const* plane, long long width, long long height, double* o
     for (long long r = 0; r < height; ++r)
     {
         long long const slot = r % k;
-        double* entering = rows + slot * count;
-        bool const sensitive = extremaAlongRow<maximum>(plane + r * width, width, entering, count, k, scratch);
+        double const* row = plane + r * width;
+        double* entering = scratch.poolRow(r, k, count);
+        // Large windows: the fast results of four rows at a time, where four rows remain.
+        bool const inFours = k > directSweepLimit && (r & ~3LL) + 4 <= height;
+        if (inFours && (r & 3) == 0)
+        {
+            double* const results[4] = {entering, scratch.poolRow(r + 1, k, count), scratch.poolRow(r + 2, k, count),
+                                        scratch.poolRow(r + 3, k, count)};
+            runningExtremaOfFourRows<maximum>(row, width, results, count, k, scratch.rowPrefix.data(),
+                                              scratch.rowSuffix.data());
+        }
+        else if (!inFours)
+            extremaAlongRowFast<maximum>(row, entering, count, k, scratch.rowPrefix.data(), scratch.rowSuffix.data());
+        bool const sensitive = rescanSensitiveWindows<maximum>(row, width, entering, count, k, scratch);
+        ring[slot] = entering;
         scratch.rowHasSensitive[static_cast<std::size_t>(slot)] = sensitive;
         if (sensitive)
         {
@@ -196,23 +281,31 @@ extremaOfPlane(double const* plane, long long width, long long height, double* o
                 sensitiveInWindow[x] += isOrderSensitive(entering[x]);
         }
 
+        // Running extrema down the columns for large windows: the prefix of the current block of k
+        // rows grows row by row (at the block's first row it is that row); when a block is complete
+        // its suffixes are taken upwards (at its last row, that row).
+        double const* prefix = entering;
         if (k > directSweepLimit)
         {
-            // Running extrema down the columns: the prefix of the current block of k rows grows row
-            // by row; when a block is complete its suffixes are taken, upwards.
-            double* prefix = scratch.columnPrefix.data();
-            if (slot == 0)
-                std::copy(entering, entering + count, prefix);
-            else
+            if (slot > 0)
+            {
+                double* grown = scratch.columnPrefix.data();
+                double const* before = slot == 1 ? ring[0] : grown;
                 for (long long x = 0; x < count; ++x)
-                    prefix[x] = pick<maximum>(prefix[x], entering[x]);
-            if (slot == k - 1 || r == height - 1)
+                    grown[x] = pick<maximum>(before[x], entering[x]);
+                prefix = grown;
+            }
+            if (slot == k - 1)
             {
                 double* suffix = scratch.columnSuffix.data();
-                std::copy(entering, entering + count, suffix + slot * count);
-                for (long long t = slot - 1; t >= 0; --t)
+                double const* below = entering;
+                for (long long t = k - 2; t >= 0; --t)
+                {
+                    double* target = suffix + t * count;
                     for (long long x = 0; x < count; ++x)
-                        suffix[t * count + x] = pick<maximum>(suffix[(t + 1) * count + x], rows[t * count + x]);
+                        target[x] = pick<maximum>(below[x], ring[t][x]);
+                    below = target;
+                }
             }
         }
 
@@ -222,32 +315,37 @@ extremaOfPlane(double const* plane, long long width, long long height, double* o
         double* target = out + y * count;
         if (k > directSweepLimit)
         {
-            double const* suffix = scratch.columnSuffix.data() + (y % k) * count;
-            double const* prefix = scratch.columnPrefix.data();
+            long long const offset = y % k;
+            double const* suffix = offset == k - 1 ? ring[k - 1] : scratch.columnSuffix.data() + offset * count;
             for (long long x = 0; x < count; ++x)
                 target[x] = pick<maximum>(suffix[x], prefix[x]);
         }
         else
             switch (k)
             {
-            case 1: std::copy(entering, entering + count, target); break;
-            case 3: sweepAcrossRows<maximum, 3>(rows, count, target, count); break;
-            case 5: sweepAcrossRows<maximum, 5>(rows, count, target, count); break;
-            default: sweepAcrossRows<maximum, 7>(rows, count, target, count); break;
+            case 1: sweepAcrossRows<maximum, 1>(ring, target, count); break;
+            case 3: sweepAcrossRows<maximum, 3>(ring, target, count); break;
+            case 5: sweepAcrossRows<maximum, 5>(ring, target, count); break;
+            default: sweepAcrossRows<maximum, 7>(ring, target, count); break;
             }
 
         if (rowsWithSensitive > 0)
         {
             for (long long x = 0; x < count; ++x)
                 if (sensitiveInWindow[x] > 0)
-                    target[x] = scanSlots<maximum>(rows + x, count, k, 0);
+                {
+                    double best = ring[0][x];
+                    for (long long s = 1; s < k; ++s)
+                        best = pick<maximum>(best, ring[s][x]);
+                    target[x] = best;
+                }
             // Row y leaves the window.
             long long const leavingSlot = y % k;
             if (scratch.rowHasSensitive[static_cast<std::size_t>(leavingSlot)] != 0)
             {
                 --rowsWithSensitive;
                 scratch.rowHasSensitive[static_cast<std::size_t>(leavingSlot)] = 0;
-                double const* leaving = rows + leavingSlot * count;
+                double const* leaving = ring[leavingSlot];
                 for (long long x = 0; x < count; ++x)
                     sensitiveInWindow[x] -= isOrderSensitive(leaving[x]);
             }
