@@ -219,6 +219,12 @@ TEST(DownsampleFilter, AsksForTheClippedBoxAtSourceLevelAndWritesOnlyInsideTheIm
     // The reference writes inside only, so the sentinel must survive outside.
     EXPECT_EQ(out[0], sentinel);
 
+    // A box wholly inside goes straight from the block sums into out.
+    Box const inside(Vector(1, 2, 0), Vector(8, 6, 2));
+    std::vector<double> expectedInside = sentinelFilled(inside, 2);
+    NuvekReference::downsample(*source, 0, 2, inside, expectedInside);
+    EXPECT_TRUE(sameValues(expectedInside, openOverSentinel(filter, 2, inside), inside));
+
     // A box wholly outside the image asks for nothing and writes nothing.
     recording.clearRequests();
     Box const outside(Vector(9, 0, 0), Vector(12, 3, 0));
