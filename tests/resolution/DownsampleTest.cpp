@@ -247,41 +247,26 @@ TEST(DownsampleFilter, EqualsTheMemoryImagesOwnLevelsBitForBitOnOddSizes)
         for (long long level = 1; level <= 7; ++level)
         {
             Vector const levelExtent = image->getExtent(level);
+            Box const inside(levelExtent);
             std::string const context = describe(extent, numChannels, level);
-            ASSERT_EQ(filter.getExtent(level), levelExtent) << context;
-            Box const whole = Box(levelExtent).expanded(Vector(1, 1, 0));
-            if (!Box(levelExtent).isEmpty())
+            if (!inside.isEmpty())
             {
-                // The assumption the filter rests on.
-                Box const fine = Nuvek::convertToLevel(Box(levelExtent), level, 0);
-                EXPECT_EQ(fine.getExtent(), Vector(levelExtent.x << level, levelExtent.y << level, extent.z))
+                EXPECT_EQ(Nuvek::convertToLevel(inside, level, 0).getExtent(),
+                          Vector(levelExtent.x << level, levelExtent.y << level, extent.z))
                     << context;
             }
-            std::vector<double> expected = sentinelFilled(whole, numChannels);
-            image->openRegion(expected.data(), level, Box(levelExtent));
-            std::vector<double> inside(expected.begin(),
-                                       expected.begin() + static_cast<std::ptrdiff_t>(levelExtent.prod() * numChannels));
-            std::vector<double> framed = sentinelFilled(whole, numChannels);
-            NuvekTest::paste(framed, whole, inside, Box(levelExtent), numChannels);
-            if (Box(levelExtent).isEmpty())
-                framed = sentinelFilled(whole, numChannels);
-            EXPECT_TRUE(sameValues(framed, openOverSentinel(filter, level, whole), whole, context));
-            for (int i = 0; i < 4 && !Box(levelExtent).isEmpty(); ++i)
+            // The whole level with a frame around it, then boxes inside, across and beside the edge.
+            std::vector<Box> boxes = {inside.expanded(Vector(1, 1, 0))};
+            for (int i = 0; i < 4; ++i)
+                boxes.push_back(NuvekTest::randomBox(random, levelExtent, 9, 3));
+            for (Box const& box : boxes)
             {
-                Box const box = NuvekTest::randomBox(random, levelExtent, 9, 3);
-                std::vector<double> own = openWhole(*image, level, box);
-                std::vector<double> const filtered = openOverSentinel(filter, level, box);
-                // Outside the image the memory image reads 0.0 while the filter leaves the sentinel.
-                Box const clipped = box.intersected(Box(levelExtent));
-                if (clipped.isEmpty())
-                {
-                    EXPECT_EQ(filtered, sentinelFilled(box, numChannels)) << context;
-                    continue;
-                }
-                std::vector<double> expectedBox = sentinelFilled(box, numChannels);
-                NuvekTest::paste(expectedBox, box, NuvekTest::crop(own, box, clipped, numChannels), clipped,
-                                 numChannels);
-                EXPECT_TRUE(sameValues(expectedBox, filtered, box, context));
+                // Inside the image the memory image's own values; outside, the filter leaves out alone.
+                std::vector<double> expected = sentinelFilled(box, numChannels);
+                Box const clipped = box.intersected(inside);
+                if (!clipped.isEmpty())
+                    NuvekTest::paste(expected, box, openWhole(*image, level, clipped), clipped, numChannels);
+                EXPECT_TRUE(sameValues(expected, openOverSentinel(filter, level, box), box, context));
             }
         }
     }
@@ -319,12 +304,4 @@ TEST(DownsampleFilter, TilesAgreeWithOneLargeRequest)
     for (int threads = 1; threads <= 4; ++threads)
         EXPECT_TRUE(NuvekTest::sameBits(whole, NuvekTest::openTiled(filter, 1, box, {1, 8, 23}, {3, 17, 30}, threads),
                                         box, "threads " + std::to_string(threads)));
-}
-
-TEST(DownsampleFilter, OwnedInputIsDeletedWithTheFilter)
-{
-    // Under the address sanitizer a leaked input fails the run.
-    auto* image = new Nuvek::MemoryImage(Vector(4, 4, 1), 1, std::vector<double>(16, 2.0));
-    DownsampleFilter filter(image, 0, true);
-    EXPECT_EQ(openWhole(filter, 2, Box(Vector(1, 1, 1))), std::vector<double>{2.0});
 }
