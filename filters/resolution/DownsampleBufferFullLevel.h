@@ -48,9 +48,11 @@ void averageBlocksByDisplacements(TSource* src, TDestination* dst, Vector const&
                 }
 }
 
-// One destination row at a time, every column a lane of its own: the lanes advance together through
-// the block's members, which lets the compiler vectorise across columns. The row of sums is written
-// only once the block's source rows have been read, so src and dst may be the same buffer.
+// One destination row at a time, several columns side by side: their sums are independent, so
+// they advance together (vectorised across columns for blocks of 2, interleaved in registers for
+// larger blocks) instead of one long chain of additions per voxel. A value of the row is written only
+// after its whole block has been read, and every source value still to be read lies at or after it,
+// so src and dst may be the same buffer.
 template <typename TSource, typename TDestination>
 void averageBlocksByRows(TSource* src, TDestination* dst, Vector const& extent, long long numChannels,
                          long long levels)
@@ -65,7 +67,6 @@ void averageBlocksByRows(TSource* src, TDestination* dst, Vector const& extent, 
         return;
     double const divisor = static_cast<double>(f * f);
 
-    std::vector<double> sums(static_cast<std::size_t>(target.x));
     for (long long k = 0; k < numChannels; ++k)
         for (long long z = 0; z < extent.z; ++z)
             for (long long y = 0; y < target.y; ++y)
@@ -74,7 +75,6 @@ void averageBlocksByRows(TSource* src, TDestination* dst, Vector const& extent, 
                 TDestination* row = dst + k * targetChannel + z * target.x * target.y + y * target.x;
                 if (f == 2)
                 {
-                    // Writing row[x] cannot clobber a value still to be read: those lie at 2x + 2 or later.
                     TSource const* upper = block;
                     TSource const* lower = block + extent.x;
                     for (long long x = 0; x < target.x; ++x)
@@ -88,18 +88,37 @@ void averageBlocksByRows(TSource* src, TDestination* dst, Vector const& extent, 
                     }
                     continue;
                 }
-                double* lanes = sums.data();
-                for (long long x = 0; x < target.x; ++x)
-                    lanes[x] = 0.0;
-                for (long long by = 0; by < f; ++by)
+                long long x = 0;
+                for (; x + 4 <= target.x; x += 4)
                 {
-                    TSource const* sourceRow = block + by * extent.x;
-                    for (long long bx = 0; bx < f; ++bx)
-                        for (long long x = 0; x < target.x; ++x)
-                            lanes[x] += static_cast<double>(sourceRow[x * f + bx]);
+                    double sum0 = 0.0, sum1 = 0.0, sum2 = 0.0, sum3 = 0.0;
+                    for (long long by = 0; by < f; ++by)
+                    {
+                        TSource const* first = block + by * extent.x + x * f;
+                        for (long long bx = 0; bx < f; ++bx)
+                        {
+                            sum0 += static_cast<double>(first[bx]);
+                            sum1 += static_cast<double>(first[f + bx]);
+                            sum2 += static_cast<double>(first[2 * f + bx]);
+                            sum3 += static_cast<double>(first[3 * f + bx]);
+                        }
+                    }
+                    row[x] = static_cast<TDestination>(sum0 / divisor);
+                    row[x + 1] = static_cast<TDestination>(sum1 / divisor);
+                    row[x + 2] = static_cast<TDestination>(sum2 / divisor);
+                    row[x + 3] = static_cast<TDestination>(sum3 / divisor);
                 }
-                for (long long x = 0; x < target.x; ++x)
-                    row[x] = static_cast<TDestination>(lanes[x] / divisor);
+                for (; x < target.x; ++x)
+                {
+                    double sum = 0.0;
+                    for (long long by = 0; by < f; ++by)
+                    {
+                        TSource const* first = block + by * extent.x + x * f;
+                        for (long long bx = 0; bx < f; ++bx)
+                            sum += static_cast<double>(first[bx]);
+                    }
+                    row[x] = static_cast<TDestination>(sum / divisor);
+                }
             }
 }
 
