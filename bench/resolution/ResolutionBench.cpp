@@ -1,0 +1,161 @@
+// Resolution filters and the local normalization over a 2048 x 2048 image read in 512 x 512 tile
+// requests, single thread, next to the OpenCV operation that does the same kind of work on the
+// whole image at once. Items are output voxels.
+#include <nuvek/core/MemoryImage.h>
+#include <nuvek/filters/neighbourhood/LocalNormalizationFilter.h>
+#include <nuvek/filters/resolution/DownsampleFilter.h>
+#include <nuvek/filters/resolution/UpsampleFilter.h>
+
+#include "support/BenchImages.h"
+
+#include <benchmark/benchmark.h>
+
+#ifdef NUVEK_HAVE_OPENCV
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+#endif
+
+#include <vector>
+
+namespace {
+
+constexpr long long imageSize = 2048;
+constexpr long long tileSize = 512;
+
+std::shared_ptr<Nuvek::MemoryImage> const& sharedImage()
+{
+    static auto const image = NuvekBench::noiseImage(Nuvek::Vector(imageSize, imageSize, 1), 1);
+    return image;
+}
+
+// Opens the whole image at `level` through `image` in tiles, once per iteration.
+void runTiled(benchmark::State& state, Nuvek::Image& image, long long level)
+{
+    Nuvek::Box const whole(image.getExtent(level));
+    std::vector<Nuvek::Box> const tiles = NuvekBench::tilesOf(whole, tileSize);
+    std::vector<double> scratch;
+    std::vector<double> out(static_cast<std::size_t>(whole.getSize()));
+    for (auto _ : state)
+    {
+        NuvekBench::openTiles(image, level, whole, tiles, scratch, out.data());
+        benchmark::DoNotOptimize(out.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(state.iterations() * whole.getSize());
+}
+
+void downsample(benchmark::State& state)
+{
+    Nuvek::DownsampleFilter filter(sharedImage().get(), 0, false);
+    runTiled(state, filter, state.range(0));
+}
+BENCHMARK(downsample)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
+
+// The block averaging alone on one 1024 x 1024 source tile: the row-wise pass the filter uses and
+// the displacement-list pass that states the algorithm, giving the same bits.
+void averageBlocks(benchmark::State& state)
+{
+    long long const levels = state.range(0);
+    bool const byRows = state.range(1) != 0;
+    Nuvek::Vector const extent(1024, 1024, 1);
+    std::vector<double> const source(sharedImage()->getValues().begin(),
+                                     sharedImage()->getValues().begin() + static_cast<std::ptrdiff_t>(extent.prod()));
+    std::vector<double> target(static_cast<std::size_t>((extent.x >> levels) * (extent.y >> levels)));
+    for (auto _ : state)
+    {
+        if (byRows)
+            Nuvek::detail::averageBlocksByRows(source.data(), target.data(), extent, 1, levels);
+        else
+            Nuvek::detail::averageBlocksByDisplacements(source.data(), target.data(), extent, 1, levels);
+        benchmark::DoNotOptimize(target.data());
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<long long>(target.size()));
+}
+BENCHMARK(averageBlocks)
+    ->ArgNames({"levels", "byRows"})
+    ->Args({1, 0})
+    ->Args({1, 1})
+    ->Args({2, 0})
+    ->Args({2, 1})
+    ->Unit(benchmark::kMillisecond);
+
+void upsample(benchmark::State& state)
+{
+    auto const interpolation = static_cast<Nuvek::UpsampleFilter::Interpolation>(state.range(0));
+    Nuvek::UpsampleFilter filter(sharedImage().get(), 1, interpolation, false);
+    runTiled(state, filter, 0);
+}
+BENCHMARK(upsample)->ArgName("bilinear")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+void localNormalization(benchmark::State& state)
+{
+    Nuvek::LocalNormalizationFilter filter(sharedImage().get(), state.range(0), false);
+    runTiled(state, filter, 0);
+}
+BENCHMARK(localNormalization)->ArgName("backgroundLevel")->Arg(4)->Unit(benchmark::kMillisecond);
+
+#ifdef NUVEK_HAVE_OPENCV
+
+cv::Mat levelAsMat(long long level)
+{
+    Nuvek::Vector const extent = sharedImage()->getExtent(level);
+    cv::Mat mat(static_cast<int>(extent.y), static_cast<int>(extent.x), CV_64F);
+    sharedImage()->openRegion(mat.ptr<double>(), level, Nuvek::Box(extent));
+    return mat;
+}
+
+void opencvResizeArea(benchmark::State& state)
+{
+    cv::setNumThreads(1);
+    cv::Mat const source = levelAsMat(0);
+    int const f = 1 << state.range(0);
+    cv::Mat target;
+    for (auto _ : state)
+    {
+        cv::resize(source, target, cv::Size(source.cols / f, source.rows / f), 0, 0, cv::INTER_AREA);
+        benchmark::DoNotOptimize(target.data);
+    }
+    state.SetItemsProcessed(state.iterations() * target.rows * target.cols);
+}
+BENCHMARK(opencvResizeArea)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
+
+void opencvResizeUp(benchmark::State& state)
+{
+    cv::setNumThreads(1);
+    cv::Mat const source = levelAsMat(1);
+    int const interpolation = state.range(0) != 0 ? cv::INTER_LINEAR : cv::INTER_NEAREST;
+    cv::Mat target;
+    for (auto _ : state)
+    {
+        cv::resize(source, target, cv::Size(source.cols * 2, source.rows * 2), 0, 0, interpolation);
+        benchmark::DoNotOptimize(target.data);
+    }
+    state.SetItemsProcessed(state.iterations() * target.rows * target.cols);
+}
+BENCHMARK(opencvResizeUp)->ArgName("bilinear")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+// The same background removal from OpenCV parts: the coarse level enlarged bilinearly, subtracted,
+// and scaled into the range.
+void opencvLocalNormalization(benchmark::State& state)
+{
+    cv::setNumThreads(1);
+    cv::Mat const image = levelAsMat(0);
+    cv::Mat const coarse = levelAsMat(state.range(0));
+    Nuvek::ValueRange<double> const range = sharedImage()->getValueRange();
+    cv::Mat background;
+    cv::Mat difference;
+    cv::Mat target;
+    for (auto _ : state)
+    {
+        cv::resize(coarse, background, image.size(), 0, 0, cv::INTER_LINEAR);
+        cv::subtract(image, background, difference);
+        difference.convertTo(target, CV_64F, 0.5, 0.5 * (range.max - range.min) + range.min);
+        benchmark::DoNotOptimize(target.data);
+    }
+    state.SetItemsProcessed(state.iterations() * target.rows * target.cols);
+}
+BENCHMARK(opencvLocalNormalization)->ArgName("backgroundLevel")->Arg(4)->Unit(benchmark::kMillisecond);
+
+#endif
+
+} // namespace

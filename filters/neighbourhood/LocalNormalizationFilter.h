@@ -1,0 +1,50 @@
+#pragma once
+
+#include <nuvek/core/Filter.h>
+
+#include <vector>
+
+namespace Nuvek {
+
+/// \brief Removes slowly varying background: subtracts from every voxel the input's values at a
+/// coarser background level, bilinearly interpolated at the voxel, and maps the difference back
+/// into the input's value range.
+///
+/// With (min, max) the input's value range and R = max - min, an output voxel is
+/// (v - b + R) * 0.5 + min: a difference of -R gives min, 0 the middle of the range, +R gives max.
+/// The filter asks the input for the requested box at the requested level, and for the box
+/// (trunc(min / f) - 1 .. trunc(max / f) + 1) in x and y, the requested z, at the background level
+/// L, clipped to the input's extent at L, where f = 2^(L - level) is the size of one background
+/// voxel in voxels of the requested level (below 1 when the request is coarser than L). When that
+/// clipped box is empty, the output is the input unchanged.
+///
+/// The background at x is the bilinear mix of the background columns floor(x / f - 0.5) and one
+/// further with the weight x / f - (column + 0.5), and the rows likewise: voxel x is placed at its
+/// corner x / f while background voxel centres lie at i + 0.5, so even with f = 1 the background is
+/// a mix of neighbours, not the voxel itself. Indices are clamped into the clipped background box
+/// first, so beyond it the nearest edge values repeat. Output slice z reads background slice
+/// z - box.min.z, counted from the requested box's z; output slices for which the background box
+/// holds no such slice keep the input's values. Rows of the background interpolated along x are
+/// shared between the output rows that read them without changing a bit: every voxel gets the same
+/// operations in the same order. The level L is not validated: what the input does at a level it
+/// does not have is its own business.
+///
+/// Not thread-safe: the background values are read into a work cache that belongs to the filter and
+/// is written without a lock, so one LocalNormalizationFilter must not serve openRegion on two
+/// threads at once (use one filter per thread). The cache keeps at most 100000 values between calls.
+class LocalNormalizationFilter : public Filter
+{
+public:
+    LocalNormalizationFilter(Image* input, long long backgroundLevel, bool ownsInput);
+
+    void openRegion(double* out, long long level, Box const& box) override;
+
+    /// The number of values the work cache holds between calls (at most 100000).
+    long long getCacheSize() const;
+
+private:
+    long long backgroundLevel;
+    std::vector<double> cache;
+};
+
+} // namespace Nuvek
