@@ -5,6 +5,10 @@
 #include <stdexcept>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace Nuvek {
 
 namespace {
@@ -20,6 +24,7 @@ struct Envelope
 {
     explicit Envelope(long long length)
         : positions(static_cast<std::size_t>(std::max(length, 1LL))),
+          lifted(static_cast<std::size_t>(std::max(length, 1LL))),
           bounds(static_cast<std::size_t>(std::max(length, 1LL) + 1))
     {
     }
@@ -30,24 +35,26 @@ struct Envelope
     void build(double const* f, long long n)
     {
         long long* v = positions.data();
+        double* h = lifted.data();
         double* z = bounds.data();
         long long k = 0;
         v[0] = 0;
+        h[0] = f[0] + 0.0;
         z[0] = -farAway;
         z[1] = farAway;
         for (long long q = 1; q < n; ++q)
         {
-            double const lifted = f[q] + static_cast<double>(q * q);
+            double const hq = f[q] + static_cast<double>(q * q);
             double s;
             for (;;)
             {
-                long long const p = v[k];
-                s = (lifted - (f[p] + static_cast<double>(p * p))) / static_cast<double>(2 * q - 2 * p);
+                s = (hq - h[k]) / static_cast<double>(2 * q - 2 * v[k]);
                 if (!(s <= z[k]) || --k < 0)
                     break;
             }
             ++k;
             v[k] = q;
+            h[k] = hq;
             z[k] = s;
             z[k + 1] = farAway;
         }
@@ -70,7 +77,9 @@ struct Envelope
         }
     }
 
+    // Per parabola of the envelope: its position p, f[p] + p^2 and the lower end of its interval.
     std::vector<long long> positions;
+    std::vector<double> lifted;
     std::vector<double> bounds;
 };
 
@@ -113,9 +122,96 @@ void transformColumns(double* slice, long long width, long long height, long lon
     }
 }
 
+// Pass 1 when every seed of the slice is 0.0 or farAway. In a column holding a target, the lower
+// envelope of those parabolas is the nearest target's parabola at every row: the boundary between
+// two targets is their exact midpoint, and every boundary of a farAway parabola lies beyond
+// 1e20 / (2 * height) in magnitude, outside the column while height stays below 2^20, so none of
+// them owns a row. Its value there, (q - p)^2 + 0.0, is the squared distance found by two sweeps,
+// to the bit. A column without a target gets the envelope of an all-farAway column, built once.
+constexpr long long longestBinaryColumn = 1LL << 20;
+
+__attribute__((target_clones("avx2", "default"))) void
+transformBinaryColumns(double* slice, long long width, long long height, double value, long long firstRow,
+                       long long endRow)
+{
+    // A position beyond any column, on either side.
+    constexpr double none = 1e15;
+    std::vector<double> const seeds(static_cast<std::size_t>(height), farAway);
+    std::vector<double> farColumn(static_cast<std::size_t>(endRow - firstRow));
+    Envelope envelope(height);
+    envelope.build(seeds.data(), height);
+    envelope.sample(seeds.data(), firstRow, endRow, farColumn.data());
+
+    // Sweep up: the nearest target at or below every row, stored in place of the rows written.
+    std::vector<double> below(static_cast<std::size_t>(width), none);
+    double* __restrict nearestBelow = below.data();
+    for (long long y = height - 1; y >= firstRow; --y)
+    {
+        double* __restrict row = slice + y * width;
+        double const position = static_cast<double>(y);
+        if (y < endRow)
+            for (long long x = 0; x < width; ++x)
+            {
+                nearestBelow[x] = row[x] == value ? nearestBelow[x] : position;
+                row[x] = nearestBelow[x];
+            }
+        else
+            for (long long x = 0; x < width; ++x)
+                nearestBelow[x] = row[x] == value ? nearestBelow[x] : position;
+    }
+
+    // Sweep down: the nearest target at or above. In a written row a target is where the nearest
+    // target below is the row itself.
+    std::vector<double> above(static_cast<std::size_t>(width), -none);
+    double* __restrict nearestAbove = above.data();
+    for (long long y = 0; y < firstRow; ++y)
+    {
+        double const* __restrict row = slice + y * width;
+        double const position = static_cast<double>(y);
+        for (long long x = 0; x < width; ++x)
+            nearestAbove[x] = row[x] == value ? nearestAbove[x] : position;
+    }
+    for (long long y = firstRow; y < endRow; ++y)
+    {
+        double* __restrict row = slice + y * width;
+        double const position = static_cast<double>(y);
+        double const withoutTarget = farColumn[static_cast<std::size_t>(y - firstRow)];
+        for (long long x = 0; x < width; ++x)
+        {
+            double const down = row[x];
+            double const up = down == position ? position : nearestAbove[x];
+            nearestAbove[x] = up;
+            double const upDistance = position - up;
+            double const downDistance = down - position;
+            double const distance = upDistance < downDistance ? upDistance : downDistance;
+            double const squared = distance * distance;
+            // No target above and none below: the column has none.
+            double const unlessBelow = up == -none ? withoutTarget : squared;
+            row[x] = down == none ? unlessBelow : squared;
+        }
+    }
+}
+
+// Square roots capped at `cap`, NaN becoming the cap. minpd yields its first operand only when
+// that is smaller than the second, the same rule as the scalar loop.
+void takeCappedSquareRoots(double const* squared, long long count, double cap, double* out)
+{
+    long long x = 0;
+#if defined(__SSE2__)
+    __m128d const capLanes = _mm_set1_pd(cap);
+    for (; x + 2 <= count; x += 2)
+        _mm_storeu_pd(out + x, _mm_min_pd(_mm_sqrt_pd(_mm_loadu_pd(squared + x)), capLanes));
+#endif
+    for (; x < count; ++x)
+    {
+        double const distance = std::sqrt(squared[x]);
+        out[x] = distance < cap ? distance : cap;
+    }
+}
+
 // Pass 2: squared distances along the rows [firstRow, firstRow + rows) of the slice, then their
-// square roots capped at maxDistance (NaN becomes the cap), written to the first `columns` voxels
-// of consecutive output rows starting at `target`.
+// capped square roots, written to the first `columns` voxels of consecutive output rows starting
+// at `target`. Only the columns [firstColumn, firstColumn + columns) are evaluated.
 void transformRowsInto(double* target, long long targetWidth, double const* slice, long long width,
                        long long firstRow, long long rows, long long firstColumn, long long columns,
                        long long maxDistance)
@@ -128,12 +224,7 @@ void transformRowsInto(double* target, long long targetWidth, double const* slic
         double const* row = slice + (firstRow + y) * width;
         envelope.build(row, width);
         envelope.sample(row, firstColumn, firstColumn + columns, squared.data());
-        double* outRow = target + y * targetWidth;
-        for (long long x = 0; x < columns; ++x)
-        {
-            double const distance = std::sqrt(squared[static_cast<std::size_t>(x)]);
-            outRow[x] = distance < cap ? distance : cap;
-        }
+        takeCappedSquareRoots(squared.data(), columns, cap, target + y * targetWidth);
     }
 }
 
@@ -202,7 +293,11 @@ void DistanceTransformFilter::openRegion(double* out, long long level, Box const
     for (long long c = 0; c < numChannels; ++c)
     {
         double* slice = work.data() + c * grownSize;
-        transformColumns(slice, width, height, compared, value, margin, margin + written.y);
+        // Both column passes give the same bits where every seed is 0.0 or farAway.
+        if (compared >= width * height && height <= longestBinaryColumn)
+            transformBinaryColumns(slice, width, height, value, margin, margin + written.y);
+        else
+            transformColumns(slice, width, height, compared, value, margin, margin + written.y);
         transformRowsInto(out + c * boxSize, box.getExtent().x, slice, width, margin, written.y, margin, written.x,
                           maxDistance);
     }

@@ -410,3 +410,43 @@ TEST(DistanceTransformFilter, TilesAgreeWithOneLargeRequest)
         EXPECT_TRUE(NuvekTest::sameBits(whole, NuvekTest::openTiled(filter, 0, box, {5, 22, 23, 60}, {1, 17, 40}, threads),
                                         box, "threads " + std::to_string(threads)));
 }
+
+TEST(DistanceTransformFilter, BinaryAndGeneralColumnPassesAgree)
+{
+    // Seeds of 0.0 and 1e20 compared with 1e20 stay as they are, so a two-channel slice, whose later
+    // half goes into the passes as read, must give each channel what a one-channel image of it gives.
+    // Some columns hold no target at all.
+    std::mt19937_64 random(708);
+    for (int round = 0; round < 150; ++round)
+    {
+        Vector const extent(1 + round % 11 * 3, 1 + round * 7 % 29, 1);
+        long long const cap = round % 5 * 4;
+        std::bernoulli_distribution target(round % 3 == 0 ? 0.02 : 0.2);
+        std::bernoulli_distribution emptyColumn(0.3);
+        std::vector<double> values(static_cast<std::size_t>(2 * extent.x * extent.y));
+        for (long long c = 0; c < 2; ++c)
+            for (long long x = 0; x < extent.x; ++x)
+            {
+                bool const empty = emptyColumn(random);
+                for (long long y = 0; y < extent.y; ++y)
+                    values[static_cast<std::size_t>((c * extent.y + y) * extent.x + x)] =
+                        !empty && target(random) ? 0.0 : 1e20;
+            }
+        Nuvek::MemoryImage both(extent, 2, values);
+        DistanceTransformFilter general(&both, 1e20, cap, false);
+        Box const box = NuvekTest::randomOverlappingBox(random, extent, 30, 1);
+        std::vector<double> const fromBoth = openInto(general, 0, box, sentinel);
+        for (long long c = 0; c < 2; ++c)
+        {
+            long long const planeSize = extent.x * extent.y;
+            Nuvek::MemoryImage one(extent, 1,
+                                   std::vector<double>(values.begin() + c * planeSize,
+                                                       values.begin() + (c + 1) * planeSize));
+            DistanceTransformFilter binary(&one, 1e20, cap, false);
+            std::vector<double> const plane(fromBoth.begin() + c * box.getSize(),
+                                            fromBoth.begin() + (c + 1) * box.getSize());
+            ASSERT_TRUE(NuvekTest::sameBits(plane, openInto(binary, 0, box, sentinel), box,
+                                            "round " + std::to_string(round) + " channel " + std::to_string(c)));
+        }
+    }
+}
