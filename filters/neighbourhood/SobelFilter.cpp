@@ -1,0 +1,107 @@
+#include <nuvek/filters/neighbourhood/SobelFilter.h>
+
+#include <nuvek/filters/neighbourhood/GaussianBlurFilter.h>
+
+#include <stdexcept>
+#include <vector>
+
+namespace Nuvek {
+
+namespace {
+
+// -1 below the centre, 0 at it, +1 above it.
+std::vector<double> differenceKernel(long long kernelSize)
+{
+    long long const half = kernelSize / 2;
+    std::vector<double> kernel(static_cast<std::size_t>(kernelSize));
+    for (long long i = 0; i < kernelSize; ++i)
+        kernel[static_cast<std::size_t>(i)] = i < half ? -1.0 : (i == half ? 0.0 : 1.0);
+    return kernel;
+}
+
+} // namespace
+
+template <SobelOutput output>
+SobelFilter<output>::SobelFilter(Image* input, long long kernelSize, bool ownsInput) : Filter(input, ownsInput)
+{
+    if (kernelSize < 1)
+        throw std::runtime_error("Kernel size must be at least 1.");
+    std::vector<double> const difference = differenceKernel(kernelSize);
+    std::vector<double> const gaussian = GaussianBlurFilter::getGaussianKernel(kernelSize);
+    // The children share this filter's input and do not own it.
+    gradientX = std::make_unique<SeparableConvolutionFilter>(input, difference, gaussian, false);
+    gradientY = std::make_unique<SeparableConvolutionFilter>(input, gaussian, difference, false);
+}
+
+template <SobelOutput output>
+SobelFilter<output>::~SobelFilter() = default;
+
+template <SobelOutput output>
+long long SobelFilter<output>::getNumChannels() const
+{
+    return output == SobelOutput::Vector ? 2 * input->getNumChannels() : input->getNumChannels();
+}
+
+template <SobelOutput output>
+ValueRange<double> SobelFilter<output>::getValueRange() const
+{
+    // The ranges of the 3 x 3 case, deliberately not scaled with the kernel size.
+    ValueRange<double> const range = input->getValueRange();
+    double const spread = range.max - range.min;
+    if (output == SobelOutput::Vector)
+        return ValueRange<double>(-spread, spread);
+    return ValueRange<double>(0.0, spread * spread);
+}
+
+template <SobelOutput output>
+std::string SobelFilter<output>::getChannelName(long long index)
+{
+    // Only the first input channel's outputs have names, also for multi-channel inputs.
+    if (output == SobelOutput::Vector)
+    {
+        if (index == 0)
+            return "VectorX";
+        if (index == 1)
+            return "VectorY";
+    }
+    else if (index == 0)
+        return "Magnitude";
+    throw std::runtime_error("Invalid channel index. Cannot determine its name.");
+}
+
+template <SobelOutput output>
+void SobelFilter<output>::openRegion(double* out, long long level, Box const& box)
+{
+    if (box.isEmpty())
+        return;
+    long long const size = box.getSize();
+    long long const numChannels = input->getNumChannels();
+    std::vector<double> gradientsX(static_cast<std::size_t>(numChannels * size), 0.0);
+    std::vector<double> gradientsY(static_cast<std::size_t>(numChannels * size), 0.0);
+    gradientX->openRegion(gradientsX.data(), level, box);
+    gradientY->openRegion(gradientsY.data(), level, box);
+
+    if (output == SobelOutput::Vector)
+    {
+        for (long long c = 0; c < numChannels; ++c)
+            for (long long i = 0; i < size; ++i)
+            {
+                out[2 * c * size + i] = gradientsX[static_cast<std::size_t>(c * size + i)];
+                out[(2 * c + 1) * size + i] = gradientsY[static_cast<std::size_t>(c * size + i)];
+            }
+    }
+    else
+    {
+        for (long long i = 0; i < numChannels * size; ++i)
+        {
+            double const gx = gradientsX[static_cast<std::size_t>(i)];
+            double const gy = gradientsY[static_cast<std::size_t>(i)];
+            out[i] = gy * gy + gx * gx;
+        }
+    }
+}
+
+template class SobelFilter<SobelOutput::Vector>;
+template class SobelFilter<SobelOutput::Magnitude>;
+
+} // namespace Nuvek
