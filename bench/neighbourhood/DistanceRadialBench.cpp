@@ -2,8 +2,11 @@
 // transform as the peer and the step-by-step reference beside the filter.
 #include <nuvek/core/MemoryImage.h>
 #include <nuvek/filters/neighbourhood/DistanceTransformFilter.h>
+#include <nuvek/filters/neighbourhood/RadialSymmetryFilter.h>
+#include <nuvek/filters/neighbourhood/SobelFilter.h>
 
 #include "../../tests/reference/DistanceTransformReference.h"
+#include "../../tests/reference/RadialSymmetryReference.h"
 #include "support/BenchImages.h"
 
 #include <benchmark/benchmark.h>
@@ -128,5 +131,61 @@ BENCHMARK(distanceTransformTile)
     ->ArgsProduct({{256}, {256}, {3, 15, 63}})
     ->Args({255, 257, 15})
     ->Unit(benchmark::kMicrosecond);
+
+// Radial symmetry over the disc image (scaled to 0..255) as 16 requests of 512 x 512, one thread.
+void radialSymmetryTiles(benchmark::State& state)
+{
+    auto image = discImage();
+    std::vector<double> scaled = image->getValues();
+    for (double& value : scaled)
+        value *= 255.0;
+    image->setValues(std::move(scaled));
+    Nuvek::RadialSymmetryFilter filter(image.get(), static_cast<double>(state.range(0)), 10.0, false);
+    Nuvek::Box const whole(Nuvek::Vector(imageSize, imageSize, 1));
+    std::vector<Nuvek::Box> const tiles = NuvekBench::tilesOf(whole, tileSize);
+    std::vector<double> scratch;
+    std::vector<double> out(static_cast<std::size_t>(whole.getSize()));
+    for (auto _ : state)
+    {
+        NuvekBench::openTiles(filter, 0, whole, tiles, scratch, out.data());
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetItemsProcessed(state.iterations() * whole.getSize());
+}
+BENCHMARK(radialSymmetryTiles)->Arg(3)->Arg(8)->Arg(15)->Unit(benchmark::kMillisecond);
+
+// Radial symmetry on noise, where nearly every voxel votes: one 256 x 256 or odd 255 x 257 tile.
+void radialSymmetryNoiseTile(benchmark::State& state)
+{
+    auto image = NuvekBench::noiseImage(Nuvek::Vector(1024, 1024, 1), state.range(2));
+    Nuvek::RadialSymmetryFilter filter(image.get(), 8.0, 10.0, false);
+    Nuvek::Box const box(Nuvek::Vector(300, 200, 0), Nuvek::Vector(300 + state.range(0) - 1, 200 + state.range(1) - 1, 0));
+    std::vector<double> out(static_cast<std::size_t>(box.getSize() * state.range(2)));
+    for (auto _ : state)
+    {
+        filter.openRegion(out.data(), 0, box);
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetItemsProcessed(state.iterations() * box.getSize() * state.range(2));
+}
+BENCHMARK(radialSymmetryNoiseTile)->Args({256, 256, 1})->Args({255, 257, 1})->Args({256, 256, 3})->Unit(benchmark::kMillisecond);
+
+// The step-by-step reference on the same 256 x 256 noise tile, gradients included.
+void radialSymmetryReferenceNoiseTile(benchmark::State& state)
+{
+    auto image = NuvekBench::noiseImage(Nuvek::Vector(1024, 1024, 1), 1);
+    Nuvek::SobelVectorFilter sobel(image.get(), 3, false);
+    Nuvek::Box const box(Nuvek::Vector(300, 200, 0), Nuvek::Vector(555, 455, 0));
+    Nuvek::Box const gradientBox = box.expanded(Nuvek::Vector(8, 8, 0));
+    std::vector<double> gradients(static_cast<std::size_t>(2 * gradientBox.getSize()));
+    for (auto _ : state)
+    {
+        sobel.openRegion(gradients.data(), 0, gradientBox);
+        std::vector<double> const out = NuvekReference::radialSymmetry(gradients, box, 1, 8.0, 10.0);
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetItemsProcessed(state.iterations() * box.getSize());
+}
+BENCHMARK(radialSymmetryReferenceNoiseTile)->Unit(benchmark::kMillisecond);
 
 } // namespace

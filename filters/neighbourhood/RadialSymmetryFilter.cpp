@@ -57,64 +57,9 @@ std::int32_t absoluteAs32Bits(long long difference)
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(magnitude));
 }
 
-// Every voxel of the gradient box with a strong enough gradient adds its magnitude along its line,
-// clipped to the requested box, into the first slice of `plane`.
-void castVotes(double* plane, double const* gradientsX, double const* gradientsY, Vector const& gradientExtent,
-               Vector const& extentOut, long long r, double radius, double minMagnitudeSquared)
-{
-    PositionIterator positions(gradientExtent, Box(gradientExtent));
-    long long index;
-    while (positions.next(index))
-    {
-        double const gx = gradientsX[index];
-        double const gy = gradientsY[index];
-        double const magnitudeSquared = gx * gx + gy * gy;
-        if (minMagnitudeSquared > magnitudeSquared)
-            continue;
-        double const magnitude = std::sqrt(magnitudeSquared);
-        double const reachX = gx / magnitude * radius;
-        double const reachY = gy / magnitude * radius;
-        // No direction: a zero gradient (0 / 0), or a NaN or infinite one.
-        if (!std::isfinite(reachX) || !std::isfinite(reachY))
-            continue;
-        long long const dx = static_cast<long long>(reachX + 0.5);
-        long long const dy = static_cast<long long>(reachY + 0.5);
-        Vector const& position = positions.getPosition();
-        long long const qx = position.x - r;
-        long long const qy = position.y - r;
-        double xA = static_cast<double>(qx - dx);
-        double xB = static_cast<double>(qx + dx);
-        double yA = static_cast<double>(qy - dy);
-        double yB = static_cast<double>(qy + dy);
-        if (!RadialSymmetryFilter::clampLineToImageBounds(extentOut, xA, xB, yA, yB))
-            continue;
-        RadialSymmetryFilter::drawLine(plane, extentOut.x, magnitude, roundHalfUp(xA), roundHalfUp(xB),
-                                       roundHalfUp(yA), roundHalfUp(yB));
-    }
-}
-
-} // namespace
-
-RadialSymmetryFilter::RadialSymmetryFilter(Image* input, double radius, double magnitudeThreshold, bool ownsInput)
-    : Filter(input, ownsInput), radius(radius), minMagnitudeSquared(magnitudeThreshold * magnitudeThreshold)
-{
-    if (!std::isfinite(radius))
-        throw std::runtime_error("Radius must be a finite number.");
-    if (std::fabs(radius) > largestRadius)
-        throw std::runtime_error("Radius must not exceed 1e9 in magnitude.");
-    // The gradient filter shares the input and does not own it.
-    sobel = std::make_unique<SobelFilter<SobelOutput::Vector>>(input, 3, false);
-}
-
-RadialSymmetryFilter::~RadialSymmetryFilter() = default;
-
-ValueRange<double> RadialSymmetryFilter::getValueRange() const
-{
-    return ValueRange<double>(0.0, sobel->getValueRange().max * radius);
-}
-
-bool RadialSymmetryFilter::clampLineToImageBounds(Vector const& extent, double& xA, double& xB, double& yA,
-                                                  double& yB)
+// The clipping and drawing live here, where castVotes can inline them; the public static members
+// forward to them.
+bool clipSegment(Vector const& extent, double& xA, double& xB, double& yA, double& yB)
 {
     double const xMax = static_cast<double>(extent.x - 1);
     double const yMax = static_cast<double>(extent.y - 1);
@@ -176,25 +121,8 @@ bool RadialSymmetryFilter::clampLineToImageBounds(Vector const& extent, double& 
     return false;
 }
 
-bool RadialSymmetryFilter::clampLineToImageBounds(Vector const& extent, long long& xA, long long& xB, long long& yA,
-                                                  long long& yB)
-{
-    double clippedXA = static_cast<double>(xA);
-    double clippedXB = static_cast<double>(xB);
-    double clippedYA = static_cast<double>(yA);
-    double clippedYB = static_cast<double>(yB);
-    bool const inside = clampLineToImageBounds(extent, clippedXA, clippedXB, clippedYA, clippedYB);
-    // Written back whatever the result, so an outside segment's negative end points move up by one
-    // half and are truncated towards zero as well.
-    xA = roundHalfUp(clippedXA);
-    xB = roundHalfUp(clippedXB);
-    yA = roundHalfUp(clippedYA);
-    yB = roundHalfUp(clippedYB);
-    return inside;
-}
-
-void RadialSymmetryFilter::drawLine(double* plane, long long rowStride, double value, long long x0, long long x1,
-                                    long long y0, long long y1)
+void addAlongLine(double* plane, long long rowStride, double value, long long x0, long long x1, long long y0,
+                  long long y1)
 {
     long long const dX = x1 - x0;
     long long const dY = y1 - y0;
@@ -227,6 +155,90 @@ void RadialSymmetryFilter::drawLine(double* plane, long long rowStride, double v
                 break;
         }
     }
+}
+
+// Every voxel of the gradient box with a strong enough gradient adds its magnitude along its line,
+// clipped to the requested box, into the first slice of `plane`.
+void castVotes(double* plane, double const* gradientsX, double const* gradientsY, Vector const& gradientExtent,
+               Vector const& extentOut, long long r, double radius, double minMagnitudeSquared)
+{
+    PositionIterator positions(gradientExtent, Box(gradientExtent));
+    long long index;
+    while (positions.next(index))
+    {
+        double const gx = gradientsX[index];
+        double const gy = gradientsY[index];
+        double const magnitudeSquared = gx * gx + gy * gy;
+        if (minMagnitudeSquared > magnitudeSquared)
+            continue;
+        double const magnitude = std::sqrt(magnitudeSquared);
+        double const reachX = gx / magnitude * radius;
+        double const reachY = gy / magnitude * radius;
+        // No direction: a zero gradient (0 / 0), or a NaN or infinite one.
+        if (!std::isfinite(reachX) || !std::isfinite(reachY))
+            continue;
+        long long const dx = static_cast<long long>(reachX + 0.5);
+        long long const dy = static_cast<long long>(reachY + 0.5);
+        Vector const& position = positions.getPosition();
+        long long const qx = position.x - r;
+        long long const qy = position.y - r;
+        double xA = static_cast<double>(qx - dx);
+        double xB = static_cast<double>(qx + dx);
+        double yA = static_cast<double>(qy - dy);
+        double yB = static_cast<double>(qy + dy);
+        if (!clipSegment(extentOut, xA, xB, yA, yB))
+            continue;
+        addAlongLine(plane, extentOut.x, magnitude, roundHalfUp(xA), roundHalfUp(xB), roundHalfUp(yA), roundHalfUp(yB));
+    }
+}
+
+} // namespace
+
+RadialSymmetryFilter::RadialSymmetryFilter(Image* input, double radius, double magnitudeThreshold, bool ownsInput)
+    : Filter(input, ownsInput), radius(radius), minMagnitudeSquared(magnitudeThreshold * magnitudeThreshold)
+{
+    if (!std::isfinite(radius))
+        throw std::runtime_error("Radius must be a finite number.");
+    if (std::fabs(radius) > largestRadius)
+        throw std::runtime_error("Radius must not exceed 1e9 in magnitude.");
+    // The gradient filter shares the input and does not own it.
+    sobel = std::make_unique<SobelFilter<SobelOutput::Vector>>(input, 3, false);
+}
+
+RadialSymmetryFilter::~RadialSymmetryFilter() = default;
+
+ValueRange<double> RadialSymmetryFilter::getValueRange() const
+{
+    return ValueRange<double>(0.0, sobel->getValueRange().max * radius);
+}
+
+bool RadialSymmetryFilter::clampLineToImageBounds(Vector const& extent, double& xA, double& xB, double& yA,
+                                                  double& yB)
+{
+    return clipSegment(extent, xA, xB, yA, yB);
+}
+
+bool RadialSymmetryFilter::clampLineToImageBounds(Vector const& extent, long long& xA, long long& xB, long long& yA,
+                                                  long long& yB)
+{
+    double clippedXA = static_cast<double>(xA);
+    double clippedXB = static_cast<double>(xB);
+    double clippedYA = static_cast<double>(yA);
+    double clippedYB = static_cast<double>(yB);
+    bool const inside = clipSegment(extent, clippedXA, clippedXB, clippedYA, clippedYB);
+    // Written back whatever the result, so an outside segment's negative end points move up by one
+    // half and are truncated towards zero as well.
+    xA = roundHalfUp(clippedXA);
+    xB = roundHalfUp(clippedXB);
+    yA = roundHalfUp(clippedYA);
+    yB = roundHalfUp(clippedYB);
+    return inside;
+}
+
+void RadialSymmetryFilter::drawLine(double* plane, long long rowStride, double value, long long x0, long long x1,
+                                    long long y0, long long y1)
+{
+    addAlongLine(plane, rowStride, value, x0, x1, y0, y1);
 }
 
 void RadialSymmetryFilter::openRegion(double* out, long long level, Box const& box)
