@@ -118,7 +118,8 @@ void distanceTransformTile(benchmark::State& state)
 {
     auto image = discImage();
     Nuvek::DistanceTransformFilter filter(image.get(), 1.0, state.range(2), false);
-    Nuvek::Box const box(Nuvek::Vector(700, 900, 0), Nuvek::Vector(700 + state.range(0) - 1, 900 + state.range(1) - 1, 0));
+    Nuvek::Vector const first(700, 900, 0);
+    Nuvek::Box const box(first, first + Nuvek::Vector(state.range(0) - 1, state.range(1) - 1, 0));
     std::vector<double> out(static_cast<std::size_t>(box.getSize()));
     for (auto _ : state)
     {
@@ -159,7 +160,8 @@ void radialSymmetryNoiseTile(benchmark::State& state)
 {
     auto image = NuvekBench::noiseImage(Nuvek::Vector(1024, 1024, 1), state.range(2));
     Nuvek::RadialSymmetryFilter filter(image.get(), 8.0, 10.0, false);
-    Nuvek::Box const box(Nuvek::Vector(300, 200, 0), Nuvek::Vector(300 + state.range(0) - 1, 200 + state.range(1) - 1, 0));
+    Nuvek::Vector const first(300, 200, 0);
+    Nuvek::Box const box(first, first + Nuvek::Vector(state.range(0) - 1, state.range(1) - 1, 0));
     std::vector<double> out(static_cast<std::size_t>(box.getSize() * state.range(2)));
     for (auto _ : state)
     {
@@ -168,7 +170,11 @@ void radialSymmetryNoiseTile(benchmark::State& state)
     }
     state.SetItemsProcessed(state.iterations() * box.getSize() * state.range(2));
 }
-BENCHMARK(radialSymmetryNoiseTile)->Args({256, 256, 1})->Args({255, 257, 1})->Args({256, 256, 3})->Unit(benchmark::kMillisecond);
+BENCHMARK(radialSymmetryNoiseTile)
+    ->Args({256, 256, 1})
+    ->Args({255, 257, 1})
+    ->Args({256, 256, 3})
+    ->Unit(benchmark::kMillisecond);
 
 // The step-by-step reference on the same 256 x 256 noise tile, gradients included.
 void radialSymmetryReferenceNoiseTile(benchmark::State& state)

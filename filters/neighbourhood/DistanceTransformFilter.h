@@ -12,18 +12,19 @@ namespace Nuvek {
 /// `dt`, down the columns and then along the rows, and the output is their square root, capped.
 /// The filter asks its input for the requested box grown by `maxDistance` in x and y, not clipped
 /// to the extent, at the requested level; the margin does not change with the level. So a tile
-/// gets the same distances as a larger request wherever the nearest target lies within the cap,
-/// and at the border the input decides what lies beyond the extent (a source reading 0.0 there
-/// makes it a target unless `value` is 0.0).
+/// gets the same distances as a larger request (a target further away than the cap would only give
+/// the cap), and at the border the input decides what lies beyond the extent (a source reading 0.0
+/// there makes it a target unless `value` is 0.0).
 ///
 /// The transform works on the x/y plane. Of a box several slices deep only the first slice is
-/// transformed and written; the other slices of `out` are left as they are. Only a block of the
-/// size of the box's overlap with the input's extent is written, starting at the box's first voxel,
-/// so voxels of the box outside the extent are left unwritten whenever the box does not reach below
-/// the origin. Channel c is written at c * box.getSize(). Of every channel of the grown box only the
-/// first (voxel count of the grown box) / (number of channels) values are compared with `value`;
-/// the rest of the first slice goes into the passes as read. With one channel that is the whole
-/// channel.
+/// transformed and written; the other slices of `out` are left as they are. In that slice the filter
+/// writes a block as wide and as high as the box's overlap with the input's extent, starting at the
+/// box's first voxel: for a box reaching beyond the far borders exactly its voxels inside the
+/// extent, for one reaching below the origin its first voxels (outside the extent) and not the
+/// same number of inside voxels at its far end. A box wholly beside the extent in x or y gets nothing written. Channel
+/// c is written at c * box.getSize(). Of every channel of the grown box only the first (voxel count
+/// of the grown box) / (number of channels) values are compared with `value`; the rest of the first
+/// slice goes into the passes as read. With one channel that is the whole channel.
 ///
 /// The value range is [0, maxDistance]. A negative `maxDistance` is rejected. openRegion may run on
 /// several threads at once.

@@ -72,6 +72,8 @@ bool clipSegment(Vector const& extent, double& xA, double& xB, double& yA, doubl
         if (move == mostClippingMoves)
         {
             // Still straddling a border by rounding: the segment touches the rectangle there.
+            if (xMax < 0.0 || yMax < 0.0)
+                return false;
             xA = std::clamp(xA, 0.0, xMax);
             xB = std::clamp(xB, 0.0, xMax);
             yA = std::clamp(yA, 0.0, yMax);
@@ -260,8 +262,12 @@ void RadialSymmetryFilter::openRegion(double* out, long long level, Box const& b
     sobel->openRegion(gradients.data(), level, gradientBox);
 
     for (long long c = 0; c < numChannels; ++c)
-        castVotes(out + c * size, gradients.data() + 2 * c * gradientSize, gradients.data() + (2 * c + 1) * gradientSize,
-                  gradientBox.getExtent(), box.getExtent(), r, radius, minMagnitudeSquared);
+    {
+        double const* gradientsX = gradients.data() + 2 * c * gradientSize;
+        double const* gradientsY = gradientsX + gradientSize;
+        castVotes(out + c * size, gradientsX, gradientsY, gradientBox.getExtent(), box.getExtent(), r, radius,
+                  minMagnitudeSquared);
+    }
 }
 
 } // namespace Nuvek

@@ -407,8 +407,10 @@ TEST(DistanceTransformFilter, TilesAgreeWithOneLargeRequest)
     Box const box(Vector(71, 53, 1));
     std::vector<double> const whole = openWhole(filter, 0, box);
     for (int threads = 1; threads <= 3; ++threads)
-        EXPECT_TRUE(NuvekTest::sameBits(whole, NuvekTest::openTiled(filter, 0, box, {5, 22, 23, 60}, {1, 17, 40}, threads),
-                                        box, "threads " + std::to_string(threads)));
+    {
+        std::vector<double> const tiled = NuvekTest::openTiled(filter, 0, box, {5, 22, 23, 60}, {1, 17, 40}, threads);
+        EXPECT_TRUE(NuvekTest::sameBits(whole, tiled, box, "threads " + std::to_string(threads)));
+    }
 }
 
 TEST(DistanceTransformFilter, BinaryAndGeneralColumnPassesAgree)

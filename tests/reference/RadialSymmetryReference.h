@@ -160,9 +160,11 @@ inline std::vector<double> radialSymmetry(std::vector<double> const& gradients, 
                     double xB = static_cast<double>(qx + dx), yB = static_cast<double>(qy + dy);
                     if (!clampLine(extentOut, xA, xB, yA, yB))
                         continue;
-                    drawLine(out, static_cast<std::size_t>(k * N), extentOut.x, m,
-                             static_cast<long long>(std::trunc(xA + 0.5)), static_cast<long long>(std::trunc(xB + 0.5)),
-                             static_cast<long long>(std::trunc(yA + 0.5)), static_cast<long long>(std::trunc(yB + 0.5)));
+                    long long const x0 = static_cast<long long>(std::trunc(xA + 0.5));
+                    long long const x1 = static_cast<long long>(std::trunc(xB + 0.5));
+                    long long const y0 = static_cast<long long>(std::trunc(yA + 0.5));
+                    long long const y1 = static_cast<long long>(std::trunc(yB + 0.5));
+                    drawLine(out, static_cast<std::size_t>(k * N), extentOut.x, m, x0, x1, y0, y1);
                 }
     return out;
 }
