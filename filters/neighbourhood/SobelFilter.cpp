@@ -2,6 +2,7 @@
 
 #include <nuvek/filters/neighbourhood/GaussianBlurFilter.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <vector>
 
@@ -76,28 +77,38 @@ void SobelFilter<output>::openRegion(double* out, long long level, Box const& bo
         return;
     long long const size = box.getSize();
     long long const numChannels = input->getNumChannels();
-    std::vector<double> gradientsX(static_cast<std::size_t>(numChannels * size), 0.0);
+
+    if (output == SobelOutput::Vector && numChannels == 1)
+    {
+        // One input channel: X and Y are already the output's two planes.
+        gradientX->openRegion(out, level, box);
+        gradientY->openRegion(out + size, level, box);
+        return;
+    }
+
     std::vector<double> gradientsY(static_cast<std::size_t>(numChannels * size), 0.0);
-    gradientX->openRegion(gradientsX.data(), level, box);
     gradientY->openRegion(gradientsY.data(), level, box);
 
-    if (output == SobelOutput::Vector)
+    if (output == SobelOutput::Magnitude)
     {
-        for (long long c = 0; c < numChannels; ++c)
-            for (long long i = 0; i < size; ++i)
-            {
-                out[2 * c * size + i] = gradientsX[static_cast<std::size_t>(c * size + i)];
-                out[(2 * c + 1) * size + i] = gradientsY[static_cast<std::size_t>(c * size + i)];
-            }
-    }
-    else
-    {
+        // The x gradients go straight into out and are squared in place.
+        gradientX->openRegion(out, level, box);
         for (long long i = 0; i < numChannels * size; ++i)
         {
-            double const gx = gradientsX[static_cast<std::size_t>(i)];
+            double const gx = out[i];
             double const gy = gradientsY[static_cast<std::size_t>(i)];
             out[i] = gy * gy + gx * gx;
         }
+        return;
+    }
+
+    std::vector<double> gradientsX(static_cast<std::size_t>(numChannels * size), 0.0);
+    gradientX->openRegion(gradientsX.data(), level, box);
+    // The output channels alternate X and Y per input channel.
+    for (long long c = 0; c < numChannels; ++c)
+    {
+        std::copy(gradientsX.begin() + c * size, gradientsX.begin() + (c + 1) * size, out + 2 * c * size);
+        std::copy(gradientsY.begin() + c * size, gradientsY.begin() + (c + 1) * size, out + (2 * c + 1) * size);
     }
 }
 

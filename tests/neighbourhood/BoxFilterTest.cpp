@@ -97,6 +97,24 @@ TEST(BoxFilter, MatchesReferenceOnRandomBoxes)
     }
 }
 
+TEST(BoxFilter, MatchesReferenceAtWidthsAroundTheFastPathsBlocks)
+{
+    // Widths just below, at and above the fast path's threshold and vector widths, heights that
+    // leave groups of eight rows with and without remainder, kernels of 1 and larger than the box.
+    std::mt19937_64 random(46);
+    auto source = NuvekTest::randomImage(random, Vector(80, 60, 2), 2, {-100.0, 100.0, 0.002});
+    for (long long width : {7LL, 8LL, 9LL, 15LL, 16LL, 17LL, 31LL, 32LL, 33LL, 65LL})
+        for (long long k : {1LL, 3LL, 7LL, 41LL})
+        {
+            long long const height = 1 + (width * 7 + k) % 23;
+            Box const box(Vector(-3, 2, 0), Vector(width - 4, height + 1, 1));
+            BoxFilter filter(source.get(), k, k % 3 == 1, k == 7, false);
+            EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(NuvekReference::boxFilter(*source, 0, box, k, k % 3 == 1, k == 7),
+                                                  openWhole(filter, 0, box), box,
+                                                  "width " + std::to_string(width) + " k " + std::to_string(k)));
+        }
+}
+
 TEST(BoxFilter, MatchesDirectSumsWithinRunningSumRounding)
 {
     std::mt19937_64 random(43);

@@ -129,6 +129,24 @@ TEST(SeparableConvolutionFilter, MatchesReferenceOnRandomBoxes)
     }
 }
 
+TEST(SeparableConvolutionFilter, MatchesReferenceAtWidthsAroundTheFastPathsBlocks)
+{
+    // Widths just below, at and above the fast path's threshold and block widths, kernels of 1 and
+    // larger than the box.
+    std::mt19937_64 random(56);
+    auto source = NuvekTest::randomImage(random, Vector(90, 40, 1), 2, {-100.0, 100.0, 0.002});
+    for (long long width : {7LL, 8LL, 9LL, 15LL, 16LL, 17LL, 31LL, 32LL, 33LL, 63LL, 64LL, 65LL})
+        for (long long n : {1LL, 3LL, 9LL, 41LL})
+        {
+            std::vector<double> const kernelX = randomKernel(random, n), kernelY = randomKernel(random, n);
+            SeparableConvolutionFilter filter(source.get(), kernelX, kernelY, false);
+            Box const box(Vector(-2, 1, 0), Vector(width - 3, 1 + (width + n) % 13, 0));
+            EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(NuvekReference::separableFilter(*source, 0, box, kernelX, kernelY),
+                                                  openWhole(filter, 0, box), box,
+                                                  "width " + std::to_string(width) + " n " + std::to_string(n)));
+        }
+}
+
 TEST(SeparableConvolutionFilter, TilesAgreeWithOneLargeRequest)
 {
     std::mt19937_64 random(54);
