@@ -17,6 +17,13 @@ double logTransmission(double value)
     return std::log10(std::max(1.0, value) * 0.00390625);
 }
 
+// Out of line, so that building the message costs the per-voxel function nothing.
+[[noreturn, gnu::noinline, gnu::cold]] void throwTooFewValues(std::size_t numWeights, std::size_t numValues)
+{
+    throw std::runtime_error("ColorUnmixingFilter: " + std::to_string(numWeights) + " weights but only " +
+                             std::to_string(numValues) + " channel values.");
+}
+
 } // namespace
 
 ColorUnmixingFilter::ColorUnmixingFilter(ChannelBank* bank, std::vector<std::string> const& channelNames)
@@ -47,8 +54,7 @@ double ColorUnmixingFilter::processPixel(std::vector<double> const& values) cons
 {
     // The one check per voxel: more weights than values would read past the values.
     if (values.size() < weights.size())
-        throw std::runtime_error("ColorUnmixingFilter: " + std::to_string(weights.size()) + " weights but only " +
-                                 std::to_string(values.size()) + " channel values.");
+        throwTooFewValues(weights.size(), values.size());
     double density = 0.0;
     for (std::size_t i = 0; i < weights.size(); ++i)
     {
@@ -58,8 +64,8 @@ double ColorUnmixingFilter::processPixel(std::vector<double> const& values) cons
         // same operand, so the same bits. Values at or below 1 (and NaN) share the one of 1.
         if (!(value > 1.0))
             logarithm = integerLogs[1];
-        else if (value <= 256.0 && static_cast<double>(static_cast<std::size_t>(value)) == value)
-            logarithm = integerLogs[static_cast<std::size_t>(value)];
+        else if (value <= 256.0 && static_cast<double>(static_cast<int>(value)) == value)
+            logarithm = integerLogs[static_cast<std::size_t>(static_cast<int>(value))];
         else
             logarithm = logTransmission(value);
         density = density - logarithm * weights[i];
