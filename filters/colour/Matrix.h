@@ -5,17 +5,17 @@
 
 namespace Nuvek {
 
-/// \brief Small dense matrices of doubles, as the colour filters need them.
-///
-/// A matrix is a vector of rows. Its number of rows is the outer size and its number of columns the
-/// size of the first row (0 when there are no rows). No function modifies its input. Rows longer
-/// than the first one are not detected: their extra entries are simply not used. A row too short for
-/// an entry that a function has to read is rejected with std::runtime_error rather than read past
-/// its end.
-///
-/// The determinant is a recursive cofactor expansion along the first row and the inverse is the
-/// adjugate divided by the determinant, so both are exponential in the size: they are meant for the
-/// 3 x 3 colour matrices of the unmixing filter.
+// Small dense matrices of doubles, as the colour filters need them.
+//
+// A matrix is a vector of rows. Its number of rows is the outer size and its number of columns the
+// size of the first row (0 when there are no rows). No function modifies its input. Rows longer
+// than the first one are not detected: their extra entries are simply not used. A row too short for
+// an entry that a function has to read is rejected with std::runtime_error rather than read past
+// its end.
+//
+// The determinant is a recursive cofactor expansion along the first row and the inverse is the
+// adjugate divided by the determinant, so both are exponential in the size: they are meant for the
+// 3 x 3 colour matrices of the unmixing filter.
 
 /// The transpose: columns(m) rows of rows(m) entries, result[j][i] = m[i][j].
 std::vector<std::vector<double>> transposeMatrix(std::vector<std::vector<double>> const& m);

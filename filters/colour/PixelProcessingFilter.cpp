@@ -73,14 +73,17 @@ std::vector<std::string> PixelProcessingFilter::getChannelSelection() const
 void PixelProcessingFilter::openRegionInImage(double* out, long long level, Box const& region, Box const& imageRegion)
 {
     // The whole region is read, though only imageRegion is processed.
-    std::unique_ptr<Buffer<double>> const channels = channelBank->openRegion(channelNames, region, level);
+    std::unique_ptr<Buffer<double> const> const channels = channelBank->openRegion(channelNames, region, level);
+    // The plane pointers once per call rather than the plane size once per voxel.
+    std::vector<double const*> const planes = channels->getPtrVector();
     std::vector<double> values(channelNames.size());
 
     PositionIterator positions(region.getExtent(), imageRegion.translated(region.min * -1));
     long long index = 0;
     while (positions.next(index))
     {
-        channels->readChannelValues(index, values);
+        for (std::size_t k = 0; k < planes.size(); ++k)
+            values[k] = planes[k][index];
         out[index] = processPixel(values);
     }
 }

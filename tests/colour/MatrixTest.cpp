@@ -199,14 +199,10 @@ TEST(Matrix, RowsTooShortToReadAreRejected)
 {
     EXPECT_EQ(messageOf([] { transposeMatrix({{1, 2}, {3}}); }),
               "transposeMatrix: row 1 of the matrix has 1 entries where 2 are needed.");
-    EXPECT_EQ(messageOf([] { multMatrix({{1, 2}, {3}}, {{1}, {2}}); }),
-              "multMatrix: row 1 of the first matrix has 1 entries where 2 are needed.");
     EXPECT_EQ(messageOf([] { multMatrix({{1, 2}}, {{1, 2}, {3}}); }),
               "multMatrix: row 1 of the second matrix has 1 entries where 2 are needed.");
     EXPECT_EQ(messageOf([] { calcMatrixDet({{1, 2}, {3}}); }),
               "calcMatrixDet: row 1 of the matrix has 1 entries where 2 are needed.");
-    EXPECT_EQ(messageOf([] { calcMatrixDet({{}}); }),
-              "calcMatrixDet: row 0 of the matrix has 0 entries where 1 are needed.");
     EXPECT_EQ(messageOf([] { invertMatrix({{1, 2}, {3}}); }),
               "invertMatrix: row 1 of the matrix has 1 entries where 2 are needed.");
     EXPECT_EQ(messageOf([] { calcMinorMatrix({{1, 2}, {3, 4}}, 2, 0); }),
