@@ -149,9 +149,8 @@ void unmixAndReport(Nuvek::Vector const& extent, std::vector<Stain> const& stain
 int main()
 {
     Nuvek::Vector const extent(96, 64, 1);
-    std::vector<Stain> const stains{{"nuclear", {72, 62, 160}},
-                                    {"counterstain", {232, 112, 172}},
-                                    {"chromogen", {152, 108, 62}}};
+    std::vector<Stain> const stains{
+        {"nuclear", {72, 62, 160}}, {"counterstain", {232, 112, 172}}, {"chromogen", {152, 108, 62}}};
 
     std::printf("Three stains, %lld x %lld voxels, 8-bit RGB\n\n", extent.x, extent.y);
     unmixAndReport(extent, stains, makeAmounts(extent, true));

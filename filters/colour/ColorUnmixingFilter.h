@@ -14,10 +14,10 @@ namespace Nuvek {
 /// full transmission. Each value v becomes the optical density OD(v) = -log10(max(1, v) / 256), so
 /// values below 1, and NaN, count as 1. An output voxel is 1 - min(1, 10^-d) with
 /// d = sum over i of weights[i] * OD(values[i]): 0.0 where the colour is absent (or d is not
-/// positive), approaching 1.0 for strong absorption. The weights are one row of the matrix that
-/// computeMatrixFromColors builds from the reference colours; until reinit gives them, the weights
-/// are empty and the output is 0.0. processPixel throws std::runtime_error when it receives fewer values
-/// than there are weights.
+/// positive, or NaN), approaching 1.0 for strong absorption. The weights are one row of the matrix
+/// that computeMatrixFromColors builds from the reference colours; until reinit gives them, the
+/// weights are empty and the output is 0.0. processPixel throws std::runtime_error when it receives
+/// fewer values than there are weights.
 ///
 /// The filter reads the selected channels for the requested box and level; voxels outside the image
 /// are 0.0. Every reinit raises getHash by one. openRegion may run on several threads at once when

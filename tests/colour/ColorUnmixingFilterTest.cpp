@@ -220,7 +220,8 @@ TEST(ColorUnmixingFilter, FilterMatchesReferenceOnRandomBoxes)
         std::vector<double> const expected = NuvekReference::processRegion(
             planes, box, image->getExtent(level),
             [&weights](std::vector<double> const& v) { return NuvekReference::unmix(v, weights); });
-        EXPECT_TRUE(NuvekTest::sameBits(expected, openWhole(filter, level, box), box, "round " + std::to_string(round)));
+        EXPECT_TRUE(
+            NuvekTest::sameBits(expected, openWhole(filter, level, box), box, "round " + std::to_string(round)));
     }
 }
 
@@ -243,7 +244,8 @@ TEST(ColorUnmixingFilter, TilesOnSeveralThreadsAgreeWithOneLargeRequest)
 
 TEST(ColorUnmixingFilter, MatrixOfOrthonormalDensitiesIsTheIdentityAndOfNoDensityNaN)
 {
-    Matrix const matrix = ColorUnmixingFilter::computeMatrixFromColors({{25.6, 256, 256}, {256, 25.6, 256}, {256, 256, 25.6}});
+    Matrix const matrix =
+        ColorUnmixingFilter::computeMatrixFromColors({{25.6, 256, 256}, {256, 25.6, 256}, {256, 256, 25.6}});
     EXPECT_EQ(matrix, (Matrix{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}));
     // A colour of full transmission has no density to scale to unit length: 0 / 0.
     for (auto const& row : ColorUnmixingFilter::computeMatrixFromColors({{256, 256, 256}, {25.6, 256, 256}}))
@@ -289,8 +291,8 @@ TEST(ColorUnmixingFilter, UnmixingRecoversTheAmountsOfAMixture)
         lengths.push_back(std::sqrt(squares));
     }
     Unmixer unmixer;
-    for (std::vector<double> const& amounts : {std::vector<double>{0.5, 0.2, 0.0}, std::vector<double>{0.0, 1.0, 0.3},
-                                              std::vector<double>{0.1, 0.1, 0.7}})
+    for (std::vector<double> const& amounts :
+         {std::vector<double>{0.5, 0.2, 0.0}, std::vector<double>{0.0, 1.0, 0.3}, std::vector<double>{0.1, 0.1, 0.7}})
     {
         std::vector<double> mixture(3);
         for (std::size_t c = 0; c < 3; ++c)

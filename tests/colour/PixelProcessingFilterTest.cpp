@@ -109,8 +109,10 @@ TEST(PixelProcessingFilter, UnknownChannelIsNamedInTheMessage)
     ChannelBank bank(&image);
     EXPECT_EQ(messageOfConstruction(&bank, {"Red", "foo", "bar"}),
               "Cannot instantiate PixelProcessingFilter. No such channel \"foo\"");
-    EXPECT_EQ(messageOfConstruction(&bank, {"red"}), "Cannot instantiate PixelProcessingFilter. No such channel \"red\"");
-    EXPECT_EQ(messageOfConstruction(nullptr, {"Red"}), "Cannot instantiate PixelProcessingFilter without a channel bank.");
+    EXPECT_EQ(messageOfConstruction(&bank, {"red"}),
+              "Cannot instantiate PixelProcessingFilter. No such channel \"red\"");
+    EXPECT_EQ(messageOfConstruction(nullptr, {"Red"}),
+              "Cannot instantiate PixelProcessingFilter without a channel bank.");
 }
 
 TEST(PixelProcessingFilter, EmptySelectionOrEmptyBoxWritesNothing)
@@ -142,8 +144,8 @@ TEST(PixelProcessingFilter, BoxInsideTheImageIsWrittenOnlyByProcessPixel)
     filter.openRegion(out.data(), 0, box);
     EXPECT_EQ(filter.calls.load(), box.getSize());
     std::vector<double> const plane(out.begin(), out.begin() + box.getSize());
-    std::vector<double> const expected =
-        NuvekReference::processRegion(selectedPlanes(*image, 0, box, {"Green", "Alpha"}), box, image->getExtent(0), fold);
+    std::vector<double> const expected = NuvekReference::processRegion(
+        selectedPlanes(*image, 0, box, {"Green", "Alpha"}), box, image->getExtent(0), fold);
     EXPECT_TRUE(NuvekTest::sameBits(expected, plane, box));
     for (std::size_t i = static_cast<std::size_t>(box.getSize()); i < out.size(); ++i)
         EXPECT_EQ(out[i], -7.0) << i;
@@ -160,8 +162,8 @@ TEST(PixelProcessingFilter, OutsideVoxelsAreZeroAndNeverProcessed)
     std::vector<double> out(static_cast<std::size_t>(straddling.getSize()), -7.0);
     filter.openRegion(out.data(), 0, straddling);
     EXPECT_EQ(filter.calls.load(), straddling.intersected(Box(image->getExtent(0))).getSize());
-    std::vector<double> const expected =
-        NuvekReference::processRegion(selectedPlanes(*image, 0, straddling, {"Red"}), straddling, image->getExtent(0), fold);
+    std::vector<double> const expected = NuvekReference::processRegion(selectedPlanes(*image, 0, straddling, {"Red"}),
+                                                                       straddling, image->getExtent(0), fold);
     EXPECT_TRUE(NuvekTest::sameBits(expected, out, straddling));
 
     filter.calls = 0;
@@ -210,7 +212,8 @@ TEST(PixelProcessingFilter, TilesAgreeWithOneLargeRequest)
     Box const box(Vector(-5, -3, 0), Vector(49, 40, 1));
     std::vector<double> const whole = openWhole(filter, 0, box);
     for (int threads = 1; threads <= 4; threads += 3)
-        EXPECT_TRUE(NuvekTest::sameBits(whole, NuvekTest::openTiled(filter, 0, box, {-2, 9, 31, 44}, {1, 17, 39}, threads),
+        EXPECT_TRUE(NuvekTest::sameBits(whole,
+                                        NuvekTest::openTiled(filter, 0, box, {-2, 9, 31, 44}, {1, 17, 39}, threads),
                                         box, "threads " + std::to_string(threads)));
 }
 
