@@ -108,6 +108,15 @@ std::unique_ptr<Buffer<double>> ChannelBank::openRegion(std::vector<std::string>
     long long const size = box.getSize();
     if (size == 0 || indices.empty())
         return buffer;
+    // All channels of the image in their own order: the image writes straight into the buffer.
+    bool inImageOrder = static_cast<long long>(indices.size()) == image->getNumChannels();
+    for (std::size_t i = 0; inImageOrder && i < indices.size(); ++i)
+        inImageOrder = indices[i] == static_cast<long long>(i);
+    if (inImageOrder)
+    {
+        image->openRegion(buffer->getPtr(0), level, box);
+        return buffer;
+    }
     std::vector<double> all(static_cast<std::size_t>(size * image->getNumChannels()), 0.0);
     image->openRegion(all.data(), level, box);
     for (std::size_t i = 0; i < indices.size(); ++i)

@@ -64,6 +64,9 @@ TEST(ChannelBank, OpenRegionReturnsTheNamedChannelsInTheOrderAsked)
         EXPECT_EQ(buffer->getPtr(1)[i], all[static_cast<std::size_t>(i)]);
         EXPECT_EQ(buffer->getPtr(2)[i], all[static_cast<std::size_t>(2 * size + i)]);
     }
+    // All channels in the image's order take the direct path; the values are the same.
+    std::unique_ptr<Nuvek::Buffer<double>> const ordered = bank.openRegion({"a", "b", "c"}, box, 1);
+    EXPECT_EQ(std::vector<double>(ordered->getPtr(0), ordered->getPtr(0) + 3 * size), all);
     try
     {
         bank.openRegion({"a", "z"}, box, 0);
