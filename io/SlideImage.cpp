@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <functional>
+#include <string>
 #include <stdexcept>
 #include <vector>
 
@@ -37,6 +38,27 @@ double channelOf(std::uint32_t argb, int shift)
     if (alpha == 0)
         return 0.0;
     return static_cast<double>(std::min<std::uint32_t>(255, (value * 255 + alpha / 2) / alpha));
+}
+
+long long tileHeightOf(openslide_t* slide, int level)
+{
+    std::string const name = "openslide.level[" + std::to_string(level) + "].tile-height";
+    char const* value = openslide_get_property_value(slide, name.c_str());
+    return value == nullptr ? 0 : std::atoll(value);
+}
+
+// Nanometres per pixel from OpenSlide's copy of the TIFF resolution tags, 0 when they say nothing.
+long long nanometresFromTiff(openslide_t* slide, char const* resolutionName)
+{
+    char const* unit = openslide_get_property_value(slide, "tiff.ResolutionUnit");
+    char const* resolution = openslide_get_property_value(slide, resolutionName);
+    if (unit == nullptr || resolution == nullptr)
+        return 0;
+    double const perUnit = std::string(unit) == "centimeter" ? 1e7 : (std::string(unit) == "inch" ? 2.54e7 : 0.0);
+    double const pixels = std::strtod(resolution, nullptr);
+    if (!(perUnit > 0.0) || !(pixels > 0.0) || !(perUnit / pixels < 1e15))
+        return 0;
+    return std::max(1LL, static_cast<long long>(std::llround(perUnit / pixels)));
 }
 
 } // namespace
@@ -77,6 +99,10 @@ SlideImage::SlideImage(std::string const& path) : internals(std::make_unique<Int
     if (char const* error = openslide_get_error(state.slide))
         state.fail(error);
 
+    // OpenSlide 3 decodes tiles that are not JPEG through libtiff's RGBA interface, which since
+    // libtiff 4.4 places a tile taller than its level at the bottom of the raster instead of the
+    // top; OpenSlide 3 then returns the level's rows shifted and partly blank.
+    bool const misreadsShortLevels = std::string(openslide_get_version()).rfind("3.", 0) == 0;
     int const count = openslide_get_level_count(state.slide);
     if (count < 1)
         state.fail("the slide has no levels");
@@ -88,6 +114,13 @@ SlideImage::SlideImage(std::string const& path) : internals(std::make_unique<Int
         double const factor = openslide_get_level_downsample(state.slide, k);
         if (width < 1 || height < 1 || !(factor >= 1.0))
             continue;
+        if (misreadsShortLevels && height < tileHeightOf(state.slide, k))
+        {
+            if (k == 0)
+                state.fail("the full-resolution level is shorter than one tile, which OpenSlide " +
+                           std::string(openslide_get_version()) + " misreads");
+            continue;
+        }
         long long const level = std::llround(std::log2(factor));
         if (level > 40 || std::fabs(factor - std::ldexp(1.0, static_cast<int>(level))) > 0.01 * std::ldexp(1.0, static_cast<int>(level)))
             continue;
@@ -112,8 +145,12 @@ SlideImage::SlideImage(std::string const& path) : internals(std::make_unique<Int
 
     char const* micronsX = openslide_get_property_value(state.slide, OPENSLIDE_PROPERTY_NAME_MPP_X);
     char const* micronsY = openslide_get_property_value(state.slide, OPENSLIDE_PROPERTY_NAME_MPP_Y);
+    long long const tiffX = nanometresFromTiff(state.slide, "tiff.XResolution");
+    long long const tiffY = nanometresFromTiff(state.slide, "tiff.YResolution");
     if (micronsX != nullptr && micronsY != nullptr)
         state.voxelSize = Vector(nanometresFrom(micronsX), nanometresFrom(micronsY), 1);
+    else if (tiffX > 0 && tiffY > 0)
+        state.voxelSize = Vector(tiffX, tiffY, 1);
     char const* tileWidth = openslide_get_property_value(state.slide, "openslide.level[0].tile-width");
     char const* tileHeight = openslide_get_property_value(state.slide, "openslide.level[0].tile-height");
     if (tileWidth != nullptr && tileHeight != nullptr)

@@ -15,13 +15,18 @@ namespace Nuvek {
 /// alpha again, and where it is fully transparent (outside the scanned area) it is 0.
 ///
 /// Levels. OpenSlide level k with downsample d becomes level L = log2(d) when d lies within 1% of a
-/// power of two (the first such OpenSlide level wins); other OpenSlide levels are not used.
+/// power of two (the first such OpenSlide level wins); other OpenSlide levels are not used. With
+/// OpenSlide 3 (as in Debian 12), a level shorter than its tile height is not used either:
+/// OpenSlide 3 with libtiff 4.4 or newer returns such a level's rows shifted down and partly blank
+/// (for a full-resolution level that short the constructor throws).
 /// getNumLevels() is one more than the coarsest level found; a level in between that the slide
 /// lacks is reported by hasLevel() and never made up: openRegion() on it throws. getExtent() of a
 /// present level is OpenSlide's size of it; of any other level (x >> L, y >> L, 1).
 ///
 /// Voxel size: the slide's microns per pixel (the "openslide.mpp-x" and "openslide.mpp-y"
-/// properties) in nanometres, rounded, at least 1; 1 where the slide does not say; z is 1; level L
+/// properties) in nanometres, rounded, at least 1; else the TIFF resolution (the "tiff.XResolution",
+/// "tiff.YResolution" and "tiff.ResolutionUnit" properties, centimetre or inch) in nanometres; 1
+/// where the slide says neither; z is 1; level L
 /// multiplies x and y by 2^L. The tile extent is OpenSlide's level-0 tile size when it reports
 /// one, else (256, 256, 1). getHash() is constant: the file must not change while it is open.
 ///
