@@ -56,6 +56,8 @@ void writePage(TIFF* tiff, TiffSpec const& spec, PageSpec const& page, long long
     if (!odd && samples > (spec.rgb ? 3 : 1))
     {
         std::vector<std::uint16_t> extra(samples - (spec.rgb ? 3u : 1u), EXTRASAMPLE_UNSPECIFIED);
+        if (spec.alpha)
+            extra[0] = EXTRASAMPLE_UNASSALPHA;
         TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, static_cast<std::uint16_t>(extra.size()), extra.data());
     }
     TIFFSetField(tiff, TIFFTAG_COMPRESSION, spec.compression);

@@ -34,6 +34,8 @@ struct TiffSpec
     bool floating = false;
     bool planar = false;
     bool rgb = false;
+    /// The first extra sample is unassociated alpha (else every extra sample is unspecified).
+    bool alpha = false;
     std::uint16_t compression = 1;
     /// 0: strips of rowsPerStrip rows.
     std::uint32_t tileWidth = 0;
