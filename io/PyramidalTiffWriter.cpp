@@ -235,7 +235,8 @@ private:
         if (worker.readerDirectory != directory)
         {
             worker.reader.reset();
-            worker.reader = std::make_unique<TiffHandle>(temporaryPath, "r", context);
+            // Not memory-mapped ("m"): mapped pages of the file would count as the process's memory.
+            worker.reader = std::make_unique<TiffHandle>(temporaryPath, "rm", context);
             if (TIFFSetDirectory(worker.reader->get(), static_cast<tdir_t>(directory)) != 1)
                 worker.reader->fail("cannot read back page " + std::to_string(directory));
             worker.readerDirectory = directory;

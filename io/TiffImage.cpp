@@ -162,7 +162,9 @@ void convertRowOf(Page const& page, unsigned char const* source, long long step,
 // One libtiff handle with the page it currently reads and a decode buffer.
 struct Reader
 {
-    Reader(std::string const& path) : handle(path, "r", context) {}
+    // Not memory-mapped ("m"): every page read of a large file would stay in the process's
+    // resident memory; reading tiles through ordinary reads keeps it bounded.
+    explicit Reader(std::string const& path) : handle(path, "rm", context) {}
 
     void select(Page const& page)
     {
@@ -342,16 +344,15 @@ TiffImage::TiffImage(std::string const& path) : internals(std::make_unique<Inter
     for (std::size_t p = 0; p < mainPages.size(); ++p)
         for (std::uint64_t offset : mainPages[p].subOffsets)
         {
+            // Like a damaged page of the main chain, a damaged SubIFD is not used.
             handle.clearError();
-            if (TIFFSetSubDirectory(handle.get(), offset) != 1)
-                handle.fail("cannot read the SubIFD at offset " + std::to_string(offset));
-            subPages[p].push_back(readPage(handle));
+            if (TIFFSetSubDirectory(handle.get(), offset) == 1)
+                subPages[p].push_back(readPage(handle));
         }
 
     // Pass 2: sort the pages into slices and levels.
     Page const& first = mainPages.front();
     checkPage(handle, first);
-    state.pages.reserve(mainPages.size() + 1);
     std::vector<std::vector<std::size_t>> slices;
     auto addLevel = [&](Page const& page) {
         long long const level = levelOf(page, first);

@@ -25,7 +25,9 @@ namespace Nuvek {
 /// - A page (or a SubIFD of the slice's first page) whose width and height are those of level 0
 ///   divided by 2^L, rounded either way, is level L of the current slice. A page that fits no such L
 ///   (a label, a macro image) is not used, nor is a second page for a level already seen.
-/// A level is present when every slice has it with the same extent. getNumLevels() is one more
+/// A damaged page other than the first ends the main chain there, and a damaged SubIFD is skipped:
+/// what they would have added is simply not present. A level is present when every slice has it
+/// with the same extent. getNumLevels() is one more
 /// than the coarsest present level; a level between present ones that the file lacks is reported
 /// by hasLevel() and never made up: openRegion() on it throws. getExtent() of a present level is
 /// the page's own size; of any other level (x >> L, y >> L, number of slices).
