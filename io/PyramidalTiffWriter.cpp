@@ -1,0 +1,565 @@
+#include <nuvek/io/PyramidalTiffWriter.h>
+
+#include <nuvek/io/TiffHandle.h>
+#include <nuvek/io/TileEncoder.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+namespace Nuvek {
+
+namespace {
+
+constexpr char const* context = "writePyramidalTiff";
+
+[[noreturn]] void fail(std::string const& problem)
+{
+    throw std::runtime_error(std::string(context) + ": " + problem);
+}
+
+struct LevelShape
+{
+    long long width;
+    long long height;
+    long long tilesX;
+    long long tilesY;
+};
+
+// Everything fixed before the first tile: the geometry of every level and how samples are stored.
+struct Plan
+{
+    long long sourceLevel = 0;
+    long long channels = 1;
+    long long depth = 1;
+    long long tileSize = 256;
+    TiffSampleType type = TiffSampleType::UInt8;
+    long long bytesPerSample = 1;
+    ValueRange<double> range;
+    Vector voxelSize;
+    std::vector<LevelShape> levels;
+
+    long long tileBytes() const { return tileSize * tileSize * channels * bytesPerSample; }
+    // The page of slice z and level L, in file order.
+    long long directoryOf(long long z, long long level) const
+    {
+        return z * static_cast<long long>(levels.size()) + level;
+    }
+};
+
+std::vector<LevelShape> levelsOf(Vector const& extent, long long tileSize)
+{
+    std::vector<LevelShape> levels;
+    long long width = extent.x;
+    long long height = extent.y;
+    while (true)
+    {
+        levels.push_back({width, height, (width + tileSize - 1) / tileSize, (height + tileSize - 1) / tileSize});
+        if ((width <= tileSize && height <= tileSize) || width < 2 || height < 2)
+            break;
+        width /= 2;
+        height /= 2;
+    }
+    return levels;
+}
+
+// Maps a value onto 0..maxStored: the documented mapping, NaN to 0, halves rounded up.
+double scaledSample(double value, ValueRange<double> const& range, double maxStored)
+{
+    if (std::isnan(value))
+        return 0.0;
+    double const scaled = (value - range.min) / (range.max - range.min) * maxStored;
+    return std::clamp(std::floor(scaled + 0.5), 0.0, maxStored);
+}
+
+template <typename Sample>
+void storeSample(unsigned char* tile, long long index, double value)
+{
+    // Finite doubles beyond float's range become infinities, as a float conversion rounds them.
+    if (std::is_floating_point<Sample>::value && std::isfinite(value) &&
+        std::fabs(value) > static_cast<double>(std::numeric_limits<float>::max()))
+        value = value > 0 ? std::numeric_limits<double>::infinity() : -std::numeric_limits<double>::infinity();
+    Sample const sample = static_cast<Sample>(value);
+    std::memcpy(tile + index * static_cast<long long>(sizeof(Sample)), &sample, sizeof(Sample));
+}
+
+template <typename Sample>
+double loadSample(unsigned char const* tile, long long index)
+{
+    Sample sample;
+    std::memcpy(&sample, tile + index * static_cast<long long>(sizeof(Sample)), sizeof(Sample));
+    return static_cast<double>(sample);
+}
+
+// Interleaves a planar region of doubles (size width x height) into the tile, mapped to the
+// stored type; the rest of the tile is 0.
+template <typename Sample>
+void storeRegion(Plan const& plan, double const* region, long long width, long long height, unsigned char* tile)
+{
+    long long const tileSize = plan.tileSize;
+    long long const channels = plan.channels;
+    long long const plane = width * height;
+    double const maxStored = static_cast<double>(std::numeric_limits<Sample>::max());
+    std::memset(tile, 0, static_cast<std::size_t>(plan.tileBytes()));
+    for (long long y = 0; y < height; ++y)
+        for (long long x = 0; x < width; ++x)
+            for (long long c = 0; c < channels; ++c)
+            {
+                double const value = region[c * plane + y * width + x];
+                long long const index = (y * tileSize + x) * channels + c;
+                if (plan.type == TiffSampleType::Float32)
+                    storeSample<Sample>(tile, index, value);
+                else
+                    storeSample<Sample>(tile, index, scaledSample(value, plan.range, maxStored));
+            }
+}
+
+// Fills the tile with 2 x 2 means of the level above. children[j * 2 + i] is the decoded tile
+// (2 tx + i, 2 ty + j) of that level, or empty beyond its edge.
+template <typename Sample>
+void averageChildren(Plan const& plan, std::vector<unsigned char> const* children, long long width, long long height,
+                     unsigned char* tile)
+{
+    long long const tileSize = plan.tileSize;
+    long long const channels = plan.channels;
+    double const maxStored = static_cast<double>(std::numeric_limits<Sample>::max());
+    std::memset(tile, 0, static_cast<std::size_t>(plan.tileBytes()));
+    for (long long y = 0; y < height; ++y)
+    {
+        long long const childY = 2 * y / tileSize;
+        long long const sourceY = 2 * y % tileSize;
+        for (long long x = 0; x < width; ++x)
+        {
+            long long const childX = 2 * x / tileSize;
+            long long const sourceX = 2 * x % tileSize;
+            unsigned char const* child = children[childY * 2 + childX].data();
+            for (long long c = 0; c < channels; ++c)
+            {
+                long long const topLeft = (sourceY * tileSize + sourceX) * channels + c;
+                long long const bottomLeft = topLeft + tileSize * channels;
+                double sum = 0.0;
+                sum += loadSample<Sample>(child, topLeft);
+                sum += loadSample<Sample>(child, topLeft + channels);
+                sum += loadSample<Sample>(child, bottomLeft);
+                sum += loadSample<Sample>(child, bottomLeft + channels);
+                double const mean = sum / 4.0;
+                long long const index = (y * tileSize + x) * channels + c;
+                if (plan.type == TiffSampleType::Float32)
+                    storeSample<Sample>(tile, index, mean);
+                else
+                    storeSample<Sample>(tile, index, std::clamp(std::floor(mean + 0.5), 0.0, maxStored));
+            }
+        }
+    }
+}
+
+// One worker thread's buffers, kept from tile to tile.
+struct Worker
+{
+    explicit Worker(TileEncoder::Method method) : encoder(method) {}
+
+    TileEncoder encoder;
+    std::vector<double> region;
+    std::vector<unsigned char> tile;
+    std::vector<unsigned char> children[4];
+    std::unique_ptr<TiffHandle> reader;
+    long long readerDirectory = -1;
+};
+
+class TileComputer
+{
+public:
+    TileComputer(Plan const& plan, Image& image, std::string const& temporaryPath)
+        : plan(plan), image(image), temporaryPath(temporaryPath)
+    {
+    }
+
+    // Computes and compresses tile `index` of slice z at level `level` into `encoded`.
+    void compute(Worker& worker, long long z, long long level, long long index, std::vector<unsigned char>& encoded)
+    {
+        LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
+        long long const tileX = index % shape.tilesX;
+        long long const tileY = index / shape.tilesX;
+        long long const width = std::min(plan.tileSize, shape.width - tileX * plan.tileSize);
+        long long const height = std::min(plan.tileSize, shape.height - tileY * plan.tileSize);
+        worker.tile.resize(static_cast<std::size_t>(plan.tileBytes()));
+        if (level == 0)
+            computeFromImage(worker, z, tileX, tileY, width, height);
+        else
+            computeFromLevelAbove(worker, z, level, tileX, tileY, width, height);
+        worker.encoder.encode(worker.tile.data(), worker.tile.size(), encoded);
+    }
+
+private:
+    void computeFromImage(Worker& worker, long long z, long long tileX, long long tileY, long long width,
+                          long long height)
+    {
+        Vector const min(tileX * plan.tileSize, tileY * plan.tileSize, z);
+        Box const box(min, min + Vector(width - 1, height - 1, 0));
+        worker.region.assign(static_cast<std::size_t>(box.getSize() * plan.channels), 0.0);
+        image.openRegion(worker.region.data(), plan.sourceLevel, box);
+        switch (plan.type)
+        {
+        case TiffSampleType::UInt8:
+            storeRegion<std::uint8_t>(plan, worker.region.data(), width, height, worker.tile.data());
+            break;
+        case TiffSampleType::UInt16:
+            storeRegion<std::uint16_t>(plan, worker.region.data(), width, height, worker.tile.data());
+            break;
+        case TiffSampleType::Float32:
+            storeRegion<float>(plan, worker.region.data(), width, height, worker.tile.data());
+            break;
+        }
+    }
+
+    void computeFromLevelAbove(Worker& worker, long long z, long long level, long long tileX, long long tileY,
+                               long long width, long long height)
+    {
+        long long const directory = plan.directoryOf(z, level - 1);
+        // The level above was finished before this level started; a handle opened now sees it.
+        if (worker.readerDirectory != directory)
+        {
+            worker.reader.reset();
+            // Not memory-mapped ("m"): mapped pages of the file would count as the process's memory.
+            worker.reader = std::make_unique<TiffHandle>(temporaryPath, "rm", context);
+            if (TIFFSetDirectory(worker.reader->get(), static_cast<tdir_t>(directory)) != 1)
+                worker.reader->fail("cannot read back page " + std::to_string(directory));
+            worker.readerDirectory = directory;
+        }
+        LevelShape const& above = plan.levels[static_cast<std::size_t>(level - 1)];
+        TIFF* tiff = worker.reader->get();
+        for (long long j = 0; j < 2; ++j)
+            for (long long i = 0; i < 2; ++i)
+            {
+                std::vector<unsigned char>& child = worker.children[j * 2 + i];
+                long long const childX = 2 * tileX + i;
+                long long const childY = 2 * tileY + j;
+                if (childX >= above.tilesX || childY >= above.tilesY)
+                {
+                    child.clear();
+                    continue;
+                }
+                child.resize(static_cast<std::size_t>(plan.tileBytes()));
+                ttile_t const childIndex = static_cast<ttile_t>(childY * above.tilesX + childX);
+                if (TIFFReadEncodedTile(tiff, childIndex, child.data(), static_cast<tmsize_t>(child.size())) !=
+                    static_cast<tmsize_t>(child.size()))
+                    worker.reader->fail("cannot read back tile " + std::to_string(childIndex));
+            }
+        switch (plan.type)
+        {
+        case TiffSampleType::UInt8:
+            averageChildren<std::uint8_t>(plan, worker.children, width, height, worker.tile.data());
+            break;
+        case TiffSampleType::UInt16:
+            averageChildren<std::uint16_t>(plan, worker.children, width, height, worker.tile.data());
+            break;
+        case TiffSampleType::Float32:
+            averageChildren<float>(plan, worker.children, width, height, worker.tile.data());
+            break;
+        }
+    }
+
+    Plan const& plan;
+    Image& image;
+    std::string temporaryPath;
+};
+
+// Runs compute(index, worker) for indices 0..count-1 on the workers and hands the results to
+// consume(index, bytes) on the calling thread, in index order. At most `window` results wait to
+// be consumed. Returns false when consume asked to stop; rethrows the first exception.
+template <typename Compute, typename Consume>
+bool runInOrder(long long count, std::vector<Worker>& workers, long long window, Compute compute, Consume consume)
+{
+    std::mutex mutex;
+    std::condition_variable changed;
+    long long handedOut = 0;
+    long long consumed = 0;
+    bool stop = false;
+    std::exception_ptr error;
+    std::vector<std::vector<unsigned char>> ring(static_cast<std::size_t>(window));
+    std::vector<bool> ready(static_cast<std::size_t>(window), false);
+
+    auto work = [&](Worker& worker) {
+        std::vector<unsigned char> encoded;
+        while (true)
+        {
+            long long index;
+            {
+                std::unique_lock<std::mutex> lock(mutex);
+                changed.wait(lock, [&] { return stop || handedOut >= count || handedOut < consumed + window; });
+                if (stop || handedOut >= count)
+                    return;
+                index = handedOut++;
+            }
+            try
+            {
+                compute(worker, index, encoded);
+            }
+            catch (...)
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                if (!error)
+                    error = std::current_exception();
+                stop = true;
+                changed.notify_all();
+                return;
+            }
+            std::lock_guard<std::mutex> lock(mutex);
+            std::size_t const slot = static_cast<std::size_t>(index % window);
+            ring[slot].swap(encoded);
+            ready[slot] = true;
+            changed.notify_all();
+        }
+    };
+
+    std::vector<std::thread> threads;
+    threads.reserve(workers.size());
+    for (Worker& worker : workers)
+        threads.emplace_back(work, std::ref(worker));
+
+    bool completed = true;
+    std::vector<unsigned char> bytes;
+    for (long long index = 0; index < count; ++index)
+    {
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            std::size_t const slot = static_cast<std::size_t>(index % window);
+            changed.wait(lock, [&] { return stop || ready[slot]; });
+            if (stop)
+                break;
+            bytes.swap(ring[slot]);
+            ready[slot] = false;
+            consumed = index + 1;
+            changed.notify_all();
+        }
+        bool keepGoing = false;
+        try
+        {
+            keepGoing = consume(index, bytes);
+        }
+        catch (...)
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            if (!error)
+                error = std::current_exception();
+            stop = true;
+            changed.notify_all();
+            break;
+        }
+        if (!keepGoing)
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            stop = true;
+            completed = false;
+            changed.notify_all();
+            break;
+        }
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    if (error)
+        std::rethrow_exception(error);
+    return completed;
+}
+
+// Removes the temporary file unless the write succeeded and renamed it.
+struct TemporaryFile
+{
+    std::string path;
+    bool renamed = false;
+
+    ~TemporaryFile()
+    {
+        if (!renamed && !path.empty())
+            std::remove(path.c_str());
+    }
+};
+
+void describePage(TIFF* tiff, Plan const& plan, long long z, long long level, std::string const& sliceName)
+{
+    LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
+    std::uint32_t const subfileType = level > 0 ? FILETYPE_REDUCEDIMAGE : (plan.depth > 1 ? FILETYPE_PAGE : 0);
+    TIFFSetField(tiff, TIFFTAG_SUBFILETYPE, subfileType);
+    TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(shape.width));
+    TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, static_cast<std::uint32_t>(shape.height));
+    TIFFSetField(tiff, TIFFTAG_TILEWIDTH, static_cast<std::uint32_t>(plan.tileSize));
+    TIFFSetField(tiff, TIFFTAG_TILELENGTH, static_cast<std::uint32_t>(plan.tileSize));
+    TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, static_cast<std::uint16_t>(plan.bytesPerSample * 8));
+    TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT,
+                 plan.type == TiffSampleType::Float32 ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT);
+    TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, static_cast<std::uint16_t>(plan.channels));
+    TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    bool const rgb = plan.channels == 3;
+    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, rgb ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
+    if (!rgb && plan.channels > 1)
+    {
+        std::vector<std::uint16_t> extra(static_cast<std::size_t>(plan.channels - 1), EXTRASAMPLE_UNSPECIFIED);
+        TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, static_cast<std::uint16_t>(extra.size()), extra.data());
+    }
+    if (plan.voxelSize.x > 0 && plan.voxelSize.y > 0)
+    {
+        double const factor = std::ldexp(1.0, static_cast<int>(level));
+        TIFFSetField(tiff, TIFFTAG_RESOLUTIONUNIT, RESUNIT_CENTIMETER);
+        TIFFSetField(tiff, TIFFTAG_XRESOLUTION, 1e7 / (static_cast<double>(plan.voxelSize.x) * factor));
+        TIFFSetField(tiff, TIFFTAG_YRESOLUTION, 1e7 / (static_cast<double>(plan.voxelSize.y) * factor));
+    }
+    if (plan.type == TiffSampleType::Float32)
+    {
+        TIFFSetField(tiff, TIFFTAG_SMINSAMPLEVALUE, plan.range.min);
+        TIFFSetField(tiff, TIFFTAG_SMAXSAMPLEVALUE, plan.range.max);
+    }
+    if (plan.depth > 1 && level == 0)
+        TIFFSetField(tiff, TIFFTAG_PAGENUMBER, static_cast<std::uint16_t>(std::min<long long>(z, 65535)),
+                     static_cast<std::uint16_t>(std::min<long long>(plan.depth, 65535)));
+    if (level == 0 && !sliceName.empty())
+        TIFFSetField(tiff, TIFFTAG_PAGENAME, sliceName.c_str());
+}
+
+std::uint16_t compressionTag(TiffCompression compression)
+{
+    switch (compression)
+    {
+    case TiffCompression::Deflate:
+        return COMPRESSION_ADOBE_DEFLATE;
+    case TiffCompression::LZW:
+        return COMPRESSION_LZW;
+    case TiffCompression::None:
+        break;
+    }
+    return COMPRESSION_NONE;
+}
+
+TileEncoder::Method encoderMethod(TiffCompression compression)
+{
+    switch (compression)
+    {
+    case TiffCompression::Deflate:
+        return TileEncoder::Method::Deflate;
+    case TiffCompression::LZW:
+        return TileEncoder::Method::LZW;
+    case TiffCompression::None:
+        break;
+    }
+    return TileEncoder::Method::None;
+}
+
+Plan planFor(Image& image, PyramidalTiffOptions const& options)
+{
+    if (options.tileSize < 16 || options.tileSize > 65536 || options.tileSize % 16 != 0)
+        fail("the tile size must be a multiple of 16 from 16 to 65536, not " + std::to_string(options.tileSize));
+    if (options.threads < 0)
+        fail("the number of threads must not be negative");
+    if (options.level < 0 || options.level >= image.getNumLevels())
+        fail("the image has no level " + std::to_string(options.level));
+    Vector const extent = image.getExtent(options.level);
+    if (extent.x < 1 || extent.y < 1 || extent.z < 1)
+        fail("the image is empty at level " + std::to_string(options.level));
+    if (extent.x > 0xffffffffLL || extent.y > 0xffffffffLL)
+        fail("the image is too large for TIFF (more than 4294967295 voxels along x or y)");
+    long long const channels = image.getNumChannels();
+    if (channels < 1 || channels > 65535)
+        fail("TIFF needs 1 to 65535 channels, the image has " + std::to_string(channels));
+
+    Plan plan;
+    plan.sourceLevel = options.level;
+    plan.channels = channels;
+    plan.depth = extent.z;
+    plan.tileSize = options.tileSize;
+    plan.type = options.sampleType;
+    plan.bytesPerSample = plan.type == TiffSampleType::UInt8 ? 1 : (plan.type == TiffSampleType::UInt16 ? 2 : 4);
+    plan.range = options.valueRange ? *options.valueRange : image.getValueRange();
+    if (plan.type != TiffSampleType::Float32 &&
+        !(std::isfinite(plan.range.min) && std::isfinite(plan.range.max) && plan.range.max > plan.range.min))
+        fail("the value range must be finite with max > min to map onto integer samples");
+    if (plan.tileBytes() > TiffHandle::maxAllocation)
+        fail("a tile of " + std::to_string(plan.tileSize) + " x " + std::to_string(plan.tileSize) + " voxels and " +
+             std::to_string(channels) + " channels is too large");
+    plan.voxelSize = image.getVoxelSize(options.level);
+    plan.levels = levelsOf(extent, plan.tileSize);
+    return plan;
+}
+
+std::string makeTemporaryFile(std::string const& path)
+{
+    std::vector<char> name(path.begin(), path.end());
+    std::string const suffix = ".partial-XXXXXX";
+    name.insert(name.end(), suffix.begin(), suffix.end());
+    name.push_back('\0');
+    int const descriptor = ::mkstemp(name.data());
+    if (descriptor < 0)
+        fail(path + ": cannot create a file beside it (" + std::strerror(errno) + ")");
+    ::fchmod(descriptor, 0644);
+    ::close(descriptor);
+    return std::string(name.data());
+}
+
+} // namespace
+
+bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOptions const& options)
+{
+    Plan const plan = planFor(image, options);
+    long long const threads =
+        options.threads > 0 ? options.threads : std::max(1u, std::thread::hardware_concurrency());
+    long long totalTiles = 0;
+    for (LevelShape const& shape : plan.levels)
+        totalTiles += shape.tilesX * shape.tilesY * plan.depth;
+
+    TemporaryFile temporary{makeTemporaryFile(path)};
+    auto output = std::make_unique<TiffHandle>(temporary.path, "w8", context);
+    TIFF* tiff = output->get();
+    std::vector<Worker> workers;
+    workers.reserve(static_cast<std::size_t>(threads));
+    for (long long i = 0; i < threads; ++i)
+        workers.emplace_back(encoderMethod(options.compression));
+    TileComputer computer(plan, image, temporary.path);
+
+    long long done = 0;
+    for (long long z = 0; z < plan.depth; ++z)
+    {
+        std::string const sliceName = image.getSliceName(z);
+        for (long long level = 0; level < static_cast<long long>(plan.levels.size()); ++level)
+        {
+            describePage(tiff, plan, z, level, sliceName);
+            TIFFSetField(tiff, TIFFTAG_COMPRESSION, compressionTag(options.compression));
+            LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
+            auto compute = [&, z, level](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
+                computer.compute(worker, z, level, index, encoded);
+            };
+            auto consume = [&](long long index, std::vector<unsigned char>& bytes) {
+                if (TIFFWriteRawTile(tiff, static_cast<ttile_t>(index), bytes.data(),
+                                     static_cast<tmsize_t>(bytes.size())) < 0)
+                    output->fail("cannot write tile " + std::to_string(index));
+                ++done;
+                return !options.progress || options.progress(done, totalTiles);
+            };
+            if (!runInOrder(shape.tilesX * shape.tilesY, workers, 2 * threads, compute, consume))
+                return false;
+            if (TIFFWriteDirectory(tiff) != 1)
+                output->fail("cannot write the page of slice " + std::to_string(z) + ", level " + std::to_string(level));
+        }
+    }
+    // Readers of the temporary file close before it is renamed.
+    workers.clear();
+    output.reset();
+    if (std::rename(temporary.path.c_str(), path.c_str()) != 0)
+        fail(path + ": cannot rename the finished file to it (" + std::strerror(errno) + ")");
+    temporary.renamed = true;
+    return true;
+}
+
+} // namespace Nuvek

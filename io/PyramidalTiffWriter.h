@@ -1,0 +1,80 @@
+#pragma once
+
+#include <nuvek/core/Image.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace Nuvek {
+
+/// How writePyramidalTiff compresses tiles.
+enum class TiffCompression
+{
+    None,
+    Deflate,
+    LZW
+};
+
+/// The sample type writePyramidalTiff stores.
+enum class TiffSampleType
+{
+    UInt8,
+    UInt16,
+    Float32
+};
+
+/// \brief Options of writePyramidalTiff.
+struct PyramidalTiffOptions
+{
+    /// Tile width and height in voxels: a multiple of 16, from 16 to 65536.
+    long long tileSize = 256;
+    TiffCompression compression = TiffCompression::Deflate;
+    TiffSampleType sampleType = TiffSampleType::UInt8;
+    /// The range that integer sample types map from; the image's getValueRange() when unset.
+    std::optional<ValueRange<double>> valueRange;
+    /// The image's level that becomes the file's level 0.
+    long long level = 0;
+    /// Worker threads that compute and compress tiles; 0 means one per processor.
+    int threads = 0;
+    /// Called on the calling thread after every tile written, with the tiles written so far and
+    /// the total; returning false cancels the write.
+    std::function<bool(long long done, long long total)> progress;
+};
+
+/// \brief Writes an image as a tiled, pyramidal BigTIFF file.
+///
+/// The file holds, for every z slice in order, the slice at options.level as a full page (marked
+/// as a page of a multi-page file when there are several slices, named by getSliceName when that
+/// is not empty), followed by its coarser levels as reduced-resolution pages, down to the first
+/// level that fits in one tile (or whose x or y extent would fall below 1 by halving again). Level
+/// L + 1 has the extent (x / 2, y / 2) of level L, rounded down, and each of its voxels is the mean
+/// of the 2 x 2 block of stored level-L voxels that it covers (added row by row, divided by 4,
+/// then stored as below); a last odd row or column of level L is not used. This is how TiffImage
+/// and MemoryImage derive levels too. Three channels are stored as RGB, any other number as
+/// grey with extra samples, interleaved. The voxel size of options.level is stored as the
+/// resolution in pixels per centimetre, read as nanometres; level L stores 2^L times it.
+///
+/// Stored values, with (min, max) the value range:
+/// - UInt8, UInt16: round((v - min) / (max - min) * M), M = 255 or 65535, rounding halves up and
+///   clamping to 0 and M; NaN stores 0, +infinity M, -infinity 0. The range must be finite with
+///   max > min. Coarser levels average stored samples and round halves up the same way.
+/// - Float32: v converted to float, unscaled (NaN and infinities kept); the range is written as
+///   SMinSampleValue and SMaxSampleValue, which TiffImage reports as its value range.
+///
+/// Memory stays bounded whatever the image's size: a worker computes one tile at a time (a level-0
+/// tile through one openRegion call on the image, a coarser tile from the four tiles of the level
+/// above that the file already holds, read back) and compresses it; the calling thread writes
+/// finished tiles in order, and workers wait while more than two tiles per worker are finished
+/// but not yet written. The image's openRegion therefore runs on several threads at once. Unlike
+/// libNuvekCore and libNuvekFilters, which create no threads, this function runs a pool of its own
+/// for the duration of the call.
+///
+/// The file is written under a temporary name beside path and renamed to path only when it is
+/// complete. An exception (from the image, the disk or bad options) or a cancellation removes the
+/// temporary file and leaves any existing file at path untouched. Returns true when the file was
+/// written, false when the progress callback cancelled. Problems are std::runtime_errors starting
+/// with "writePyramidalTiff: ".
+bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOptions const& options = {});
+
+} // namespace Nuvek

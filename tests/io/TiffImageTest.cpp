@@ -1,0 +1,455 @@
+#include <nuvek/io/TiffImage.h>
+
+#include "TiffFiles.h"
+#include "support/RandomImages.h"
+#include "support/Tiling.h"
+#include "support/VoxelCompare.h"
+
+#include <gtest/gtest.h>
+#include <tiffio.h>
+
+#include <functional>
+#include <random>
+#include <thread>
+
+using Nuvek::Box;
+using Nuvek::TiffImage;
+using Nuvek::Vector;
+using NuvekTest::PageSpec;
+using NuvekTest::TiffSpec;
+
+namespace {
+
+// The region buffer of box, voxel by voxel: page(z) of the file at (x, y), 0.0 outside its size.
+std::vector<double> expectedRegion(TiffSpec const& spec, std::function<long long(long long z)> const& pageOf,
+                                   Box const& box, long long depth)
+{
+    std::vector<double> values;
+    for (long long c = 0; c < spec.samples; ++c)
+        for (long long z = box.min.z; z <= box.max.z; ++z)
+            for (long long y = box.min.y; y <= box.max.y; ++y)
+                for (long long x = box.min.x; x <= box.max.x; ++x)
+                {
+                    if (z < 0 || z >= depth)
+                    {
+                        values.push_back(0.0);
+                        continue;
+                    }
+                    long long const page = pageOf(z);
+                    std::size_t const mainPages = spec.pages.size();
+                    PageSpec const& shape = page < static_cast<long long>(mainPages)
+                                                ? spec.pages[static_cast<std::size_t>(page)]
+                                                : spec.subPages[static_cast<std::size_t>(page) - mainPages];
+                    bool const inside = x >= 0 && y >= 0 && x < shape.width && y < shape.height;
+                    values.push_back(inside ? NuvekTest::storedValue(spec, page, x, y, c) : 0.0);
+                }
+    return values;
+}
+
+std::string describe(TiffSpec const& spec)
+{
+    return "samples " + std::to_string(spec.samples) + ", bits " + std::to_string(spec.bits) +
+           (spec.floating ? " float" : "") + (spec.planar ? ", planar" : ", contiguous") +
+           (spec.tileWidth > 0 ? ", tiles " + std::to_string(spec.tileWidth) + "x" + std::to_string(spec.tileHeight)
+                               : ", strips of " + std::to_string(spec.rowsPerStrip)) +
+           ", compression " + std::to_string(spec.compression) + (spec.bigTiff ? ", BigTIFF" : "");
+}
+
+TiffSpec singlePage(std::uint32_t width, std::uint32_t height)
+{
+    TiffSpec spec;
+    spec.pages = {PageSpec{width, height}};
+    return spec;
+}
+
+void expectFailure(std::string const& path, std::string const& problem)
+{
+    try
+    {
+        TiffImage image(path);
+        Box const box(image.getExtent(0));
+        std::vector<double> out(static_cast<std::size_t>(box.getSize() * image.getNumChannels()));
+        image.openRegion(out.data(), 0, box);
+        ADD_FAILURE() << "no exception for " << problem;
+    }
+    catch (std::runtime_error const& error)
+    {
+        std::string const message = error.what();
+        EXPECT_EQ(message.rfind("TiffImage: " + path + ": ", 0), 0u) << message;
+        EXPECT_NE(message.find(problem), std::string::npos) << "expected \"" << problem << "\" in: " << message;
+    }
+}
+
+} // namespace
+
+TEST(TiffImage, ReadsEverySampleLayoutLikeTheReference)
+{
+    NuvekTest::TemporaryDirectory directory;
+    std::mt19937_64 random(91);
+    std::uint16_t const compressions[] = {COMPRESSION_NONE, COMPRESSION_LZW, COMPRESSION_ADOBE_DEFLATE,
+                                          COMPRESSION_PACKBITS};
+    int variant = 0;
+    for (int type = 0; type < 3; ++type)
+        for (bool planar : {false, true})
+            for (bool tiled : {false, true})
+                for (std::uint16_t samples : {1, 3, 4})
+                {
+                    TiffSpec spec = singlePage(53, 41);
+                    spec.bits = type == 0 ? 8 : (type == 1 ? 16 : 32);
+                    spec.floating = type == 2;
+                    spec.planar = planar;
+                    spec.samples = samples;
+                    spec.rgb = samples >= 3;
+                    spec.tileWidth = tiled ? 16 : 0;
+                    spec.tileHeight = tiled ? 32 : 0;
+                    spec.rowsPerStrip = 7;
+                    spec.compression = compressions[variant % 4];
+                    spec.bigTiff = variant % 3 == 1;
+                    ++variant;
+                    std::string const path = directory.path("layout" + std::to_string(variant) + ".tif");
+                    NuvekTest::writeTiff(path, spec);
+
+                    TiffImage image(path);
+                    ASSERT_EQ(image.getExtent(0), Vector(53, 41, 1)) << describe(spec);
+                    ASSERT_EQ(image.getNumChannels(), samples);
+                    for (int trial = 0; trial < 12; ++trial)
+                    {
+                        Box const box = NuvekTest::randomBox(random, Vector(53, 41, 1), 40, 2);
+                        std::vector<double> const expected =
+                            expectedRegion(spec, [](long long) { return 0; }, box, 1);
+                        EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(image, 0, box), box,
+                                                        describe(spec)));
+                    }
+                }
+}
+
+TEST(TiffImage, DecodesOnlyTheTouchedTilesOrStripsOncePerCall)
+{
+    NuvekTest::TemporaryDirectory directory;
+    TiffSpec tiled = singlePage(100, 90);
+    tiled.tileWidth = 16;
+    tiled.tileHeight = 16;
+    tiled.samples = 3;
+    tiled.rgb = true;
+    NuvekTest::writeTiff(directory.path("tiled.tif"), tiled);
+    TiffImage image(directory.path("tiled.tif"));
+    std::vector<double> out(120 * 110 * 3 * 3);
+
+    // x 15..33 touches tile columns 0, 1, 2; y 40..47 touches tile row 2 only.
+    image.openRegion(out.data(), 0, Box(Vector(15, 40, 0), Vector(33, 47, 0)));
+    EXPECT_EQ(image.getBlocksDecoded(), 3u);
+    // Reaching past the extent on every side touches every tile once and nothing beyond.
+    image.openRegion(out.data(), 0, Box(Vector(-5, -5, -1), Vector(104, 94, 1)));
+    EXPECT_EQ(image.getBlocksDecoded(), 3u + 7u * 6u);
+    // Wholly outside: nothing to decode.
+    image.openRegion(out.data(), 0, Box(Vector(200, 0, 0), Vector(210, 5, 0)));
+    EXPECT_EQ(image.getBlocksDecoded(), 3u + 42u);
+
+    TiffSpec strips = tiled;
+    strips.tileWidth = 0;
+    strips.rowsPerStrip = 10;
+    strips.planar = true;
+    NuvekTest::writeTiff(directory.path("strips.tif"), strips);
+    TiffImage planes(directory.path("strips.tif"));
+    // Rows 9..21 lie in strips 0, 1 and 2, once per sample plane.
+    planes.openRegion(out.data(), 0, Box(Vector(50, 9, 0), Vector(52, 21, 0)));
+    EXPECT_EQ(planes.getBlocksDecoded(), 9u);
+}
+
+TEST(TiffImage, TilesAgreeWithOneLargeRequestOnAnyNumberOfThreads)
+{
+    NuvekTest::TemporaryDirectory directory;
+    TiffSpec spec = singlePage(77, 65);
+    spec.bits = 16;
+    spec.samples = 2;
+    spec.tileWidth = 16;
+    spec.tileHeight = 16;
+    spec.compression = COMPRESSION_ADOBE_DEFLATE;
+    NuvekTest::writeTiff(directory.path("image.tif"), spec);
+    TiffImage image(directory.path("image.tif"));
+    Box const box(Vector(-3, -2, 0), Vector(80, 66, 0));
+    std::vector<double> const whole = NuvekTest::openWhole(image, 0, box);
+    for (int threads : {1, 2, 4})
+        EXPECT_TRUE(NuvekTest::sameBits(
+            whole, NuvekTest::openTiled(image, 0, box, {5, 17, 31, 32, 50, 79}, {1, 15, 16, 40}, threads), box,
+            "threads " + std::to_string(threads)));
+}
+
+TEST(TiffImage, ConcurrentRequestsEqualSerialOnes)
+{
+    NuvekTest::TemporaryDirectory directory;
+    TiffSpec spec = singlePage(300, 200);
+    spec.samples = 3;
+    spec.rgb = true;
+    spec.tileWidth = 32;
+    spec.tileHeight = 32;
+    spec.compression = COMPRESSION_LZW;
+    spec.pages.push_back(PageSpec{150, 100, true});
+    NuvekTest::writeTiff(directory.path("image.tif"), spec);
+    TiffImage image(directory.path("image.tif"));
+
+    std::mt19937_64 random(5);
+    struct Request
+    {
+        long long level;
+        Box box;
+        std::vector<double> serial;
+    };
+    std::vector<Request> requests;
+    for (int i = 0; i < 64; ++i)
+    {
+        long long const level = i % 2;
+        Box const box = NuvekTest::randomBox(random, image.getExtent(level), 70, 1);
+        requests.push_back({level, box, NuvekTest::openWhole(image, level, box)});
+    }
+    std::vector<std::thread> threads;
+    std::vector<int> failures(6, 0);
+    for (int t = 0; t < 6; ++t)
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < 4; ++round)
+                for (std::size_t i = static_cast<std::size_t>(t); i < requests.size(); i += 3)
+                    if (NuvekTest::openWhole(image, requests[i].level, requests[i].box) != requests[i].serial)
+                        ++failures[static_cast<std::size_t>(t)];
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures, std::vector<int>(6, 0));
+}
+
+TEST(TiffImage, MultiPageAndSubIfdPyramidsBecomeLevels)
+{
+    NuvekTest::TemporaryDirectory directory;
+    for (bool subIfds : {false, true})
+    {
+        TiffSpec spec;
+        spec.samples = 2;
+        spec.tileWidth = 16;
+        spec.tileHeight = 16;
+        std::vector<PageSpec> levels = {{50, 35, true}, {25, 17, true}, {13, 9, true}};
+        spec.pages = {PageSpec{101, 70}};
+        // A thumbnail of no power-of-two size and a page of other samples are not levels.
+        std::vector<PageSpec> others = {{40, 40, true}, PageSpec{50, 35, true, "", true}};
+        (subIfds ? spec.subPages : spec.pages).insert((subIfds ? spec.subPages : spec.pages).end(), others.begin(),
+                                                      others.end());
+        (subIfds ? spec.subPages : spec.pages).insert((subIfds ? spec.subPages : spec.pages).end(), levels.begin(),
+                                                      levels.end());
+        std::string const path = directory.path(subIfds ? "sub.tif" : "pages.tif");
+        NuvekTest::writeTiff(path, spec);
+
+        TiffImage image(path);
+        ASSERT_EQ(image.getNumLevels(), 4);
+        EXPECT_EQ(image.getExtent(0), Vector(101, 70, 1));
+        EXPECT_EQ(image.getExtent(1), Vector(50, 35, 1));
+        EXPECT_EQ(image.getExtent(2), Vector(25, 17, 1));
+        // 70 / 8 rounded up: the page's own size, not level 0's shifted.
+        EXPECT_EQ(image.getExtent(3), Vector(13, 9, 1));
+        EXPECT_EQ(image.getExtent(4), Vector(6, 4, 1));
+        for (long long level = 1; level < 4; ++level)
+        {
+            // Both layouts put level 1 after level 0 and the two pages that are not levels.
+            long long const page = 2 + level;
+            Box const box(Vector(-2, -2, 0), image.getExtent(level) + Vector(1, 1, -1));
+            EXPECT_TRUE(NuvekTest::sameBits(expectedRegion(spec, [page](long long) { return page; }, box, 1),
+                                            NuvekTest::openWhole(image, level, box), box,
+                                            "level " + std::to_string(level) + (subIfds ? " SubIFD" : "")));
+        }
+    }
+}
+
+TEST(TiffImage, LevelsTheFileLacksAreReportedAndNeverMadeUp)
+{
+    NuvekTest::TemporaryDirectory directory;
+    TiffSpec spec;
+    spec.tileWidth = 16;
+    spec.tileHeight = 16;
+    spec.pages = {PageSpec{64, 64}, PageSpec{16, 16, true}};
+    std::string const path = directory.path("gap.tif");
+    NuvekTest::writeTiff(path, spec);
+    TiffImage image(path);
+    EXPECT_EQ(image.getNumLevels(), 3);
+    EXPECT_TRUE(image.hasLevel(0));
+    EXPECT_FALSE(image.hasLevel(1));
+    EXPECT_TRUE(image.hasLevel(2));
+    EXPECT_FALSE(image.hasLevel(3));
+    EXPECT_EQ(image.getExtent(1), Vector(32, 32, 1));
+    std::vector<double> out(4);
+    try
+    {
+        image.openRegion(out.data(), 1, Box(Vector(0, 0, 0), Vector(1, 1, 0)));
+        ADD_FAILURE() << "level 1 was read";
+    }
+    catch (std::runtime_error const& error)
+    {
+        EXPECT_EQ(std::string(error.what()), "TiffImage: " + path + ": level 1 is not present in the file");
+    }
+    EXPECT_THROW(image.openRegion(out.data(), 3, Box(Vector(0, 0, 0), Vector(1, 1, 0))), std::runtime_error);
+}
+
+TEST(TiffImage, PageStacksAreSlicesWithTheirOwnLevels)
+{
+    NuvekTest::TemporaryDirectory directory;
+    TiffSpec spec;
+    spec.bits = 16;
+    spec.samples = 2;
+    spec.planar = true;
+    spec.pages = {PageSpec{40, 30, false, "first"}, PageSpec{20, 15, true}, PageSpec{40, 30, false, "second"},
+                  PageSpec{20, 15, true}, PageSpec{40, 30, false}, PageSpec{20, 15, true}};
+    std::string const path = directory.path("stack.tif");
+    NuvekTest::writeTiff(path, spec);
+    TiffImage image(path);
+    ASSERT_EQ(image.getExtent(0), Vector(40, 30, 3));
+    ASSERT_EQ(image.getExtent(1), Vector(20, 15, 3));
+    EXPECT_EQ(image.getSliceName(0), "first");
+    EXPECT_EQ(image.getSliceName(1), "second");
+    EXPECT_EQ(image.getSliceName(2), "");
+    for (long long level : {0, 1})
+    {
+        Box const box(Vector(-1, 3, -1), image.getExtent(level) + Vector(0, -2, 0));
+        auto pageOf = [level](long long z) { return 2 * z + level; };
+        EXPECT_TRUE(NuvekTest::sameBits(expectedRegion(spec, pageOf, box, 3), NuvekTest::openWhole(image, level, box),
+                                        box, "level " + std::to_string(level)));
+    }
+
+    // A slice without the level makes the level absent for the whole volume.
+    spec.pages.pop_back();
+    NuvekTest::writeTiff(directory.path("ragged.tif"), spec);
+    TiffImage ragged(directory.path("ragged.tif"));
+    EXPECT_EQ(ragged.getExtent(0), Vector(40, 30, 3));
+    EXPECT_EQ(ragged.getNumLevels(), 1);
+}
+
+TEST(TiffImage, MetadataComesFromTheFile)
+{
+    NuvekTest::TemporaryDirectory directory;
+    struct Case
+    {
+        std::uint16_t samples;
+        bool rgb;
+        int type;
+        std::uint16_t unit;
+        double sampleMin;
+        double sampleMax;
+        std::vector<std::string> names;
+        double rangeMin;
+        double rangeMax;
+        Vector voxelSize;
+    };
+    // 20000 pixels per centimetre are 500 nm; 40000 per centimetre 250 nm; 25400 per inch 1000 nm.
+    std::vector<Case> const cases = {
+        {3, true, 0, 3, 0, 0, {"Red", "Green", "Blue"}, 0, 255, Vector(500, 250, 1)},
+        {4, true, 1, 2, 0, 0, {"Red", "Green", "Blue", "Channel 3"}, 0, 65535, Vector(1270, 635, 1)},
+        {2, false, 2, 1, -4.5, 9.0, {"Channel 0", "Channel 1"}, -4.5, 9.0, Vector(1, 1, 1)},
+        {1, false, 2, 0, 0, 0, {"Channel 0"}, 0, 1, Vector(1, 1, 1)},
+    };
+    int index = 0;
+    for (Case const& item : cases)
+    {
+        TiffSpec spec = singlePage(20, 10);
+        spec.samples = item.samples;
+        spec.rgb = item.rgb;
+        spec.bits = item.type == 0 ? 8 : (item.type == 1 ? 16 : 32);
+        spec.floating = item.type == 2;
+        spec.resolutionUnit = item.unit;
+        spec.resolution = item.unit == 3 ? 20000.0f : 20000.0f;
+        spec.sampleMin = item.sampleMin;
+        spec.sampleMax = item.sampleMax;
+        spec.tileWidth = index % 2 == 0 ? 16 : 0;
+        spec.tileHeight = 32;
+        std::string const path = directory.path("meta" + std::to_string(index++) + ".tif");
+        NuvekTest::writeTiff(path, spec);
+        TiffImage image(path);
+        for (std::size_t c = 0; c < item.names.size(); ++c)
+            EXPECT_EQ(image.getChannelName(static_cast<long long>(c)), item.names[c]);
+        EXPECT_THROW(image.getChannelName(item.samples), std::runtime_error);
+        EXPECT_EQ(image.getValueRange().min, item.rangeMin);
+        EXPECT_EQ(image.getValueRange().max, item.rangeMax);
+        EXPECT_EQ(image.getVoxelSize(0), item.voxelSize) << path;
+        EXPECT_EQ(image.getVoxelSize(2), Vector(item.voxelSize.x * 4, item.voxelSize.y * 4, 1));
+        EXPECT_EQ(image.getTileExtent(), spec.tileWidth > 0 ? Vector(16, 32, 1) : Vector(20, 7, 1));
+        EXPECT_EQ(image.getURL(), path);
+        EXPECT_EQ(image.getHash(), image.getHash());
+    }
+}
+
+TEST(TiffImage, BadFilesGiveErrorsNamingTheFileAndTheProblem)
+{
+    NuvekTest::TemporaryDirectory directory;
+    using NuvekTest::RawEntry;
+    std::vector<unsigned char> const pixels(16, 9);
+    // A valid 4 x 4 grey strip image, then variants with one thing wrong.
+    std::vector<RawEntry> const good = {{256, 3, 1, 4},   {257, 3, 1, 4},  {258, 3, 1, 8},  {259, 3, 1, 1},
+                                        {262, 3, 1, 1},   {273, 4, 1, 8},  {277, 3, 1, 1},  {278, 3, 1, 4},
+                                        {279, 4, 1, 16}};
+    auto with = [&good](std::uint16_t tag, std::uint32_t value) {
+        std::vector<RawEntry> entries = good;
+        for (RawEntry& entry : entries)
+            if (entry.tag == tag)
+                entry.value = value;
+        return entries;
+    };
+    auto without = [&good](std::uint16_t tag) {
+        std::vector<RawEntry> entries;
+        for (RawEntry const& entry : good)
+            if (entry.tag != tag)
+                entries.push_back(entry);
+        return entries;
+    };
+    NuvekTest::writeBytes(directory.path("good.tif"), NuvekTest::rawTiff(good, pixels));
+    {
+        TiffImage image(directory.path("good.tif"));
+        EXPECT_EQ(NuvekTest::openWhole(image, 0, Box(Vector(4, 4, 1))), std::vector<double>(16, 9.0));
+    }
+
+    struct Case
+    {
+        std::string name;
+        std::vector<unsigned char> bytes;
+        std::string problem;
+    };
+    std::vector<unsigned char> text = {'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', '\n'};
+    std::vector<unsigned char> truncated = NuvekTest::readBytes(directory.path("good.tif"));
+    truncated.resize(12);
+    std::vector<RawEntry> signedSamples = good;
+    signedSamples.push_back({339, 3, 1, 2});
+    std::vector<RawEntry> floatingSixteen = with(258, 16);
+    floatingSixteen.push_back({339, 3, 1, 3});
+    std::vector<Case> const cases = {
+        {"text.tif", text, "Not a TIFF"},
+        {"empty.tif", {}, "Cannot read TIFF header"},
+        {"truncated.tif", truncated, ""},
+        {"compression.tif", NuvekTest::rawTiff(with(259, 60000), pixels), "unsupported compression 60000"},
+        {"signed.tif", NuvekTest::rawTiff(signedSamples, pixels),
+         "unsupported sample format: 8-bit signed integer"},
+        {"bits.tif", NuvekTest::rawTiff(with(258, 12), pixels), "unsupported sample format: 12-bit unsigned"},
+        {"half.tif", NuvekTest::rawTiff(floatingSixteen, std::vector<unsigned char>(32, 0)),
+         "unsupported sample format: 16-bit floating point"},
+        {"nowidth.tif", NuvekTest::rawTiff(without(256), pixels), "zero scanline size"},
+        {"nooffsets.tif", NuvekTest::rawTiff(without(273), pixels), "StripOffsets"},
+        {"beyond.tif", NuvekTest::rawTiff(with(273, 4000), pixels), "cannot decode strip 0"},
+    };
+    for (Case const& item : cases)
+    {
+        std::string const path = directory.path(item.name);
+        NuvekTest::writeBytes(path, item.bytes);
+        expectFailure(path, item.problem);
+    }
+    expectFailure(directory.path("missing.tif"), "No such file");
+
+    // A palette image, with its colour map.
+    std::string const palette = directory.path("palette.tif");
+    {
+        TIFF* tiff = TIFFOpen(palette.c_str(), "w");
+        ASSERT_NE(tiff, nullptr);
+        std::vector<std::uint16_t> map(256, 0);
+        TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, 4u);
+        TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, 4u);
+        TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
+        TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 1);
+        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_PALETTE);
+        TIFFSetField(tiff, TIFFTAG_COLORMAP, map.data(), map.data(), map.data());
+        for (std::uint32_t row = 0; row < 4; ++row)
+            TIFFWriteScanline(tiff, const_cast<unsigned char*>(pixels.data()), row, 0);
+        TIFFClose(tiff);
+    }
+    expectFailure(palette, "palette images are not supported");
+}
