@@ -1,0 +1,184 @@
+// Runs the nuvek program itself and compares what it wrote with the same chain opened in memory.
+#include "FilterCatalogue.h"
+
+#include <nuvek/Nuvek.h>
+#include <nuvek/io/PyramidalTiffWriter.h>
+#include <nuvek/io/TiffImage.h>
+
+#include "support/RandomImages.h"
+#include "support/Tiling.h"
+#include "support/VoxelCompare.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+using Nuvek::Box;
+using Nuvek::Vector;
+
+namespace {
+
+struct Outcome
+{
+    int status;
+    std::string errors;
+    std::string output;
+};
+
+std::string readFile(std::string const& path)
+{
+    std::ifstream stream(path);
+    std::stringstream text;
+    text << stream.rdbuf();
+    return text.str();
+}
+
+class ToolRun : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        directory = std::filesystem::temp_directory_path() /
+                    ("nuvek-tool-test-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "-" +
+                     ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        std::filesystem::remove_all(directory);
+        std::filesystem::create_directories(directory);
+        std::mt19937_64 random(91);
+        auto image = NuvekTest::randomImage(random, Vector(301, 259, 1), 3, {0.0, 255.0, 0.0});
+        image->setValueRange(Nuvek::ValueRange<double>(0, 255));
+        input = (directory / "input.tif").string();
+        Nuvek::PyramidalTiffOptions options;
+        options.sampleType = Nuvek::TiffSampleType::Float32;
+        options.tileSize = 64;
+        ASSERT_TRUE(Nuvek::writePyramidalTiff(*image, input, options));
+    }
+
+    void TearDown() override { std::filesystem::remove_all(directory); }
+
+    Outcome nuvek(std::string const& arguments) const
+    {
+        std::string const errors = (directory / "stderr.txt").string();
+        std::string const output = (directory / "stdout.txt").string();
+        std::string const command = std::string(NUVEK_TOOL_PATH) + " " + arguments + " 2> " + errors + " > " + output;
+        int const status = std::system(command.c_str());
+        Outcome outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(errors), readFile(output)};
+        std::filesystem::remove(errors);
+        std::filesystem::remove(output);
+        return outcome;
+    }
+
+    std::string path(std::string const& name) const { return (directory / name).string(); }
+
+    std::filesystem::path directory;
+    std::string input;
+};
+
+// The chain over the input file, opened in memory at level 0 and rounded to float as float32 output stores it.
+std::vector<double> expectedOutput(std::string const& inputPath, std::string const& chainText, Box const& box)
+{
+    Nuvek::TiffImage source(inputPath);
+    std::unique_ptr<NuvekTool::Chain> chain =
+        NuvekTool::buildChain(NuvekTool::parseChainExpression(chainText), &source);
+    std::vector<double> values = NuvekTest::openWhole(*chain->output, 0, box);
+    for (double& value : values)
+        value = static_cast<double>(static_cast<float>(value));
+    return values;
+}
+
+} // namespace
+
+TEST_F(ToolRun, OutputEqualsTheChainInMemoryForAnyTileSizeAndThreadCount)
+{
+    Box const whole(Vector(301, 259, 1));
+    char const* const chains[] = {"clamp | gaussian 5", "clamp | difference () (median 3)",
+                                  "channel 1 | localnorm 2", "channel 0 | threshold 128 | distance 1 6",
+                                  "clamp | sobel vector 3"};
+    struct Run
+    {
+        int tile;
+        int threads;
+    };
+    Run const runs[] = {{16, 1}, {64, 3}, {1024, 2}, {48, 8}};
+    for (char const* chain : chains)
+    {
+        std::vector<double> const expected = expectedOutput(input, chain, whole);
+        for (Run const& run : runs)
+        {
+            std::string const output = path("out.tif");
+            std::string const context = std::string(chain) + ", tile " + std::to_string(run.tile) + ", threads " +
+                                        std::to_string(run.threads);
+            Outcome const outcome = nuvek("run " + input + " " + output + " --quiet --chain '" + chain + "' --tile " +
+                                          std::to_string(run.tile) + " --threads " + std::to_string(run.threads));
+            ASSERT_EQ(outcome.status, 0) << context << ": " << outcome.errors;
+            Nuvek::TiffImage written(output);
+            EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(written, 0, whole), whole, context));
+        }
+    }
+}
+
+TEST_F(ToolRun, BoxAndLevelSelectWhatIsWritten)
+{
+    Box const box(Vector(20, 30, 0), Vector(119, 79, 0));
+    std::vector<double> const expected = expectedOutput(input, "clamp | box 3", box);
+    std::string const output = path("box.tif");
+    Outcome const outcome =
+        nuvek("run " + input + " " + output + " --quiet --chain 'clamp | box 3' --box 20,30,100,50 --tile 32");
+    ASSERT_EQ(outcome.status, 0) << outcome.errors;
+    Nuvek::TiffImage written(output);
+    EXPECT_EQ(written.getExtent(0), Vector(100, 50, 1));
+    Box const local(Vector(100, 50, 1));
+    EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(written, 0, local), local));
+
+    Outcome const coarse = nuvek("run " + input + " " + path("level1.tif") + " --quiet --chain 'clamp' --level 1");
+    ASSERT_EQ(coarse.status, 0) << coarse.errors;
+    EXPECT_EQ(Nuvek::TiffImage(path("level1.tif")).getExtent(0), Vector(150, 129, 1));
+}
+
+TEST_F(ToolRun, BadUsageExitsWithTwoAndLeavesNoOutput)
+{
+    struct Case
+    {
+        std::string arguments;
+        std::string message;
+    };
+    std::string const output = path("never.tif");
+    Case const cases[] = {
+        {"run " + input + " " + output + " --chain 'gaussian 4'", "gaussian: Kernel size must be odd."},
+        {"run " + input + " " + output + " --chain 'blur 3'", "Unknown filter 'blur'"},
+        {"run " + input + " " + output + " --chain 'clamp |'", "Bad chain expression at character 8"},
+        {"run " + input + " " + output, "--chain is missing"},
+        {"run " + path("missing.tif") + " " + output + " --chain clamp", "no such file"},
+        {"run " + input + " " + output + " --chain clamp --threads 0", "--threads must be a whole number"},
+        {"run " + input + " " + output + " --chain clamp --type int7", "--type must be uint8, uint16 or float32"},
+        {"run " + input + " " + path("no/such/dir/out.tif") + " --chain clamp", "writePyramidalTiff"},
+        {"frobnicate", "unknown command 'frobnicate'"},
+    };
+    for (Case const& test : cases)
+    {
+        Outcome const outcome = nuvek(test.arguments);
+        EXPECT_EQ(outcome.status, 2) << test.arguments << ": " << outcome.errors;
+        EXPECT_NE(outcome.errors.find(test.message), std::string::npos) << test.arguments << ": " << outcome.errors;
+        EXPECT_FALSE(std::filesystem::exists(output)) << test.arguments;
+    }
+    // Nothing but the input is left in the folder (no temporary files either).
+    for (auto const& entry : std::filesystem::directory_iterator(directory))
+        EXPECT_EQ(entry.path().filename(), "input.tif");
+}
+
+TEST_F(ToolRun, InfoAndFiltersDescribeWhatIsThere)
+{
+    Outcome const info = nuvek("info " + input);
+    ASSERT_EQ(info.status, 0) << info.errors;
+    EXPECT_NE(info.output.find("level 0   301 x 259 x 1 voxels"), std::string::npos) << info.output;
+    EXPECT_NE(info.output.find("Channels:    3"), std::string::npos) << info.output;
+    Outcome const filters = nuvek("filters");
+    EXPECT_EQ(filters.status, 0);
+    EXPECT_NE(filters.output.find("gaussian k"), std::string::npos) << filters.output;
+    EXPECT_EQ(nuvek("run --help").status, 0);
+}

@@ -1,0 +1,413 @@
+#include "Commands.h"
+
+#include "ChainExpression.h"
+#include "ChainImage.h"
+#include "FilterCatalogue.h"
+#include "OutputWriter.h"
+#include "Preview.h"
+#include "Progress.h"
+#include "SyntheticSlide.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+#include <thread>
+
+namespace NuvekTool {
+
+namespace {
+
+// Set by SIGINT; polled by the writer between tiles.
+std::atomic<bool> interrupted{false};
+
+extern "C" void onInterrupt(int)
+{
+    interrupted.store(true);
+}
+
+// Ctrl-C requests a clean stop for as long as this lives.
+class InterruptScope
+{
+public:
+    InterruptScope() { previous = std::signal(SIGINT, onInterrupt); }
+    ~InterruptScope() { std::signal(SIGINT, previous); }
+    InterruptScope(InterruptScope const&) = delete;
+    InterruptScope& operator=(InterruptScope const&) = delete;
+
+private:
+    void (*previous)(int) = SIG_DFL;
+};
+
+int defaultThreads()
+{
+    return static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+}
+
+// --name value, --name=value and bare flags; positional arguments in order.
+struct Options
+{
+    std::vector<std::string> positional;
+    std::map<std::string, std::string> values;
+    std::set<std::string> flags;
+
+    bool has(std::string const& name) const { return values.count(name) != 0; }
+    std::string get(std::string const& name, std::string const& fallback) const
+    {
+        auto const found = values.find(name);
+        return found == values.end() ? fallback : found->second;
+    }
+    long long integer(std::string const& name, long long fallback, long long minimum) const
+    {
+        if (!has(name))
+            return fallback;
+        std::string const& text = values.at(name);
+        try
+        {
+            std::size_t used = 0;
+            long long const value = std::stoll(text, &used);
+            if (used == text.size() && value >= minimum)
+                return value;
+        }
+        catch (std::exception const&)
+        {
+        }
+        throw std::runtime_error("--" + name + " must be a whole number of at least " + std::to_string(minimum) +
+                                 ", got '" + text + "'.");
+    }
+};
+
+Options parseOptions(std::vector<std::string> const& arguments, std::set<std::string> const& valueOptions,
+                     std::set<std::string> const& flagOptions)
+{
+    Options options;
+    for (std::size_t i = 0; i < arguments.size(); ++i)
+    {
+        std::string const& argument = arguments[i];
+        if (argument.size() < 2 || argument.compare(0, 2, "--") != 0)
+        {
+            options.positional.push_back(argument);
+            continue;
+        }
+        std::string name = argument.substr(2);
+        std::string value;
+        bool const inlineValue = name.find('=') != std::string::npos;
+        if (inlineValue)
+        {
+            value = name.substr(name.find('=') + 1);
+            name = name.substr(0, name.find('='));
+        }
+        if (flagOptions.count(name) != 0 && !inlineValue)
+        {
+            options.flags.insert(name);
+            continue;
+        }
+        if (valueOptions.count(name) == 0)
+            throw std::runtime_error("unknown option --" + name + ".");
+        if (!inlineValue)
+        {
+            if (i + 1 >= arguments.size())
+                throw std::runtime_error("--" + name + " needs a value.");
+            value = arguments[++i];
+        }
+        options.values[name] = value;
+    }
+    return options;
+}
+
+bool wantsHelp(std::vector<std::string> const& arguments)
+{
+    return std::find(arguments.begin(), arguments.end(), "--help") != arguments.end() ||
+           std::find(arguments.begin(), arguments.end(), "-h") != arguments.end();
+}
+
+Nuvek::Box parseBox(std::string const& text, Nuvek::Vector const& extent)
+{
+    std::vector<long long> numbers;
+    std::stringstream stream(text);
+    std::string item;
+    try
+    {
+        while (std::getline(stream, item, ','))
+        {
+            std::size_t used = 0;
+            numbers.push_back(std::stoll(item, &used));
+            if (used != item.size())
+                throw std::invalid_argument(item);
+        }
+    }
+    catch (std::exception const&)
+    {
+        numbers.clear();
+    }
+    if (numbers.size() != 4 || numbers[2] < 1 || numbers[3] < 1)
+        throw std::runtime_error("--box takes X,Y,WIDTH,HEIGHT with positive width and height, got '" + text + "'.");
+    return Nuvek::Box(Nuvek::Vector(numbers[0], numbers[1], 0),
+                      Nuvek::Vector(numbers[0] + numbers[2] - 1, numbers[1] + numbers[3] - 1, extent.z - 1));
+}
+
+struct RunResult
+{
+    long long voxels = 0;
+    double seconds = 0.0;
+    int copies = 1;
+};
+
+// Writes the chain's result at a level and box to `output`; throws Interrupted when Ctrl-C stopped it.
+RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::string const& output, long long level,
+                   Nuvek::Box const* requested, OutputSettings const& settings, bool quiet, std::string const& label)
+{
+    ChainExpression const expression = parseChainExpression(chainText);
+    if (level < 0 || level >= source.getNumLevels())
+        throw std::runtime_error("--level " + std::to_string(level) + " is not among the input's " +
+                                 std::to_string(source.getNumLevels()) + " levels.");
+    Nuvek::Vector const extent = source.getExtent(level);
+    Nuvek::Box const box = requested != nullptr ? *requested : Nuvek::Box(extent);
+    if (box.isEmpty())
+        throw std::runtime_error("the region to process is empty.");
+    ChainImage image(expression, &source, settings.threads, level, box);
+
+    Progress progress(label, quiet);
+    std::atomic<long long> voxelsDone{0};
+    bool const finished = writeOutput(
+        image, output, settings,
+        [&](long long tilesDone, long long tilesTotal, long long voxels) {
+            voxelsDone = voxels;
+            progress.update(tilesDone, tilesTotal, voxels);
+        },
+        interrupted);
+    if (!finished)
+        throw Interrupted();
+    long long const voxels = box.getSize() * image.getNumChannels();
+    progress.finish(voxels);
+    return RunResult{voxels, progress.elapsedSeconds(), image.getNumCopies()};
+}
+
+OutputSettings outputSettings(Options const& options)
+{
+    OutputSettings settings;
+    settings.tileSize = options.integer("tile", 512, 16);
+    settings.threads = static_cast<int>(options.integer("threads", defaultThreads(), 1));
+    settings.type = options.get("type", "float32");
+    settings.compression = options.get("compression", "deflate");
+    if (settings.type != "uint8" && settings.type != "uint16" && settings.type != "float32")
+        throw std::runtime_error("--type must be uint8, uint16 or float32, got '" + settings.type + "'.");
+    if (settings.compression != "none" && settings.compression != "deflate" && settings.compression != "lzw")
+        throw std::runtime_error("--compression must be none, deflate or lzw, got '" + settings.compression + "'.");
+    return settings;
+}
+
+char const* const runHelp = R"(Usage: nuvek run INPUT OUTPUT.tif --chain EXPR [options]
+
+Runs a filter chain over INPUT (TIFF, BigTIFF or a whole-slide file) and writes the result as a tiled
+pyramidal BigTIFF. Tiles are computed on a pool of worker threads and written in order.
+
+Chain expressions: filters separated by '|' apply left to right, each with its parameters:
+    clamp | gaussian 5 | sobel magnitude 3
+Filters with several inputs take sub-chains in parentheses; each sub-chain starts from the image
+that flows into the filter, and () is that image itself:
+    clamp | difference (gaussian 3) (gaussian 9)
+    concat (channel 0) (channel 2 | gaussian 5)
+'nuvek filters' lists every filter with its parameters and defaults.
+
+Options:
+  --chain EXPR          the filter chain (required)
+  --level L             resolution level to process (default 0); the output's level 0 is that level
+  --box X,Y,W,H         process only this box at that level (default: the whole image)
+  --tile N              output tile size in voxels, a multiple of 16 (default 512)
+  --threads N           worker threads (default: all cores)
+  --type T              uint8, uint16 or float32 (default float32); integer types map the chain's
+                        value range linearly onto 0..255 or 0..65535
+  --compression C       none, deflate or lzw (default deflate)
+  --preview FILE.png    also write a small PNG preview of the output
+  --quiet               no progress bar and no summary
+
+Threads: the libraries create none; this tool runs tiles on its own pool. A chain whose filters may
+all serve several threads at once is built once and shared by the workers. A chain containing
+'localnorm' (whose work buffer must not serve two threads at once) or 'upsample' (which locks each
+call around its cache) is built once per worker thread instead, and each tile borrows a free copy.
+
+The output appears only when complete: errors and Ctrl-C leave nothing behind. Exit status 2 for
+bad usage, unreadable input, an invalid chain or an unwritable output; 130 when interrupted.
+)";
+
+} // namespace
+
+int filtersCommand(std::vector<std::string> const& arguments)
+{
+    if (wantsHelp(arguments))
+    {
+        std::printf("Usage: nuvek filters\n\nLists every filter with its parameters ([name=default] are optional).\n");
+        return 0;
+    }
+    std::printf("Filters (parameters in order; [name=default] may be left out):\n\n%s", describeFilters().c_str());
+    return 0;
+}
+
+int infoCommand(std::vector<std::string> const& arguments)
+{
+    if (wantsHelp(arguments))
+    {
+        std::printf("Usage: nuvek info FILE\n\nPrints the levels with their extents, the channels and their names, the\n"
+                    "value range, the voxel size and the tile size of an image file.\n");
+        return 0;
+    }
+    Options const options = parseOptions(arguments, {}, {});
+    if (options.positional.size() != 1)
+        throw std::runtime_error("expected one file; 'nuvek info --help' shows the usage.");
+    std::unique_ptr<Nuvek::Image> image = openInput(options.positional[0]);
+    std::printf("File:        %s\n", options.positional[0].c_str());
+    std::printf("Levels:      %lld\n", image->getNumLevels());
+    for (long long level = 0; level < image->getNumLevels(); ++level)
+    {
+        Nuvek::Vector const extent = image->getExtent(level);
+        Nuvek::Vector const voxel = image->getVoxelSize(level);
+        std::printf("  level %-3lld %lld x %lld x %lld voxels, voxel size %lld x %lld x %lld nm\n", level, extent.x,
+                    extent.y, extent.z, voxel.x, voxel.y, voxel.z);
+    }
+    std::printf("Channels:    %lld\n", image->getNumChannels());
+    for (long long c = 0; c < image->getNumChannels(); ++c)
+        std::printf("  %lld: %s\n", c, image->getChannelName(c).c_str());
+    Nuvek::ValueRange<double> const range = image->getValueRange();
+    std::printf("Value range: %g to %g\n", range.min, range.max);
+    Nuvek::Vector const tile = image->getTileExtent();
+    std::printf("Tile size:   %lld x %lld x %lld\n", tile.x, tile.y, tile.z);
+    return 0;
+}
+
+int runCommand(std::vector<std::string> const& arguments)
+{
+    if (wantsHelp(arguments))
+    {
+        std::fputs(runHelp, stdout);
+        return 0;
+    }
+    Options const options =
+        parseOptions(arguments, {"chain", "level", "box", "tile", "threads", "type", "compression", "preview"}, {"quiet"});
+    if (options.positional.size() != 2)
+        throw std::runtime_error("expected INPUT and OUTPUT.tif; 'nuvek run --help' shows the usage.");
+    if (!options.has("chain"))
+        throw std::runtime_error("--chain is missing; 'nuvek run --help' shows the usage.");
+    OutputSettings const settings = outputSettings(options);
+    long long const level = options.integer("level", 0, 0);
+    // Parse the chain before touching any file, so that a typo costs nothing.
+    parseChainExpression(options.get("chain", ""));
+    std::unique_ptr<Nuvek::Image> source = openInput(options.positional[0]);
+    std::unique_ptr<Nuvek::Box> box;
+    if (options.has("box"))
+        box = std::make_unique<Nuvek::Box>(parseBox(options.get("box", ""), source->getExtent(level)));
+    InterruptScope const interruptScope;
+    bool const quiet = options.flags.count("quiet") != 0;
+    runChain(*source, options.get("chain", ""), options.positional[1], level, box.get(), settings, quiet,
+             options.positional[1]);
+    if (options.has("preview"))
+    {
+        std::unique_ptr<Nuvek::Image> written = openInput(options.positional[1]);
+        writePreview(*written, options.get("preview", ""));
+    }
+    return 0;
+}
+
+int demoCommand(std::vector<std::string> const& arguments)
+{
+    if (wantsHelp(arguments))
+    {
+        std::printf(R"(Usage: nuvek demo [DIR] [--size N] [--threads N] [--quiet]
+
+Makes a synthetic brightfield slide (RGB, N x N voxels, N at least 2048, 4096 by default:
+hematoxylin-stained nuclei on paler eosin-stained tissue), writes it as a tiled pyramidal TIFF,
+then finds the nuclei with one filter chain, stage by stage, each stage reading the previous
+stage's file:
+
+  unmix hematoxylin+eosin 0   amount of the nuclear stain (0..1)
+  clamp | gaussian 5          smoothing, with edge values repeated at the border
+  downsample 2 | localnorm 6  background removed against level 6 (64 x 64 means) of the same image
+  threshold 0.6               nuclei mask
+  distance 1 16               distance to the nearest background voxel, capped at 16
+  radial 6 0.5                radial symmetry votes: peaks at nucleus centres
+
+Every output gets a small PNG preview beside it. DIR defaults to ./nuvek-demo.
+)");
+        return 0;
+    }
+    Options const options = parseOptions(arguments, {"size", "threads"}, {"quiet"});
+    if (options.positional.size() > 1)
+        throw std::runtime_error("expected at most one directory; 'nuvek demo --help' shows the usage.");
+    std::filesystem::path const directory = options.positional.empty() ? "nuvek-demo" : options.positional[0];
+    long long const size = options.integer("size", 4096, 2048);
+    bool const quiet = options.flags.count("quiet") != 0;
+    OutputSettings settings;
+    settings.threads = static_cast<int>(options.integer("threads", defaultThreads(), 1));
+    std::filesystem::create_directories(directory);
+    InterruptScope const interruptScope;
+
+    auto const start = std::chrono::steady_clock::now();
+    std::printf("Nuvek demo: a %lld x %lld brightfield slide, %d threads, output in %s\n\n", size, size,
+                settings.threads, directory.string().c_str());
+
+    // 1. The slide itself.
+    SyntheticSlide slide(size, 20261121);
+    std::string const slidePath = (directory / "0-slide.tif").string();
+    {
+        OutputSettings slideSettings = settings;
+        slideSettings.type = "uint8";
+        Progress progress("0-slide.tif", quiet);
+        if (!writeOutput(slide, slidePath, slideSettings,
+                         [&](long long done, long long total, long long voxels) { progress.update(done, total, voxels); },
+                         interrupted))
+            throw Interrupted();
+        progress.finish(slide.getExtent(0).prod() * 3);
+        std::unique_ptr<Nuvek::Image> written = openInput(slidePath);
+        writePreview(*written, (directory / "0-slide.png").string());
+        std::printf("  %-24s %6.2f s  synthetic slide with %zu nuclei\n", "0-slide.tif", progress.elapsedSeconds(),
+                    slide.nuclei().size());
+    }
+
+    // 2. The nuclei-finding chain, one stage per file.
+    struct StageRun
+    {
+        char const* file;
+        char const* chain;
+        char const* what;
+    };
+    // The background is level 6 (voxels of 64 x 64, several nuclei wide), computed by block means
+    // from level 2 of the file, which every demo size has.
+    std::string const normalize = "downsample 2 | localnorm 6";
+    StageRun const stages[] = {
+        {"1-hematoxylin.tif", "unmix hematoxylin+eosin 0", "nuclear stain amount"},
+        {"2-smoothed.tif", "clamp | gaussian 5", "smoothed"},
+        {"3-normalized.tif", normalize.c_str(), "background removed"},
+        {"4-mask.tif", "threshold 0.6", "nuclei mask"},
+        {"5-distance.tif", "distance 1 16", "distance inside nuclei"},
+        {"6-centres.tif", "radial 6 0.5", "radial symmetry: nucleus centres"},
+    };
+    std::string previous = slidePath;
+    std::string pipeline;
+    for (StageRun const& stage : stages)
+    {
+        std::string const output = (directory / stage.file).string();
+        std::unique_ptr<Nuvek::Image> source = openInput(previous);
+        RunResult const result = runChain(*source, stage.chain, output, 0, nullptr, settings, quiet, stage.file);
+        std::unique_ptr<Nuvek::Image> written = openInput(output);
+        std::string const preview = (std::filesystem::path(output).replace_extension(".png")).string();
+        writePreview(*written, preview);
+        std::printf("  %-24s %6.2f s  %-34s %.1f Mvoxel/s  (nuvek run %s %s --chain '%s')\n", stage.file,
+                    result.seconds, stage.what, static_cast<double>(result.voxels) / result.seconds / 1e6,
+                    std::filesystem::path(previous).filename().string().c_str(), stage.file, stage.chain);
+        pipeline += (pipeline.empty() ? "" : " | ") + std::string(stage.chain);
+        previous = output;
+    }
+
+    double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    std::printf("\nThe whole chain in one go: nuvek run 0-slide.tif nuclei.tif --chain '%s'\n", pipeline.c_str());
+    std::printf("Done in %.1f s. PNG previews are beside each .tif in %s.\n", seconds, directory.string().c_str());
+    return 0;
+}
+
+} // namespace NuvekTool
