@@ -1,4 +1,5 @@
 #include <nuvek/filters/neighbourhood/BoxFilter.h>
+#include <nuvek/filters/framework/TargetClones.h>
 
 #include <cmath>
 #include <stdexcept>
@@ -134,14 +135,14 @@ __attribute__((always_inline)) inline void sumRowsAlongX(double* rows, long long
 
 // Scalar on purpose (the file is built without straight-line vectorisation where the compiler has
 // it): packing eight rows' values into vectors costs more shuffles than it saves.
-__attribute__((target_clones("avx2", "default"))) void sumRowGroupAlongX(double* rows, long long stride,
+NUVEK_TARGET_CLONES void sumRowGroupAlongX(double* rows, long long stride,
                                                                          long long outputWidth, long long kernelSize,
                                                                          long long carriedPosition, double& carried)
 {
     sumRowsAlongX<rowsPerGroup>(rows, stride, outputWidth, kernelSize, carriedPosition, carried);
 }
 
-__attribute__((target_clones("avx2", "default"))) void sumRowAlongX(double* row, long long outputWidth,
+NUVEK_TARGET_CLONES void sumRowAlongX(double* row, long long outputWidth,
                                                                     long long kernelSize, long long carriedPosition,
                                                                     double& carried)
 {
@@ -150,7 +151,7 @@ __attribute__((target_clones("avx2", "default"))) void sumRowAlongX(double* row,
 
 // The column sums of output row 0: 0.0, plus the row sums of input rows 0 to k - 2 in order, minus
 // the empty slot's 0.0, plus input row k - 1.
-__attribute__((target_clones("avx2", "default"))) void startColumnSums(double* sums, double const* rows,
+NUVEK_TARGET_CLONES void startColumnSums(double* sums, double const* rows,
                                                                        long long stride, long long outputWidth,
                                                                        long long kernelSize)
 {
@@ -172,7 +173,7 @@ __attribute__((target_clones("avx2", "default"))) void startColumnSums(double* s
 
 // One step down: every column sum loses the row leaving the window and gains the one entering it.
 // With `entering` null only the scaling is done, for output row 0.
-__attribute__((target_clones("avx2", "default"))) void advanceColumnSumsInto(double* out, double* sums,
+NUVEK_TARGET_CLONES void advanceColumnSumsInto(double* out, double* sums,
                                                                              double const* leaving,
                                                                              double const* entering,
                                                                              long long outputWidth, double scale,

@@ -1,4 +1,5 @@
 #include <nuvek/filters/neighbourhood/DistanceTransformFilter.h>
+#include <nuvek/filters/framework/TargetClones.h>
 
 #include <algorithm>
 #include <cmath>
@@ -130,7 +131,7 @@ void transformColumns(double* slice, long long width, long long height, long lon
 // to the bit. A column without a target gets the envelope of an all-farAway column, built once.
 constexpr long long longestBinaryColumn = 1LL << 20;
 
-__attribute__((target_clones("avx2", "default"))) void
+NUVEK_TARGET_CLONES void
 transformBinaryColumns(double* slice, long long width, long long height, double value, long long firstRow,
                        long long endRow)
 {

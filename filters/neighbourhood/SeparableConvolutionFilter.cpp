@@ -1,4 +1,5 @@
 #include <nuvek/filters/neighbourhood/SeparableConvolutionFilter.h>
+#include <nuvek/filters/framework/TargetClones.h>
 
 #include <stdexcept>
 
@@ -92,7 +93,7 @@ constexpr long long blockWidth = 4 * quadsPerBlock;
 // computed from values at or right of its first position before it is stored, and later blocks
 // read only further right, so the row needs no copy. The results are thus kept h places left of
 // the voxels they belong to.
-__attribute__((target_clones("avx2", "default"))) void correlateRowInPlace(double* row, long long outputWidth,
+NUVEK_TARGET_CLONES void correlateRowInPlace(double* row, long long outputWidth,
                                                                            double const* kernel, long long n)
 {
     long long i = 0;
@@ -123,7 +124,7 @@ __attribute__((target_clones("avx2", "default"))) void correlateRowInPlace(doubl
 
 // One output row: out[x] = sum over j of kernel[j] * rows[j * stride + x], from the n row results
 // below each other in the work buffer.
-__attribute__((target_clones("avx2", "default"))) void correlateRowsInto(double* out, double const* rows,
+NUVEK_TARGET_CLONES void correlateRowsInto(double* out, double const* rows,
                                                                          long long stride, long long outputWidth,
                                                                          double const* kernel, long long n)
 {

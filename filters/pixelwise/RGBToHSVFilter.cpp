@@ -1,4 +1,5 @@
 #include <nuvek/filters/pixelwise/RGBToHSVFilter.h>
+#include <nuvek/filters/framework/TargetClones.h>
 
 #include <nuvek/core/Conversions.h>
 
@@ -30,7 +31,7 @@ void convertOneByOne(double* red, double* green, double* blue, long long begin, 
 // Fast pass: the conversion's operations on the same operands, but every branch is computed and the
 // results are selected, so that the loop vectorises.
 #if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
-__attribute__((target_clones("avx2", "default")))
+NUVEK_TARGET_CLONES
 #endif
 void convertBySelection(double* __restrict red, double* __restrict green, double* __restrict blue, long long count,
                         double low, double span)

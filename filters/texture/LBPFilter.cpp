@@ -1,4 +1,5 @@
 #include <nuvek/filters/texture/LBPFilter.h>
+#include <nuvek/filters/framework/TargetClones.h>
 
 #include <algorithm>
 #include <cmath>
@@ -18,7 +19,7 @@ std::array<long long, 8> neighbourOffsets(long long r, long long d, long long ro
 }
 
 // One row of classes: the code of each centre, then its class from the table.
-__attribute__((target_clones("avx2", "default"))) void classifyRow(double const* centre, double* target,
+NUVEK_TARGET_CLONES void classifyRow(double const* centre, double* target,
                                                                    long long width,
                                                                    std::array<long long, 8> const& offsets,
                                                                    double const* classOfCode)

@@ -1,4 +1,5 @@
 #include <nuvek/filters/texture/MorphologicFilter.h>
+#include <nuvek/filters/framework/TargetClones.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -246,7 +247,7 @@ inline __attribute__((always_inline)) bool rescanSensitiveWindows(double const* 
 // a ring of k rows, and as soon as k rows are in, one output row is taken across them. Where a
 // window of pass 1 results holds NaN or -0.0, its output is the slot-order scan of the ring.
 template <bool maximum>
-__attribute__((target_clones("avx2", "default"))) void
+NUVEK_TARGET_CLONES void
 extremaOfPlane(double const* plane, long long width, long long height, double* out, long long count, long long k,
                Scratch& scratch)
 {

@@ -1,4 +1,5 @@
 #include <nuvek/filters/texture/RankFilter.h>
+#include <nuvek/filters/framework/TargetClones.h>
 
 #include <algorithm>
 #include <array>
@@ -354,7 +355,7 @@ inline __attribute__((always_inline)) void medianRowOfThree(double const* top, l
 
 // The rank of every window of one channel's first slice for k = 3, 5 or 7: sorting networks over
 // four windows at a time, and exact selection among keys for windows holding NaN or -0.0.
-__attribute__((target_clones("avx2", "default"))) void selectRanksByNetwork(double const* plane, long long width,
+NUVEK_TARGET_CLONES void selectRanksByNetwork(double const* plane, long long width,
                                                                             double* out, Vector const& extent,
                                                                             long long k, long long rank)
 {
