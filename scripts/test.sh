@@ -2,6 +2,7 @@
 # Builds the project with warnings as errors and runs the whole test suite.
 #   scripts/test.sh                              normal build in build/test
 #   scripts/test.sh --sanitize address,undefined  sanitizer build in build/test-address-undefined
+#   scripts/test.sh --sanitize thread             ThreadSanitizer build in build/test-thread
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -25,5 +26,6 @@ cmake -S . -B "$build" -DNUVEK_WARNINGS_AS_ERRORS=ON "${options[@]}" >/dev/null
 cmake --build "$build" -j "$jobs"
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 ctest --test-dir "$build" -j "$jobs" --output-on-failure
