@@ -89,7 +89,7 @@ void sumAlongYInto(double* out, double const* work, Vector const& outputExtent, 
 constexpr long long minimumFastWidth = 8;
 // Rows whose running sums along x run side by side: each sum depends on its own previous step, so
 // interleaving independent rows hides the latency of the additions.
-constexpr long long rowsPerGroup = 8;
+constexpr long long rowsPerGroup = 6;
 
 // Four doubles that the compiler keeps in one AVX register, or two SSE registers on processors
 // without AVX2. Every operation on them is the IEEE operation on each of the four lanes.
@@ -134,7 +134,7 @@ __attribute__((always_inline)) inline void sumRowsAlongX(double* rows, long long
 }
 
 // Scalar on purpose (the file is built without straight-line vectorisation where the compiler has
-// it): packing eight rows' values into vectors costs more shuffles than it saves.
+// it): packing the rows' values into vectors costs more shuffles than it saves.
 NUVEK_TARGET_CLONES void sumRowGroupAlongX(double* rows, long long stride,
                                                                          long long outputWidth, long long kernelSize,
                                                                          long long carriedPosition, double& carried)
@@ -205,7 +205,7 @@ NUVEK_TARGET_CLONES void advanceColumnSumsInto(double* out, double* sums,
             out[x] = std::floor(out[x] + 0.5);
 }
 
-// Both passes, plane by plane: rows are summed along x eight at a time, and every output row is
+// Both passes, plane by plane: rows are summed along x a group at a time, and every output row is
 // produced as soon as the rows of its window are summed, while they are still in cache.
 void sumBoxFast(double* out, double* work, Vector const& outputExtent, Vector const& inputExtent,
                 long long numChannels, long long kernelSize, double scale, bool rounding)

@@ -175,6 +175,7 @@ void correlateFast(double* out, double* work, Vector const& outputExtent, Vector
         }
     }
 }
+
 } // namespace
 
 SeparableConvolutionFilter::SeparableConvolutionFilter(Image* input, std::vector<double> const& kernelX,
@@ -215,7 +216,7 @@ void SeparableConvolutionFilter::openRegion(double* out, long long level, Box co
     std::vector<double> work(static_cast<std::size_t>(numChannels * inputBox.getSize()), 0.0);
     input->openRegion(work.data(), level, inputBox);
 
-    // Rows at least one block wide take the fast passes; they give the same bits as the ring passes,
+    // Rows at least eight wide take the fast passes; they give the same bits as the ring passes,
     // which narrower boxes keep.
     if (outputExtent.x >= minimumFastWidth)
     {
