@@ -305,3 +305,19 @@ TEST(DownsampleFilter, TilesAgreeWithOneLargeRequest)
         EXPECT_TRUE(NuvekTest::sameBits(whole, NuvekTest::openTiled(filter, 1, box, {1, 8, 23}, {3, 17, 30}, threads),
                                         box, "threads " + std::to_string(threads)));
 }
+
+TEST(DownsampleFilter, BlocksWiderThan2To62AreRejected)
+{
+    // A source level 70 levels finer than the request cannot be averaged in 64-bit blocks.
+    Nuvek::MemoryImage image(Vector(4, 4, 1), 1);
+    DownsampleFilter filter(&image, -70, false);
+    try
+    {
+        openWhole(filter, 0, Box(Vector(1, 1, 1)));
+        ADD_FAILURE() << "70 levels accepted";
+    }
+    catch (std::runtime_error const& error)
+    {
+        EXPECT_STREQ(error.what(), "DownsampleFilter: cannot average blocks of more than 2^62 voxels per axis.");
+    }
+}
