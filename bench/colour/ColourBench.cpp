@@ -105,6 +105,25 @@ void unmixingTiles(benchmark::State& state)
 }
 BENCHMARK(unmixingTiles)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond);
 
+// One request of a 256 x 256 or an odd 255 x 257 tile inside the 2048 x 2048 image, 8-bit values.
+void unmixingSmallTile(benchmark::State& state)
+{
+    auto image = colourTile(true);
+    Nuvek::ChannelBank bank(image.get());
+    Nuvek::ColorUnmixingFilter filter(&bank, rgb);
+    filter.reinit(Nuvek::ColorUnmixingFilter::computeMatrixFromColors(stainColours)[0]);
+    Nuvek::Vector const min(700, 900, 0);
+    Nuvek::Box const box(min, min + Nuvek::Vector(state.range(0) - 1, state.range(1) - 1, 0));
+    std::vector<double> out(static_cast<std::size_t>(box.getSize()));
+    for (auto _ : state)
+    {
+        filter.openRegion(out.data(), 0, box);
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetItemsProcessed(state.iterations() * box.getSize());
+}
+BENCHMARK(unmixingSmallTile)->Args({256, 256})->Args({255, 257});
+
 // processPixel alone over channel values already read, through the virtual call: the arithmetic
 // per voxel without the reading.
 void unmixingVoxels(benchmark::State& state)

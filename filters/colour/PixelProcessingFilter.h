@@ -37,6 +37,7 @@ public:
     PixelProcessingFilter(ChannelBank* bank, std::vector<std::string> const& channelNames);
 
     long long getNumChannels() const override;
+    /// Writes nothing for an empty selection or an empty box.
     void openRegion(double* out, long long level, Box const& box) override;
     std::string getChannelName(long long index) override = 0;
     std::uint64_t getHash() override;

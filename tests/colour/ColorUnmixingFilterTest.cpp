@@ -270,7 +270,9 @@ TEST(ColorUnmixingFilter, MatrixMatchesReferenceOnRandomColours)
         ASSERT_EQ(expected.size(), actual.size()) << "round " << round;
         for (std::size_t i = 0; i < expected.size(); ++i)
             for (std::size_t j = 0; j < expected[i].size(); ++j)
-                EXPECT_EQ(NuvekTest::bitsOf(expected[i][j]), NuvekTest::bitsOf(actual[i][j]))
+                // Any NaN matches any NaN: which of two meeting NaNs an operation passes on is not fixed.
+                EXPECT_TRUE(NuvekTest::bitsOf(expected[i][j]) == NuvekTest::bitsOf(actual[i][j]) ||
+                            (std::isnan(expected[i][j]) && std::isnan(actual[i][j])))
                     << "round " << round << " [" << i << "][" << j << "]: expected " << hex(expected[i][j])
                     << ", found " << hex(actual[i][j]);
     }

@@ -27,7 +27,14 @@ std::string hex(double value)
     return text;
 }
 
-::testing::AssertionResult sameBits(Matrix const& expected, Matrix const& actual)
+// Bit for bit, except that any NaN matches any NaN: where two NaNs meet, which one an addition or
+// multiplication passes on is not fixed, and the compiler may swap the operands of either.
+bool sameValue(double expected, double actual)
+{
+    return NuvekTest::bitsOf(expected) == NuvekTest::bitsOf(actual) || (std::isnan(expected) && std::isnan(actual));
+}
+
+::testing::AssertionResult sameEntries(Matrix const& expected, Matrix const& actual)
 {
     if (expected.size() != actual.size())
         return ::testing::AssertionFailure() << expected.size() << " rows expected, " << actual.size() << " found";
@@ -37,7 +44,7 @@ std::string hex(double value)
             return ::testing::AssertionFailure() << "row " << i << ": " << expected[i].size() << " entries expected, "
                                                  << actual[i].size() << " found";
         for (std::size_t j = 0; j < expected[i].size(); ++j)
-            if (NuvekTest::bitsOf(expected[i][j]) != NuvekTest::bitsOf(actual[i][j]))
+            if (!sameValue(expected[i][j], actual[i][j]))
                 return ::testing::AssertionFailure() << "difference at [" << i << "][" << j << "]: expected "
                                                      << hex(expected[i][j]) << ", found " << hex(actual[i][j]);
     }
@@ -83,7 +90,7 @@ TEST(Matrix, TransposeSwapsRowsAndColumns)
     EXPECT_TRUE(transposeMatrix({{}}).empty());
 }
 
-TEST(Matrix, ProductMatchesReferenceBitForBit)
+TEST(Matrix, ProductMatchesReference)
 {
     std::mt19937_64 random(81);
     for (int round = 0; round < 200; ++round)
@@ -94,7 +101,7 @@ TEST(Matrix, ProductMatchesReferenceBitForBit)
         Matrix const b = randomMatrix(random, inner, columns, round % 3 == 0);
         if (rows == 0 && inner > 0)
             continue; // a without rows has no columns either
-        EXPECT_TRUE(sameBits(NuvekReference::multiply(a, b), multMatrix(a, b))) << "round " << round;
+        EXPECT_TRUE(sameEntries(NuvekReference::multiply(a, b), multMatrix(a, b))) << "round " << round;
     }
     // Rows of no entries times no rows: the rows stay, each with columns(b) = 0 entries.
     EXPECT_EQ(multMatrix({{}, {}}, {}), (Matrix{{}, {}}));
@@ -134,7 +141,7 @@ TEST(Matrix, DeterminantExpandsAlongTheFirstRow)
         Matrix const m = randomMatrix(random, n, n, round % 4 == 0);
         double const expected = NuvekReference::determinant(m);
         double const actual = calcMatrixDet(m);
-        EXPECT_EQ(NuvekTest::bitsOf(expected), NuvekTest::bitsOf(actual))
+        EXPECT_TRUE(sameValue(expected, actual))
             << "round " << round << " size " << n << ": expected " << hex(expected) << ", found " << hex(actual);
     }
 }
@@ -153,7 +160,7 @@ TEST(Matrix, InverseIsAdjugateOverDeterminant)
     {
         std::size_t const n = 1 + static_cast<std::size_t>(round % 4);
         Matrix const source = randomMatrix(random, n, n, round % 4 == 0);
-        EXPECT_TRUE(sameBits(NuvekReference::inverse(source), invertMatrix(source))) << "round " << round;
+        EXPECT_TRUE(sameEntries(NuvekReference::inverse(source), invertMatrix(source))) << "round " << round;
     }
 }
 
