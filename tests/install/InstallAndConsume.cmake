@@ -54,6 +54,11 @@ if(WITH_IO)
     if(NOT last_output MATCHES "consumer ok")
         message(FATAL_ERROR "Unexpected IO consumer output: ${last_output}")
     endif()
+    # The tool is installed beside the libraries and finds them from there.
+    run(${prefix}/bin/nuvek filters)
+    if(NOT last_output MATCHES "gaussian k")
+        message(FATAL_ERROR "Unexpected output of the installed nuvek: ${last_output}")
+    endif()
 endif()
 
 # 2. pkg-config.
