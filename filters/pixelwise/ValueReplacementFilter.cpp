@@ -50,7 +50,8 @@ bool sameColour(double const* colour, double const* other, long long numChannels
 
 // Plain pass: every voxel walks the map in key order and stops at the first colour that matches in
 // every channel.
-void replaceByScan(std::vector<double*> const& planes, long long size, ValueReplacementFilter::Replacements const& replacements)
+void replaceByScan(std::vector<double*> const& planes, long long size,
+                   ValueReplacementFilter::Replacements const& replacements)
 {
     long long const numChannels = static_cast<long long>(planes.size());
     for (long long i = 0; i < size; ++i)
