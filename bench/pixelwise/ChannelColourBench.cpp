@@ -177,9 +177,11 @@ Nuvek::ValueReplacementFilter::Replacements firstColours(long long count)
 {
     Nuvek::ValueReplacementFilter::Replacements replacements;
     for (long long i = 0; i < count; ++i)
-        replacements.emplace(
-            std::vector<double>{static_cast<double>(i % 8), static_cast<double>(i / 8 % 8), static_cast<double>(i / 64)},
-            std::vector<double>{-1.0, -2.0, static_cast<double>(i)});
+    {
+        std::vector<double> colour{static_cast<double>(i % 8), static_cast<double>(i / 8 % 8),
+                                   static_cast<double>(i / 64)};
+        replacements.emplace(std::move(colour), std::vector<double>{-1.0, -2.0, static_cast<double>(i)});
+    }
     return replacements;
 }
 

@@ -22,15 +22,22 @@ std::uint64_t bitsOf(double value)
     return bits;
 }
 
+// Brings the high bits down before multiplying: colours of small whole numbers differ only in
+// their high bits, and the table index is taken from the low ones.
+std::uint64_t mix(std::uint64_t hash)
+{
+    hash ^= hash >> 32;
+    hash *= 0xD6E8FEB86659FD93u;
+    hash ^= hash >> 32;
+    return hash;
+}
+
 std::uint64_t hashOf(double const* colour, long long numChannels)
 {
     std::uint64_t hash = 0x243F6A8885A308D3u;
     for (long long c = 0; c < numChannels; ++c)
-    {
-        hash = (hash ^ bitsOf(colour[c])) * 0x9E3779B97F4A7C15u;
-        hash ^= hash >> 29;
-    }
-    return hash;
+        hash = mix(hash ^ bitsOf(colour[c]));
+    return mix(hash);
 }
 
 bool sameColour(double const* colour, double const* other, long long numChannels)
@@ -43,7 +50,8 @@ bool sameColour(double const* colour, double const* other, long long numChannels
 
 // Plain pass: every voxel walks the map in key order and stops at the first colour that matches in
 // every channel.
-void replaceByScan(std::vector<double*> const& planes, long long size, ValueReplacementFilter::Replacements const& replacements)
+void replaceByScan(std::vector<double*> const& planes, long long size,
+                   ValueReplacementFilter::Replacements const& replacements)
 {
     long long const numChannels = static_cast<long long>(planes.size());
     for (long long i = 0; i < size; ++i)
@@ -62,35 +70,41 @@ void replaceByScan(std::vector<double*> const& planes, long long size, ValueRepl
 
 // Fast pass: a voxel is looked up by its colour in a hash table that holds, for every colour, the
 // first entry in map order that can match it; entries holding NaN are left out, since they never
-// match. So the voxel gets the same replacement as by the scan.
+// match. So the voxel gets the same replacement as by the scan. `Fixed` is the channel count when
+// it is known at compile time (so that the per-voxel loops unroll), 0 otherwise.
+template <long long Fixed>
 void replaceByLookup(std::vector<double*> const& planes, long long size, std::vector<double> const& colours,
                      std::vector<double> const& substitutes, std::vector<long long> const& table)
 {
-    long long const numChannels = static_cast<long long>(planes.size());
+    long long const numChannels = Fixed > 0 ? Fixed : static_cast<long long>(planes.size());
     std::uint64_t const mask = table.size() - 1;
-    std::vector<double> voxel(static_cast<std::size_t>(numChannels));
+    // A fixed count keeps the voxel in registers.
+    double fixedVoxel[Fixed > 0 ? Fixed : 1];
+    std::vector<double> anyVoxel(static_cast<std::size_t>(Fixed > 0 ? 0 : numChannels));
+    double* const voxel = Fixed > 0 ? fixedVoxel : anyVoxel.data();
+    double* const* plane = planes.data();
     for (long long i = 0; i < size; ++i)
     {
         bool hasNaN = false;
         for (long long c = 0; c < numChannels; ++c)
         {
-            double const value = planes[c][i];
-            voxel[static_cast<std::size_t>(c)] = value;
+            double const value = plane[c][i];
+            voxel[c] = value;
             hasNaN |= std::isnan(value);
         }
         if (hasNaN)
             continue;
-        for (std::uint64_t slot = hashOf(voxel.data(), numChannels) & mask;; slot = (slot + 1) & mask)
+        for (std::uint64_t slot = hashOf(voxel, numChannels) & mask;; slot = (slot + 1) & mask)
         {
             long long const entry = table[slot];
             if (entry < 0)
                 break;
             double const* colour = colours.data() + entry * numChannels;
-            if (sameColour(voxel.data(), colour, numChannels))
+            if (sameColour(voxel, colour, numChannels))
             {
                 double const* substitute = substitutes.data() + entry * numChannels;
                 for (long long c = 0; c < numChannels; ++c)
-                    planes[c][i] = substitute[c];
+                    plane[c][i] = substitute[c];
                 break;
             }
         }
@@ -180,7 +194,23 @@ void ValueReplacementFilter::openRegion(double* out, long long level, Box const&
     if (table.empty())
         replaceByScan(planes, size, replacements);
     else
-        replaceByLookup(planes, size, colours, substitutes, table);
+        switch (numChannels)
+        {
+        case 1:
+            replaceByLookup<1>(planes, size, colours, substitutes, table);
+            break;
+        case 2:
+            replaceByLookup<2>(planes, size, colours, substitutes, table);
+            break;
+        case 3:
+            replaceByLookup<3>(planes, size, colours, substitutes, table);
+            break;
+        case 4:
+            replaceByLookup<4>(planes, size, colours, substitutes, table);
+            break;
+        default:
+            replaceByLookup<0>(planes, size, colours, substitutes, table);
+        }
 }
 
 } // namespace Nuvek

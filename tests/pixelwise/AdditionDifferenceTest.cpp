@@ -192,18 +192,6 @@ TEST(BinaryOperatorFilter, ValueRangesCombineTheInputRanges)
     EXPECT_EQ(AdditionFilter(&first, &second, false).getValueRange().max, 40.0);
 }
 
-TEST(BinaryOperatorFilter, MetadataIsTheFirstInputs)
-{
-    MemoryImage first(Vector(6, 4, 2), 2), second(Vector(6, 4, 2), 2);
-    first.setChannelNames({"a", "b"});
-    first.setVoxelSize(Vector(3, 4, 5));
-    DifferenceFilter filter(&first, &second, false);
-    EXPECT_EQ(filter.getChannelName(1), "b");
-    EXPECT_EQ(filter.getVoxelSize(1), Vector(6, 8, 5));
-    EXPECT_EQ(filter.getNumChannels(), 2);
-    EXPECT_EQ(filter.getNumLevels(), first.getNumLevels());
-}
-
 TEST(BinaryOperatorFilter, MatchesReferenceOnRandomBoxesAndAsksBothInputsOnce)
 {
     std::mt19937_64 random(31);

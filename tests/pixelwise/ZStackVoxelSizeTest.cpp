@@ -37,7 +37,6 @@ TEST(ZStackFilter, ReadsItsSliceWhateverZIsRequestedAtEveryLevel)
             EXPECT_EQ(recording.requests()[0].box, slice);
             EXPECT_EQ(recording.requests()[0].level, level);
         }
-    EXPECT_EQ(filter.getExtent(0), Vector(12, 10, 6));
 }
 
 TEST(ZStackFilter, DeepBoxesGetOneSlicesWorthOfValues)
@@ -80,13 +79,6 @@ TEST(VoxelSizeModificationFilter, SetterTakesEffectAtOnceAndDefaultIsTheInputsLe
     filter.setVoxelSizeAtLevel0(Vector(1, 2, 3));
     EXPECT_EQ(filter.getVoxelSize(0), Vector(1, 2, 3));
     EXPECT_EQ(filter.getVoxelSize(4), Vector(16, 32, 3));
-    // Data and everything else come from the input.
-    std::vector<double> values(16);
-    for (std::size_t i = 0; i < values.size(); ++i)
-        values[i] = static_cast<double>(i) - 3.5;
-    image.setValues(values);
-    EXPECT_EQ(openWhole(filter, 0, Box(Vector(4, 4, 1))), values);
-    EXPECT_EQ(filter.getHash(), image.getHash());
 }
 
 TEST(VoxelSizeModificationFilter, SizesBeyondSixtyFourBitsAreRejected)
