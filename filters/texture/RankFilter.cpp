@@ -413,8 +413,16 @@ void selectRanks(double const* plane, long long width, double* out, Vector const
     // Up to k = 7 a sorting network of four windows at a time is quicker than ranking the plane.
     if (k == 3 || k == 5 || k == 7)
         selectRanksByNetwork(plane, width, out, extent, k, rank);
-    else
+    else if (width * (extent.y + k - 1) <= static_cast<long long>(UINT32_MAX))
         selectRanksBySlidingSet(plane, width, out, extent, k, rank);
+    else
+    {
+        // Positions of so large a plane would not fit the 32-bit ranks: select window by window.
+        std::vector<std::uint64_t> keys(static_cast<std::size_t>(k * k));
+        for (long long y = 0; y < extent.y; ++y)
+            for (long long x = 0; x < extent.x; ++x)
+                out[y * extent.x + x] = selectRankOfWindow(plane + y * width + x, width, k, rank, keys);
+    }
 }
 
 } // namespace
