@@ -410,6 +410,13 @@ __attribute__((target_clones("avx2", "default"))) void selectRanksByNetwork(doub
 void selectRanks(double const* plane, long long width, double* out, Vector const& extent, long long k,
                  long long rank)
 {
+    if (k == 1)
+    {
+        // Windows of one value: rank 0 is the value.
+        for (long long y = 0; y < extent.y; ++y)
+            std::copy(plane + y * width, plane + y * width + extent.x, out + y * extent.x);
+        return;
+    }
     // Up to k = 7 a sorting network of four windows at a time is quicker than ranking the plane.
     if (k == 3 || k == 5 || k == 7)
         selectRanksByNetwork(plane, width, out, extent, k, rank);
