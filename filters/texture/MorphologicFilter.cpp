@@ -387,6 +387,12 @@ void MorphologicFilter<type>::openRegion(double* out, long long level, Box const
     long long const sliceSize = extent.x * extent.y;
     long long const inputSliceSize = inputExtent.x * inputExtent.y;
 
+    if (k == 1)
+    {
+        // Windows of one value: the padded region is the box itself, and the result is the input.
+        std::copy(work.begin(), work.end(), out);
+        return;
+    }
     Scratch scratch(inputExtent.x, extent.x, k);
     for (long long c = 0; c < numChannels; ++c)
         for (long long z = 0; z < extent.z; ++z)

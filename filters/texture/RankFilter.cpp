@@ -411,11 +411,26 @@ NUVEK_TARGET_CLONES void selectRanksByNetwork(double const* plane, long long wid
 void selectRanks(double const* plane, long long width, double* out, Vector const& extent, long long k,
                  long long rank)
 {
+    if (k == 1)
+    {
+        // Windows of one value: rank 0 is the value.
+        for (long long y = 0; y < extent.y; ++y)
+            std::copy(plane + y * width, plane + y * width + extent.x, out + y * extent.x);
+        return;
+    }
     // Up to k = 7 a sorting network of four windows at a time is quicker than ranking the plane.
     if (k == 3 || k == 5 || k == 7)
         selectRanksByNetwork(plane, width, out, extent, k, rank);
-    else
+    else if (width * (extent.y + k - 1) <= static_cast<long long>(UINT32_MAX))
         selectRanksBySlidingSet(plane, width, out, extent, k, rank);
+    else
+    {
+        // Positions of so large a plane would not fit the 32-bit ranks: select window by window.
+        std::vector<std::uint64_t> keys(static_cast<std::size_t>(k * k));
+        for (long long y = 0; y < extent.y; ++y)
+            for (long long x = 0; x < extent.x; ++x)
+                out[y * extent.x + x] = selectRankOfWindow(plane + y * width + x, width, k, rank, keys);
+    }
 }
 
 } // namespace
