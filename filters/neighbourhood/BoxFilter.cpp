@@ -1,7 +1,6 @@
 #include <nuvek/filters/neighbourhood/BoxFilter.h>
 
 #include <cmath>
-#include <cstring>
 #include <stdexcept>
 #include <vector>
 
@@ -89,11 +88,13 @@ void sumAlongYInto(double* out, double const* work, Vector const& outputExtent, 
 constexpr long long minimumFastWidth = 8;
 // Rows whose running sums along x run side by side: each sum depends on its own previous step, so
 // interleaving independent rows hides the latency of the additions.
-constexpr long long rowsPerGroup = 8;
+constexpr long long rowsPerGroup = 6;
 
 // Four doubles that the compiler keeps in one AVX register, or two SSE registers on processors
 // without AVX2. Every operation on them is the IEEE operation on each of the four lanes.
 typedef double Quad __attribute__((vector_size(4 * sizeof(double))));
+// The same, read from or written to any double in memory (aligned to a double, not to the vector).
+typedef double UnalignedQuad __attribute__((vector_size(4 * sizeof(double)), aligned(alignof(double)), may_alias));
 
 // Running sums along x of `count` consecutive rows, in place. The sum for output i is stored at
 // row[i], once row[i] has been read as the value leaving the window, so the row needs no copy: the
@@ -132,7 +133,7 @@ __attribute__((always_inline)) inline void sumRowsAlongX(double* rows, long long
 }
 
 // Scalar on purpose (the file is built without straight-line vectorisation where the compiler has
-// it): packing eight rows' values into vectors costs more shuffles than it saves.
+// it): packing the rows' values into vectors costs more shuffles than it saves.
 __attribute__((target_clones("avx2", "default"))) void sumRowGroupAlongX(double* rows, long long stride,
                                                                          long long outputWidth, long long kernelSize,
                                                                          long long carriedPosition, double& carried)
@@ -182,14 +183,12 @@ __attribute__((target_clones("avx2", "default"))) void advanceColumnSumsInto(dou
     {
         for (; x + 4 <= outputWidth; x += 4)
         {
-            Quad sum, away, in;
-            std::memcpy(&sum, sums + x, sizeof sum);
-            std::memcpy(&away, leaving + x, sizeof away);
-            std::memcpy(&in, entering + x, sizeof in);
-            sum = (sum - away) + in;
-            std::memcpy(sums + x, &sum, sizeof sum);
-            Quad const scaled = scale * sum;
-            std::memcpy(out + x, &scaled, sizeof scaled);
+            Quad const previous = *reinterpret_cast<UnalignedQuad const*>(sums + x);
+            Quad const away = *reinterpret_cast<UnalignedQuad const*>(leaving + x);
+            Quad const in = *reinterpret_cast<UnalignedQuad const*>(entering + x);
+            Quad const sum = (previous - away) + in;
+            *reinterpret_cast<UnalignedQuad*>(sums + x) = sum;
+            *reinterpret_cast<UnalignedQuad*>(out + x) = scale * sum;
         }
         for (; x < outputWidth; ++x)
         {
@@ -205,7 +204,7 @@ __attribute__((target_clones("avx2", "default"))) void advanceColumnSumsInto(dou
             out[x] = std::floor(out[x] + 0.5);
 }
 
-// Both passes, plane by plane: rows are summed along x eight at a time, and every output row is
+// Both passes, plane by plane: rows are summed along x a group at a time, and every output row is
 // produced as soon as the rows of its window are summed, while they are still in cache.
 void sumBoxFast(double* out, double* work, Vector const& outputExtent, Vector const& inputExtent,
                 long long numChannels, long long kernelSize, double scale, bool rounding)

@@ -1,6 +1,5 @@
 #include <nuvek/filters/neighbourhood/SeparableConvolutionFilter.h>
 
-#include <cstring>
 #include <stdexcept>
 
 namespace Nuvek {
@@ -83,6 +82,8 @@ constexpr long long minimumFastWidth = 8;
 // Four doubles that the compiler keeps in one AVX register, or two SSE registers on processors
 // without AVX2. Every operation on them is the IEEE operation on each of the four lanes.
 typedef double Quad __attribute__((vector_size(4 * sizeof(double))));
+// The same, read from or written to any double in memory (aligned to a double, not to the vector).
+typedef double UnalignedQuad __attribute__((vector_size(4 * sizeof(double)), aligned(alignof(double)), may_alias));
 constexpr long long quadsPerBlock = 8;
 // Outputs computed together: enough independent sums to hide the latency of the additions.
 constexpr long long blockWidth = 4 * quadsPerBlock;
@@ -105,12 +106,11 @@ __attribute__((target_clones("avx2", "default"))) void correlateRowInPlace(doubl
             double const weight = kernel[j];
             for (long long q = 0; q < quadsPerBlock; ++q)
             {
-                Quad values;
-                std::memcpy(&values, row + i + j + 4 * q, sizeof values);
-                sums[q] += weight * values;
+                sums[q] += weight * *reinterpret_cast<UnalignedQuad const*>(row + i + j + 4 * q);
             }
         }
-        std::memcpy(row + i, sums, sizeof sums);
+        for (long long q = 0; q < quadsPerBlock; ++q)
+            *reinterpret_cast<UnalignedQuad*>(row + i + 4 * q) = sums[q];
     }
     for (; i < outputWidth; ++i)
     {
@@ -138,12 +138,11 @@ __attribute__((target_clones("avx2", "default"))) void correlateRowsInto(double*
             double const weight = kernel[j];
             for (long long q = 0; q < quadsPerBlock; ++q)
             {
-                Quad values;
-                std::memcpy(&values, rows + j * stride + x + 4 * q, sizeof values);
-                sums[q] += weight * values;
+                sums[q] += weight * *reinterpret_cast<UnalignedQuad const*>(rows + j * stride + x + 4 * q);
             }
         }
-        std::memcpy(out + x, sums, sizeof sums);
+        for (long long q = 0; q < quadsPerBlock; ++q)
+            *reinterpret_cast<UnalignedQuad*>(out + x + 4 * q) = sums[q];
     }
     for (; x < outputWidth; ++x)
     {
@@ -175,6 +174,7 @@ void correlateFast(double* out, double* work, Vector const& outputExtent, Vector
         }
     }
 }
+
 } // namespace
 
 SeparableConvolutionFilter::SeparableConvolutionFilter(Image* input, std::vector<double> const& kernelX,
@@ -215,7 +215,7 @@ void SeparableConvolutionFilter::openRegion(double* out, long long level, Box co
     std::vector<double> work(static_cast<std::size_t>(numChannels * inputBox.getSize()), 0.0);
     input->openRegion(work.data(), level, inputBox);
 
-    // Rows at least one block wide take the fast passes; they give the same bits as the ring passes,
+    // Rows at least eight wide take the fast passes; they give the same bits as the ring passes,
     // which narrower boxes keep.
     if (outputExtent.x >= minimumFastWidth)
     {

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -93,14 +94,14 @@ TEST(BoxFilter, MatchesReferenceOnRandomBoxes)
                                     std::to_string(level) + " normalize " + std::to_string(normalize) + " rounding " +
                                     std::to_string(rounding);
         EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(NuvekReference::boxFilter(*source, level, box, k, normalize, rounding),
-                                        openWhole(filter, level, box), box, context));
+                                              openWhole(filter, level, box), box, context));
     }
 }
 
 TEST(BoxFilter, MatchesReferenceAtWidthsAroundTheFastPathsBlocks)
 {
     // Widths just below, at and above the fast path's threshold and vector widths, heights that
-    // leave groups of eight rows with and without remainder, kernels of 1 and larger than the box.
+    // leave whole groups of rows and remainders, kernels of 1 and larger than the box.
     std::mt19937_64 random(46);
     auto source = NuvekTest::randomImage(random, Vector(80, 60, 2), 2, {-100.0, 100.0, 0.002});
     for (long long width : {7LL, 8LL, 9LL, 15LL, 16LL, 17LL, 31LL, 32LL, 33LL, 65LL})
@@ -125,9 +126,8 @@ TEST(BoxFilter, MatchesDirectSumsWithinRunningSumRounding)
         {
             BoxFilter filter(clamped.get(), k, normalize, false, false);
             Box const box(Vector(-3, -2, 0), Vector(61, 45, 0));
-            EXPECT_TRUE(NuvekTest::nearlyEqual(directBoxSums(*clamped, 0, box, k, normalize),
-                                               openWhole(filter, 0, box), box, 1e-10 * static_cast<double>(k * k),
-                                               "k " + std::to_string(k)));
+            EXPECT_TRUE(NuvekTest::nearlyEqual(directBoxSums(*clamped, 0, box, k, normalize), openWhole(filter, 0, box),
+                                               box, 1e-10 * static_cast<double>(k * k), "k " + std::to_string(k)));
         }
 }
 
@@ -173,6 +173,19 @@ TEST(BoxFilter, FirstSumOfARowCarriesWhatThePreviousRowLeftInItsWindow)
     Box const box(Vector(1, 1, 0), Vector(1, 1, 1));
     EXPECT_TRUE(NuvekTest::sameBitsAnyNaN({1e17, 1.75}, openWhole(filter, 0, box), box));
 
+    // The same eight voxels wide: the slot is last filled at window position 6, input column 8.
+    std::vector<double> wide(60, 0.0);
+    wide[28] = 1e17;
+    for (int i = 30; i < 60; ++i)
+        wide[static_cast<std::size_t>(i)] = 0.25;
+    MemoryImage wideImage(Vector(10, 3, 2), 1, wide);
+    BoxFilter wideFilter(&wideImage, 3, false, false, false);
+    Box const wideBox(Vector(1, 1, 0), Vector(8, 1, 1));
+    std::vector<double> expected(16, 1.75);
+    std::fill(expected.begin(), expected.begin() + 8, 0.0);
+    expected[6] = expected[7] = 1e17;
+    EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(expected, openWhole(wideFilter, 0, wideBox), wideBox));
+
     // With k = 1 the carried value cancels unless it is infinite: then the next row is NaN.
     double const inf = std::numeric_limits<double>::infinity();
     MemoryImage ramp(Vector(2, 2, 1), 1, {1.0, inf, 2.0, 3.0});
@@ -198,7 +211,7 @@ TEST(BoxFilter, SlicesNeverMix)
     {
         Box const slice(Vector(box.min.x, box.min.y, z), Vector(box.max.x, box.max.y, z));
         EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(NuvekTest::crop(whole, box, slice, 1), openWhole(filter, 0, slice), slice,
-                                        "slice " + std::to_string(z)));
+                                              "slice " + std::to_string(z)));
     }
 }
 
@@ -218,8 +231,9 @@ TEST(BoxFilter, TilesAgreeWithOneLargeRequestOnIntegerValues)
         Box const box(Vector(53, 47, 1));
         std::vector<double> const whole = openWhole(filter, 0, box);
         for (int threads : {1, 3})
-            EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(whole, NuvekTest::openTiled(filter, 0, box, {5, 16, 33}, {7, 8, 29}, threads),
-                                            box, "k " + std::to_string(k) + " threads " + std::to_string(threads)));
+            EXPECT_TRUE(
+                NuvekTest::sameBitsAnyNaN(whole, NuvekTest::openTiled(filter, 0, box, {5, 16, 33}, {7, 8, 29}, threads),
+                                          box, "k " + std::to_string(k) + " threads " + std::to_string(threads)));
     }
 }
 

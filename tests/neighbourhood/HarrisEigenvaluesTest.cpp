@@ -62,7 +62,7 @@ TEST(HarrisEigenvaluesFilter, RampGivesFourAndZeroAndConstantGivesZeros)
                                        std::vector<double>(out.begin() + n, out.end()), inside, 1e-12));
     HarrisEigenvaluesFilter onConstant(&constantImage, 3, false);
     EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(std::vector<double>(static_cast<std::size_t>(2 * n), 0.0),
-                                    openWhole(onConstant, 0, inside), inside));
+                                          openWhole(onConstant, 0, inside), inside));
 }
 
 TEST(HarrisEigenvaluesFilter, ChannelsNamesAndRange)
@@ -95,8 +95,8 @@ TEST(HarrisEigenvaluesFilter, MatchesReferenceOnRandomBoxes)
         Box const box = NuvekTest::randomBox(random, source->getExtent(level), 18, 2);
         std::string const context =
             "round " + std::to_string(round) + " k " + std::to_string(k) + " level " + std::to_string(level);
-        EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(NuvekReference::harris(*source, level, box, k), openWhole(filter, level, box),
-                                        box, context));
+        EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(NuvekReference::harris(*source, level, box, k),
+                                              openWhole(filter, level, box), box, context));
     }
 }
 
@@ -109,6 +109,7 @@ TEST(HarrisEigenvaluesFilter, TilesAgreeWithOneLargeRequest)
     Box const box(Vector(45, 38, 1));
     std::vector<double> const whole = openWhole(filter, 0, box);
     for (int threads : {1, 3})
-        EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(whole, NuvekTest::openTiled(filter, 0, box, {11, 12, 30}, {6, 25}, threads), box,
-                                        "threads " + std::to_string(threads)));
+        EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(whole,
+                                              NuvekTest::openTiled(filter, 0, box, {11, 12, 30}, {6, 25}, threads), box,
+                                              "threads " + std::to_string(threads)));
 }

@@ -125,7 +125,7 @@ TEST(SeparableConvolutionFilter, MatchesReferenceOnRandomBoxes)
         std::string const context =
             "round " + std::to_string(round) + " n " + std::to_string(n) + " level " + std::to_string(level);
         EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(NuvekReference::separableFilter(*source, level, box, kernelX, kernelY),
-                                        openWhole(filter, level, box), box, context));
+                                              openWhole(filter, level, box), box, context));
     }
 }
 
@@ -156,8 +156,9 @@ TEST(SeparableConvolutionFilter, TilesAgreeWithOneLargeRequest)
     Box const box(Vector(61, 43, 1));
     std::vector<double> const whole = openWhole(filter, 0, box);
     for (int threads : {1, 4})
-        EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(whole, NuvekTest::openTiled(filter, 0, box, {9, 10, 37}, {3, 22}, threads), box,
-                                        "threads " + std::to_string(threads)));
+        EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(whole,
+                                              NuvekTest::openTiled(filter, 0, box, {9, 10, 37}, {3, 22}, threads), box,
+                                              "threads " + std::to_string(threads)));
 }
 
 TEST(SeparableConvolutionFilter, EmptyBoxLeavesOutputUntouched)
@@ -221,7 +222,7 @@ TEST(GaussianBlurFilter, MatchesReferenceAndKeepsAConstantImage)
             long long const level = i % 2;
             Box const box = NuvekTest::randomBox(random, source->getExtent(level), 24, 2);
             EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(NuvekReference::separableFilter(*source, level, box, kernel, kernel),
-                                            openWhole(filter, level, box), box, "k " + std::to_string(k)));
+                                                  openWhole(filter, level, box), box, "k " + std::to_string(k)));
         }
     }
     MemoryImage constant(Vector(9, 9, 1), 1, std::vector<double>(81, 5.0));

@@ -121,10 +121,10 @@ TEST(SobelFilter, MatchesReferenceOnRandomBoxes)
             "round " + std::to_string(round) + " k " + std::to_string(k) + " level " + std::to_string(level);
         SobelVectorFilter vector(source.get(), k, false);
         EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(NuvekReference::sobel(*source, level, box, k, false),
-                                        openWhole(vector, level, box), box, context + " vector"));
+                                              openWhole(vector, level, box), box, context + " vector"));
         SobelMagnitudeFilter magnitude(source.get(), k, false);
         EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(NuvekReference::sobel(*source, level, box, k, true),
-                                        openWhole(magnitude, level, box), box, context + " magnitude"));
+                                              openWhole(magnitude, level, box), box, context + " magnitude"));
     }
 }
 
@@ -137,6 +137,7 @@ TEST(SobelFilter, TilesAgreeWithOneLargeRequest)
     Box const box(Vector(50, 41, 1));
     std::vector<double> const whole = openWhole(filter, 0, box);
     for (int threads : {1, 4})
-        EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(whole, NuvekTest::openTiled(filter, 0, box, {7, 8, 31}, {13, 40}, threads), box,
-                                        "threads " + std::to_string(threads)));
+        EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(whole,
+                                              NuvekTest::openTiled(filter, 0, box, {7, 8, 31}, {13, 40}, threads), box,
+                                              "threads " + std::to_string(threads)));
 }
