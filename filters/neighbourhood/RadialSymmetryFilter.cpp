@@ -58,15 +58,10 @@ std::int32_t absoluteAs32Bits(long long difference)
 }
 
 // The clipping and drawing live here, where castVotes can inline them; the public static members
-// forward to them.
-bool clipSegment(Vector const& extent, double& xA, double& xB, double& yA, double& yB)
+// forward to them. Clipping moves end points only for segments that leave the rectangle.
+bool clipLeavingSegment(double xMax, double yMax, int codeA, int codeB, double& xA, double& xB, double& yA,
+                        double& yB)
 {
-    double const xMax = static_cast<double>(extent.x - 1);
-    double const yMax = static_cast<double>(extent.y - 1);
-    int codeA = outcodeOf(xA, yA, xMax, yMax);
-    int codeB = outcodeOf(xB, yB, xMax, yMax);
-    if (codeA == 0 && codeB == 0)
-        return true;
     for (int move = 0; (codeA & codeB) == 0; ++move)
     {
         if (move == mostClippingMoves)
@@ -123,7 +118,18 @@ bool clipSegment(Vector const& extent, double& xA, double& xB, double& yA, doubl
     return false;
 }
 
-void addAlongLine(double* plane, long long rowStride, double value, long long x0, long long x1, long long y0,
+inline bool clipSegment(Vector const& extent, double& xA, double& xB, double& yA, double& yB)
+{
+    double const xMax = static_cast<double>(extent.x - 1);
+    double const yMax = static_cast<double>(extent.y - 1);
+    int const codeA = outcodeOf(xA, yA, xMax, yMax);
+    int const codeB = outcodeOf(xB, yB, xMax, yMax);
+    if (codeA == 0 && codeB == 0)
+        return true;
+    return clipLeavingSegment(xMax, yMax, codeA, codeB, xA, xB, yA, yB);
+}
+
+inline void addAlongLine(double* plane, long long rowStride, double value, long long x0, long long x1, long long y0,
                   long long y1)
 {
     long long const dX = x1 - x0;
@@ -190,7 +196,9 @@ void castVotes(double* plane, double const* gradientsX, double const* gradientsY
         double yB = static_cast<double>(qy + dy);
         if (!clipSegment(extentOut, xA, xB, yA, yB))
             continue;
-        addAlongLine(plane, extentOut.x, magnitude, roundHalfUp(xA), roundHalfUp(xB), roundHalfUp(yA), roundHalfUp(yB));
+        // Clipped end points lie in the box, so trunc(v + 0.5) is the plain conversion.
+        addAlongLine(plane, extentOut.x, magnitude, static_cast<long long>(xA + 0.5), static_cast<long long>(xB + 0.5),
+                     static_cast<long long>(yA + 0.5), static_cast<long long>(yB + 0.5));
     }
 }
 

@@ -23,8 +23,9 @@ namespace Nuvek {
 /// threshold of 0, and gradients that are NaN or infinite.
 ///
 /// The voting works in the x/y plane: votes from every slice of a deeper box land in its first slice
-/// and the other slices are 0.0. A line cut by the border of a tile is drawn from its cut end points,
-/// so votes near tile borders may fall one voxel apart from those of a larger request.
+/// and the other slices are 0.0. Every line that reaches into the box is counted, also from voxels
+/// beyond its border, but a line is drawn from its end points cut at the box's border, so along
+/// lines crossing a tile's border single votes can fall on other voxels than in a larger request.
 ///
 /// The value range is [0, the Sobel range's max times radius]. A radius that is not finite or whose
 /// magnitude exceeds 1e9 is rejected. openRegion may run on several threads at once.

@@ -265,8 +265,9 @@ TEST(RadialSymmetryFilter, RampVotesAlongItsRowsWithItsGradient)
 TEST(RadialSymmetryFilter, BrightDiscPeaksAtItsCentre)
 {
     // Discs with smooth edges, as cells appear on a slide: each voxel holds the share of its area
-    // inside the circle. (On hard-edged discs the shorter reach of offsets rounded from negative
-    // values, trunc(-2.5) = -2, can move the peak a voxel off centre for some radii.)
+    // inside the circle. (On hard-edged discs every line ends right at the centre, and offsets
+    // rounded from negative values reach one voxel less, trunc(-2.5) = -2, so for some radii the
+    // peak lands off centre.)
     Vector const extent(61, 57, 1), centre(30, 27, 0);
     for (long long radius : {3LL, 5LL, 8LL, 12LL, 17LL})
     {
@@ -366,4 +367,21 @@ TEST(RadialSymmetryFilter, EmptyBoxWritesNothing)
     double untouched = sentinel;
     filter.openRegion(&untouched, 0, Box());
     EXPECT_EQ(untouched, sentinel);
+}
+
+TEST(RadialSymmetryFilter, ConcurrentRequestsGiveWhatSerialOnesGive)
+{
+    // Lines cut by a tile's border are drawn from the cut end points, so tiles are compared with
+    // the same tiles opened one after another rather than with one large request.
+    std::mt19937_64 random(805);
+    auto source = NuvekTest::randomImage(random, Vector(53, 47, 1), 2, {0.0, 255.0, 0.0});
+    RadialSymmetryFilter filter(source.get(), 5.0, 30.0, false);
+    Box const box(Vector(-3, -2, 0), Vector(55, 48, 0));
+    std::vector<double> const serial = NuvekTest::openTiled(filter, 0, box, {9, 20, 31, 40}, {6, 19, 33}, 1);
+    for (int threads = 2; threads <= 4; ++threads)
+    {
+        std::vector<double> const concurrent =
+            NuvekTest::openTiled(filter, 0, box, {9, 20, 31, 40}, {6, 19, 33}, threads);
+        EXPECT_TRUE(NuvekTest::sameBits(serial, concurrent, box, "threads " + std::to_string(threads)));
+    }
 }
