@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <tiffio.h>
 
+#include <filesystem>
 #include <functional>
 #include <random>
 #include <thread>
@@ -452,4 +453,31 @@ TEST(TiffImage, BadFilesGiveErrorsNamingTheFileAndTheProblem)
         TIFFClose(tiff);
     }
     expectFailure(palette, "palette images are not supported");
+}
+
+TEST(TiffImage, DamagedFilesTheFuzzerFoundReadTheSameTwiceOrFail)
+{
+    std::vector<std::string> paths;
+    for (auto const& entry : std::filesystem::directory_iterator(NUVEK_IO_REGRESSIONS))
+        paths.push_back(entry.path().string());
+    ASSERT_FALSE(paths.empty());
+    for (std::string const& path : paths)
+    {
+        try
+        {
+            TiffImage image(path);
+            for (long long level = 0; level < image.getNumLevels(); ++level)
+            {
+                if (!image.hasLevel(level))
+                    continue;
+                Box const box = Box(image.getExtent(level)).expanded(Vector(1, 1, 0));
+                EXPECT_TRUE(NuvekTest::sameBits(NuvekTest::openWhole(image, level, box),
+                                                NuvekTest::openWhole(image, level, box), box, path));
+            }
+        }
+        catch (std::runtime_error const& error)
+        {
+            EXPECT_EQ(std::string(error.what()).rfind("TiffImage: " + path + ": ", 0), 0u) << error.what();
+        }
+    }
 }
