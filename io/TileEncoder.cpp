@@ -47,7 +47,7 @@ private:
 
 } // namespace
 
-TileEncoder::TileEncoder(Method method) : method(method)
+TileEncoder::TileEncoder(Method method, int level) : method(method), level(level)
 {
     if (method == Method::LZW)
         table.assign(4096 * 256, 0);
@@ -148,7 +148,7 @@ void TileEncoder::encodeDeflate(unsigned char const* data, std::size_t size, std
 {
     uLongf length = compressBound(static_cast<uLong>(size));
     encoded.resize(length);
-    if (compress2(encoded.data(), &length, data, static_cast<uLong>(size), 6) != Z_OK)
+    if (compress2(encoded.data(), &length, data, static_cast<uLong>(size), level) != Z_OK)
         throw std::runtime_error("writePyramidalTiff: Deflate compression failed");
     encoded.resize(length);
 }

@@ -23,7 +23,8 @@ public:
         Deflate
     };
 
-    explicit TileEncoder(Method method);
+    /// level is zlib's compression level for Deflate.
+    TileEncoder(Method method, int level);
 
     /// Replaces `encoded` by the compressed form of size bytes at data.
     void encode(unsigned char const* data, std::size_t size, std::vector<unsigned char>& encoded);
@@ -33,6 +34,7 @@ private:
     void encodeDeflate(unsigned char const* data, std::size_t size, std::vector<unsigned char>& encoded);
 
     Method method;
+    int level;
     // LZW string table: entry (prefix code << 8 | next byte) holds generation << 12 | code, so that
     // a reset only raises the generation instead of clearing four megabytes.
     std::vector<std::uint32_t> table;
