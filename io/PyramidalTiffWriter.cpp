@@ -462,8 +462,8 @@ Plan planFor(Image& image, PyramidalTiffOptions const& options)
 {
     if (options.tileSize < 16 || options.tileSize > 65536 || options.tileSize % 16 != 0)
         fail("the tile size must be a multiple of 16 from 16 to 65536, not " + std::to_string(options.tileSize));
-    if (options.deflateLevel < 1 || options.deflateLevel > 9)
-        fail("the Deflate level must be from 1 to 9, not " + std::to_string(options.deflateLevel));
+    if (options.deflateLevel < 1 || options.deflateLevel > 12)
+        fail("the Deflate level must be from 1 to 12, not " + std::to_string(options.deflateLevel));
     if (options.threads < 0)
         fail("the number of threads must not be negative");
     if (options.level < 0 || options.level >= image.getNumLevels())

@@ -30,7 +30,7 @@ struct PyramidalTiffOptions
     /// Tile width and height in voxels: a multiple of 16, from 16 to 65536.
     long long tileSize = 256;
     TiffCompression compression = TiffCompression::Deflate;
-    /// zlib's level for Deflate, 1 (fastest) to 9 (smallest).
+    /// The Deflate level, 1 (fastest) to 12 (smallest).
     int deflateLevel = 6;
     TiffSampleType sampleType = TiffSampleType::UInt8;
     /// The range that integer sample types map from; the image's getValueRange() when unset.

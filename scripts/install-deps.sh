@@ -6,7 +6,7 @@ packages=(
     build-essential cmake pkg-config git
     libgtest-dev libgmock-dev libbenchmark-dev
     libopencv-dev
-    libtiff-dev libtiff-tools libopenslide-dev zlib1g-dev
+    libtiff-dev libtiff-tools libopenslide-dev libdeflate-dev
 )
 
 missing=()
