@@ -9,6 +9,7 @@
 #include <tiffio.h>
 
 #include <filesystem>
+#include <cmath>
 #include <functional>
 #include <random>
 #include <thread>
@@ -480,4 +481,56 @@ TEST(TiffImage, DamagedFilesTheFuzzerFoundReadTheSameTwiceOrFail)
             EXPECT_EQ(std::string(error.what()).rfind("TiffImage: " + path + ": ", 0), 0u) << error.what();
         }
     }
+}
+
+TEST(TiffImage, JpegInYCbCrIsDeliveredAsRgb)
+{
+    NuvekTest::TemporaryDirectory directory;
+    std::string const path = directory.path("jpeg.tif");
+    // A smooth colour ramp, which JPEG at quality 95 keeps within a few steps.
+    auto colour = [](long long x, long long y, long long c) {
+        return static_cast<double>((c == 0 ? 2 * x : (c == 1 ? 2 * y : x + y)) % 256);
+    };
+    {
+        TIFF* tiff = TIFFOpen(path.c_str(), "w");
+        ASSERT_NE(tiff, nullptr);
+        TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, 64u);
+        TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, 48u);
+        TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
+        TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 3);
+        TIFFSetField(tiff, TIFFTAG_TILEWIDTH, 32u);
+        TIFFSetField(tiff, TIFFTAG_TILELENGTH, 32u);
+        TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+        TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_JPEG);
+        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_YCBCR);
+        TIFFSetField(tiff, TIFFTAG_JPEGQUALITY, 95);
+        TIFFSetField(tiff, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
+        std::vector<unsigned char> tile(32 * 32 * 3);
+        for (std::uint32_t tileY = 0; tileY < 48; tileY += 32)
+            for (std::uint32_t tileX = 0; tileX < 64; tileX += 32)
+            {
+                for (long long y = 0; y < 32; ++y)
+                    for (long long x = 0; x < 32; ++x)
+                        for (long long c = 0; c < 3; ++c)
+                            tile[static_cast<std::size_t>((y * 32 + x) * 3 + c)] =
+                                static_cast<unsigned char>(colour(tileX + x, tileY + y, c));
+                ASSERT_GE(TIFFWriteTile(tiff, tile.data(), tileX, tileY, 0, 0), 0);
+            }
+        TIFFClose(tiff);
+    }
+    TiffImage image(path);
+    ASSERT_EQ(image.getNumChannels(), 3);
+    EXPECT_EQ(image.getChannelName(0), "Red");
+    Box const box(Vector(-2, 0, 0), Vector(65, 47, 0));
+    std::vector<double> const values = NuvekTest::openWhole(image, 0, box);
+    double largest = 0.0;
+    for (long long c = 0; c < 3; ++c)
+        for (long long y = 0; y < 48; ++y)
+            for (long long x = -2; x < 66; ++x)
+            {
+                double const value = values[static_cast<std::size_t>((c * 48 + y) * 68 + x + 2)];
+                double const expected = x < 0 || x >= 64 ? 0.0 : colour(x, y, c);
+                largest = std::max(largest, std::fabs(value - expected));
+            }
+    EXPECT_LE(largest, 12.0);
 }
