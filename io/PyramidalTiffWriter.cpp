@@ -171,7 +171,7 @@ void averageChildren(Plan const& plan, std::vector<unsigned char> const* childre
 // One worker thread's buffers, kept from tile to tile.
 struct Worker
 {
-    explicit Worker(TileEncoder::Method method) : encoder(method) {}
+    Worker(TileEncoder::Method method, int level) : encoder(method, level) {}
 
     TileEncoder encoder;
     std::vector<double> region;
@@ -462,6 +462,8 @@ Plan planFor(Image& image, PyramidalTiffOptions const& options)
 {
     if (options.tileSize < 16 || options.tileSize > 65536 || options.tileSize % 16 != 0)
         fail("the tile size must be a multiple of 16 from 16 to 65536, not " + std::to_string(options.tileSize));
+    if (options.deflateLevel < 1 || options.deflateLevel > 12)
+        fail("the Deflate level must be from 1 to 12, not " + std::to_string(options.deflateLevel));
     if (options.threads < 0)
         fail("the number of threads must not be negative");
     if (options.level < 0 || options.level >= image.getNumLevels())
@@ -525,7 +527,7 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
     std::vector<Worker> workers;
     workers.reserve(static_cast<std::size_t>(threads));
     for (long long i = 0; i < threads; ++i)
-        workers.emplace_back(encoderMethod(options.compression));
+        workers.emplace_back(encoderMethod(options.compression), options.deflateLevel);
     TileComputer computer(plan, image, temporary.path);
 
     long long done = 0;

@@ -30,6 +30,8 @@ struct PyramidalTiffOptions
     /// Tile width and height in voxels: a multiple of 16, from 16 to 65536.
     long long tileSize = 256;
     TiffCompression compression = TiffCompression::Deflate;
+    /// The Deflate level, 1 (fastest) to 12 (smallest).
+    int deflateLevel = 6;
     TiffSampleType sampleType = TiffSampleType::UInt8;
     /// The range that integer sample types map from; the image's getValueRange() when unset.
     std::optional<ValueRange<double>> valueRange;
@@ -50,8 +52,8 @@ struct PyramidalTiffOptions
 /// level that fits in one tile (or whose x or y extent would fall below 1 by halving again). Level
 /// L + 1 has the extent (x / 2, y / 2) of level L, rounded down, and each of its voxels is the mean
 /// of the 2 x 2 block of stored level-L voxels that it covers (added row by row, divided by 4,
-/// then stored as below); a last odd row or column of level L is not used. This is how TiffImage
-/// and MemoryImage derive levels too. Three channels are stored as RGB, any other number as
+/// then stored as below); a last odd row or column of level L is not used, so the extents are those
+/// MemoryImage gives its levels. Three channels are stored as RGB, any other number as
 /// grey with extra samples, interleaved. The voxel size of options.level is stored as the
 /// resolution in pixels per centimetre, read as nanometres; level L stores 2^L times it.
 ///
@@ -70,8 +72,8 @@ struct PyramidalTiffOptions
 /// libNuvekCore and libNuvekFilters, which create no threads, this function runs a pool of its own
 /// for the duration of the call.
 ///
-/// The file is written under a temporary name beside path and renamed to path only when it is
-/// complete. An exception (from the image, the disk or bad options) or a cancellation removes the
+/// The file is written under a temporary name beside path ("<path>.partial-" and six characters)
+/// and renamed to path, with mode 0644, only when it is complete. An exception (from the image, the disk or bad options) or a cancellation removes the
 /// temporary file and leaves any existing file at path untouched. Returns true when the file was
 /// written, false when the progress callback cancelled. Problems are std::runtime_errors starting
 /// with "writePyramidalTiff: ".

@@ -248,6 +248,9 @@ void readTiles(Reader& reader, Page const& page, Box const& inside, Target const
                 ttile_t const index = TIFFComputeTile(tiff, static_cast<std::uint32_t>(tileX),
                                                       static_cast<std::uint32_t>(tileY), 0,
                                                       static_cast<std::uint16_t>(plane));
+                // A damaged block may decode short without an error; what it lacks then reads as 0
+                // rather than as whatever the buffer held before.
+                std::memset(tile, 0, static_cast<std::size_t>(tileSize));
                 reader.handle.clearError();
                 if (TIFFReadEncodedTile(tiff, index, tile, tileSize) < 0)
                     reader.handle.fail("cannot decode tile " + std::to_string(index));
@@ -272,6 +275,7 @@ void readStrips(Reader& reader, Page const& page, Box const& inside, Target cons
         {
             tstrip_t const index =
                 TIFFComputeStrip(tiff, static_cast<std::uint32_t>(stripY), static_cast<std::uint16_t>(plane));
+            std::memset(strip, 0, static_cast<std::size_t>(stripSize));
             reader.handle.clearError();
             if (TIFFReadEncodedStrip(tiff, index, strip, stripSize) < 0)
                 reader.handle.fail("cannot decode strip " + std::to_string(index));

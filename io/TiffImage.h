@@ -39,7 +39,8 @@ namespace Nuvek {
 /// slice's PageName tag, or "". getHash() is constant: the file must not change while it is open.
 ///
 /// openRegion reads only the tiles or strips that the box touches at that level, decodes each at
-/// most once per call and writes 0.0 outside the extent. It may run on several threads at once:
+/// most once per call and writes 0.0 outside the extent. A damaged block that libtiff decodes short
+/// without reporting an error reads as 0.0 where its data ends. It may run on several threads at once:
 /// each call borrows a libtiff handle from a pool of the image's own (a new one is opened when all
 /// are busy) and decodes without holding a lock. Every problem with the file, when opening or
 /// later while decoding, is a std::runtime_error whose message starts with "TiffImage: <path>: ".

@@ -1,9 +1,11 @@
 #include <nuvek/io/TileEncoder.h>
 
-#include <zlib.h>
+#include <libdeflate.h>
 
 #include <algorithm>
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 namespace Nuvek {
 
@@ -47,10 +49,29 @@ private:
 
 } // namespace
 
-TileEncoder::TileEncoder(Method method) : method(method)
+TileEncoder::TileEncoder(Method method, int level) : method(method)
 {
     if (method == Method::LZW)
         table.assign(4096 * 256, 0);
+    if (method == Method::Deflate)
+    {
+        compressor = libdeflate_alloc_compressor(level);
+        if (compressor == nullptr)
+            throw std::runtime_error("writePyramidalTiff: cannot set up Deflate compression at level " +
+                                     std::to_string(level));
+    }
+}
+
+TileEncoder::~TileEncoder()
+{
+    if (compressor != nullptr)
+        libdeflate_free_compressor(compressor);
+}
+
+TileEncoder::TileEncoder(TileEncoder&& other) noexcept
+    : method(other.method), compressor(other.compressor), table(std::move(other.table)), generation(other.generation)
+{
+    other.compressor = nullptr;
 }
 
 void TileEncoder::encode(unsigned char const* data, std::size_t size, std::vector<unsigned char>& encoded)
@@ -146,9 +167,9 @@ void TileEncoder::encodeLZW(unsigned char const* data, std::size_t size, std::ve
 
 void TileEncoder::encodeDeflate(unsigned char const* data, std::size_t size, std::vector<unsigned char>& encoded)
 {
-    uLongf length = compressBound(static_cast<uLong>(size));
-    encoded.resize(length);
-    if (compress2(encoded.data(), &length, data, static_cast<uLong>(size), 6) != Z_OK)
+    encoded.resize(libdeflate_zlib_compress_bound(compressor, size));
+    std::size_t const length = libdeflate_zlib_compress(compressor, data, size, encoded.data(), encoded.size());
+    if (length == 0)
         throw std::runtime_error("writePyramidalTiff: Deflate compression failed");
     encoded.resize(length);
 }

@@ -6,7 +6,7 @@ packages=(
     build-essential cmake pkg-config git
     libgtest-dev libgmock-dev libbenchmark-dev
     libopencv-dev
-    libtiff-dev libtiff-tools libopenslide-dev zlib1g-dev libpng-dev
+    libtiff-dev libtiff-tools libopenslide-dev libdeflate-dev zlib1g-dev libpng-dev
     clang libclang-rt-14-dev
 )
 

@@ -1,7 +1,7 @@
 // Reading tiles of a 16384 x 16384 tiled RGB TIFF on 1 and 2 threads, and writing pyramids of 4096^2
 // and 16384^2 images, in voxels per second. The write benchmarks also report the process's peak
 // resident memory ("peakMB"); run each size in its own process to compare the two peaks:
-//   bench_io --benchmark_filter='write/4096/1'   and   bench_io --benchmark_filter='write/16384/1'
+//   bench_io --benchmark_filter='write/4096/1/6'   and   bench_io --benchmark_filter='write/16384/1/6'
 #include <nuvek/core/Image.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
 #include <nuvek/io/TiffImage.h>
@@ -151,7 +151,7 @@ double processCpuSeconds()
 }
 
 // A whole pyramid, uint8 RGB, 256 x 256 tiles, on two worker threads; the second argument is the
-// compression (0 none, 1 Deflate, 2 LZW). "MvoxelPerCpuSecond" counts the CPU time of every thread
+// compression (0 none, 1 Deflate, 2 LZW), the third the Deflate level. "MvoxelPerCpuSecond" counts the CPU time of every thread
 // of the process, which a busy machine does not distort the way it distorts the wall time.
 void write(benchmark::State& state)
 {
@@ -162,6 +162,7 @@ void write(benchmark::State& state)
     Nuvek::PyramidalTiffOptions options;
     options.threads = 2;
     options.compression = static_cast<Nuvek::TiffCompression>(state.range(1));
+    options.deflateLevel = static_cast<int>(state.range(2));
     double const cpuBefore = processCpuSeconds();
     for (auto _ : state)
         Nuvek::writePyramidalTiff(slide, path, options);
@@ -172,10 +173,11 @@ void write(benchmark::State& state)
     state.counters["MvoxelPerCpuSecond"] = static_cast<double>(state.iterations() * size * size) / cpu / 1e6;
 }
 BENCHMARK(write)
-    ->Args({4096, 0})
-    ->Args({4096, 1})
-    ->Args({4096, 2})
-    ->Args({16384, 1})
+    ->Args({4096, 0, 6})
+    ->Args({4096, 1, 6})
+    ->Args({4096, 1, 1})
+    ->Args({4096, 2, 6})
+    ->Args({16384, 1, 6})
     ->Iterations(1)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);

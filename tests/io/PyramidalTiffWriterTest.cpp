@@ -334,6 +334,9 @@ TEST(PyramidalTiffWriter, BadOptionsAreRejectedBeforeAnythingIsWritten)
     options.tileSize = 0;
     EXPECT_EQ(write(options), "writePyramidalTiff: the tile size must be a multiple of 16 from 16 to 65536, not 0");
     options.tileSize = 16;
+    options.deflateLevel = 0;
+    EXPECT_EQ(write(options), "writePyramidalTiff: the Deflate level must be from 1 to 12, not 0");
+    options.deflateLevel = 1;
     options.threads = -1;
     EXPECT_EQ(write(options), "writePyramidalTiff: the number of threads must not be negative");
     options.threads = 0;

@@ -16,24 +16,24 @@ using Nuvek::Box;
 using Nuvek::SlideImage;
 using Nuvek::TiffImage;
 using Nuvek::Vector;
-using NuvekTest::PageSpec;
-using NuvekTest::TiffSpec;
+using NuvekTest::PageShape;
+using NuvekTest::TiffLayout;
 
 namespace {
 
 // A tiled RGB pyramid that OpenSlide reads as a generic TIFF.
-TiffSpec slideSpec(std::vector<PageSpec> pages)
+TiffLayout slideLayout(std::vector<PageShape> pages)
 {
-    TiffSpec spec;
-    spec.samples = 3;
-    spec.rgb = true;
-    spec.tileWidth = 64;
-    spec.tileHeight = 64;
-    spec.compression = 8;
-    spec.resolutionUnit = 3;
-    spec.resolution = 20000.0f;
-    spec.pages = std::move(pages);
-    return spec;
+    TiffLayout layout;
+    layout.samples = 3;
+    layout.rgb = true;
+    layout.tileWidth = 64;
+    layout.tileHeight = 64;
+    layout.compression = 8;
+    layout.resolutionUnit = 3;
+    layout.resolution = 20000.0f;
+    layout.pages = std::move(pages);
+    return layout;
 }
 
 std::string messageOf(std::string const& path)
@@ -55,7 +55,7 @@ TEST(SlideImage, ReadsAGenericTiffLikeTiffImageWithZerosOutside)
 {
     NuvekTest::TemporaryDirectory directory;
     std::string const path = directory.path("slide.tif");
-    NuvekTest::writeTiff(path, slideSpec({PageSpec{300, 260}, PageSpec{150, 130, true}, PageSpec{75, 65, true}}));
+    NuvekTest::writeTiff(path, slideLayout({PageShape{300, 260}, PageShape{150, 130, true}, PageShape{75, 65, true}}));
     SlideImage slide(path);
     TiffImage file(path);
     ASSERT_EQ(slide.getNumLevels(), 3);
@@ -98,7 +98,7 @@ TEST(SlideImage, TilesAndThreadsAgreeWithOneLargeRequest)
 {
     NuvekTest::TemporaryDirectory directory;
     std::string const path = directory.path("slide.tif");
-    NuvekTest::writeTiff(path, slideSpec({PageSpec{400, 300}, PageSpec{200, 150, true}}));
+    NuvekTest::writeTiff(path, slideLayout({PageShape{400, 300}, PageShape{200, 150, true}}));
     SlideImage slide(path);
     for (long long level : {0, 1})
     {
@@ -115,7 +115,7 @@ TEST(SlideImage, LevelsThatAreNoPowerOfTwoOrMissingAreNotPresent)
 {
     NuvekTest::TemporaryDirectory directory;
     std::string const gap = directory.path("gap.tif");
-    NuvekTest::writeTiff(gap, slideSpec({PageSpec{256, 256}, PageSpec{64, 64, true}}));
+    NuvekTest::writeTiff(gap, slideLayout({PageShape{256, 256}, PageShape{64, 64, true}}));
     SlideImage slide(gap);
     EXPECT_EQ(slide.getNumLevels(), 3);
     EXPECT_TRUE(slide.hasLevel(0));
@@ -134,7 +134,7 @@ TEST(SlideImage, LevelsThatAreNoPowerOfTwoOrMissingAreNotPresent)
     }
 
     std::string const third = directory.path("third.tif");
-    NuvekTest::writeTiff(third, slideSpec({PageSpec{192, 192}, PageSpec{64, 64, true}}));
+    NuvekTest::writeTiff(third, slideLayout({PageShape{192, 192}, PageShape{64, 64, true}}));
     EXPECT_EQ(SlideImage(third).getNumLevels(), 1);
 }
 
@@ -142,10 +142,10 @@ TEST(SlideImage, PartlyTransparentVoxelsGetTheirColourBack)
 {
     NuvekTest::TemporaryDirectory directory;
     std::string const path = directory.path("alpha.tif");
-    TiffSpec spec = slideSpec({PageSpec{128, 128}});
-    spec.samples = 4;
-    spec.alpha = true;
-    NuvekTest::writeTiff(path, spec);
+    TiffLayout layout = slideLayout({PageShape{128, 128}});
+    layout.samples = 4;
+    layout.alpha = true;
+    NuvekTest::writeTiff(path, layout);
     SlideImage slide(path);
     ASSERT_EQ(slide.getNumChannels(), 3);
     Box const box(Vector(128, 128, 1));
@@ -154,7 +154,7 @@ TEST(SlideImage, PartlyTransparentVoxelsGetTheirColourBack)
     for (long long y = 0; y < 128; ++y)
         for (long long x = 0; x < 128; ++x)
         {
-            double const alpha = NuvekTest::storedValue(spec, 0, x, y, 3);
+            double const alpha = NuvekTest::storedValue(layout, 0, x, y, 3);
             for (long long c = 0; c < 3; ++c)
             {
                 double const value = values[static_cast<std::size_t>(c * 128 * 128 + y * 128 + x)];
@@ -166,7 +166,7 @@ TEST(SlideImage, PartlyTransparentVoxelsGetTheirColourBack)
                 {
                     // Premultiplying rounds to whole numbers; from alpha 128 up one step at most is lost.
                     ++checked;
-                    EXPECT_LE(std::fabs(value - NuvekTest::storedValue(spec, 0, x, y, c)), 1.0)
+                    EXPECT_LE(std::fabs(value - NuvekTest::storedValue(layout, 0, x, y, c)), 1.0)
                         << x << ", " << y << ", " << c << ", alpha " << alpha;
                 }
             }
@@ -184,13 +184,13 @@ TEST(SlideImage, UnreadableFilesGiveErrorsNamingTheFile)
     EXPECT_EQ(messageOf(missing), "SlideImage: " + missing + ": not a slide that OpenSlide can read");
     // OpenSlide reads only tiled TIFFs as slides.
     std::string const strips = directory.path("strips.tif");
-    TiffSpec spec = slideSpec({PageSpec{100, 100}});
-    spec.tileWidth = 0;
-    NuvekTest::writeTiff(strips, spec);
+    TiffLayout layout = slideLayout({PageShape{100, 100}});
+    layout.tileWidth = 0;
+    NuvekTest::writeTiff(strips, layout);
     EXPECT_EQ(messageOf(strips), "SlideImage: " + strips + ": not a slide that OpenSlide can read");
     // A truncated tiled file opens, and reading its lost tiles fails with OpenSlide's message.
     std::string const truncated = directory.path("truncated.tif");
-    NuvekTest::writeTiff(truncated, slideSpec({PageSpec{256, 256}}));
+    NuvekTest::writeTiff(truncated, slideLayout({PageShape{256, 256}}));
     std::vector<unsigned char> bytes = NuvekTest::readBytes(truncated);
     std::vector<unsigned char> cut(bytes.begin(), bytes.begin() + 40);
     NuvekTest::writeBytes(truncated, cut);

@@ -22,13 +22,13 @@ void put(std::vector<unsigned char>& bytes, std::size_t index, double value)
     std::memcpy(bytes.data() + index * sizeof(Sample), &sample, sizeof(Sample));
 }
 
-void putValue(TiffSpec const& spec, bool odd, std::vector<unsigned char>& bytes, std::size_t index, double value)
+void putValue(TiffLayout const& layout, bool odd, std::vector<unsigned char>& bytes, std::size_t index, double value)
 {
     if (odd)
         put<std::uint8_t>(bytes, index, value);
-    else if (spec.floating)
+    else if (layout.floating)
         put<float>(bytes, index, value);
-    else if (spec.bits == 16)
+    else if (layout.bits == 16)
         put<std::uint16_t>(bytes, index, value);
     else
         put<std::uint8_t>(bytes, index, value);
@@ -40,39 +40,39 @@ void check(bool ok, std::string const& what)
         throw std::runtime_error("writeTiff: " + what);
 }
 
-void writePage(TIFF* tiff, TiffSpec const& spec, PageSpec const& page, long long pageIndex, int subIfds)
+void writePage(TIFF* tiff, TiffLayout const& layout, PageShape const& page, long long pageIndex, int subIfds)
 {
     bool const odd = page.oddSamples;
-    std::uint16_t const samples = odd ? 1 : spec.samples;
-    std::uint16_t const bits = odd ? 8 : spec.bits;
+    std::uint16_t const samples = odd ? 1 : layout.samples;
+    std::uint16_t const bits = odd ? 8 : layout.bits;
     TIFFSetField(tiff, TIFFTAG_SUBFILETYPE, page.reduced ? FILETYPE_REDUCEDIMAGE : 0);
     TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, page.width);
     TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, page.height);
     TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, samples);
     TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bits);
-    TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, spec.floating && !odd ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT);
-    TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, spec.planar ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
-    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, spec.rgb && !odd ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
-    if (!odd && samples > (spec.rgb ? 3 : 1))
+    TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, layout.floating && !odd ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT);
+    TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, layout.planar ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
+    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, layout.rgb && !odd ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
+    if (!odd && samples > (layout.rgb ? 3 : 1))
     {
-        std::vector<std::uint16_t> extra(samples - (spec.rgb ? 3u : 1u), EXTRASAMPLE_UNSPECIFIED);
-        if (spec.alpha)
+        std::vector<std::uint16_t> extra(samples - (layout.rgb ? 3u : 1u), EXTRASAMPLE_UNSPECIFIED);
+        if (layout.alpha)
             extra[0] = EXTRASAMPLE_UNASSALPHA;
         TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, static_cast<std::uint16_t>(extra.size()), extra.data());
     }
-    TIFFSetField(tiff, TIFFTAG_COMPRESSION, spec.compression);
+    TIFFSetField(tiff, TIFFTAG_COMPRESSION, layout.compression);
     if (!page.name.empty())
         TIFFSetField(tiff, TIFFTAG_PAGENAME, page.name.c_str());
-    if (spec.resolutionUnit != 0)
+    if (layout.resolutionUnit != 0)
     {
-        TIFFSetField(tiff, TIFFTAG_RESOLUTIONUNIT, spec.resolutionUnit);
-        TIFFSetField(tiff, TIFFTAG_XRESOLUTION, static_cast<double>(spec.resolution));
-        TIFFSetField(tiff, TIFFTAG_YRESOLUTION, static_cast<double>(spec.resolution) * 2.0);
+        TIFFSetField(tiff, TIFFTAG_RESOLUTIONUNIT, layout.resolutionUnit);
+        TIFFSetField(tiff, TIFFTAG_XRESOLUTION, static_cast<double>(layout.resolution));
+        TIFFSetField(tiff, TIFFTAG_YRESOLUTION, static_cast<double>(layout.resolution) * 2.0);
     }
-    if (spec.sampleMin < spec.sampleMax)
+    if (layout.sampleMin < layout.sampleMax)
     {
-        TIFFSetField(tiff, TIFFTAG_SMINSAMPLEVALUE, spec.sampleMin);
-        TIFFSetField(tiff, TIFFTAG_SMAXSAMPLEVALUE, spec.sampleMax);
+        TIFFSetField(tiff, TIFFTAG_SMINSAMPLEVALUE, layout.sampleMin);
+        TIFFSetField(tiff, TIFFTAG_SMAXSAMPLEVALUE, layout.sampleMax);
     }
     if (subIfds > 0)
     {
@@ -81,39 +81,39 @@ void writePage(TIFF* tiff, TiffSpec const& spec, PageSpec const& page, long long
     }
 
     std::size_t const bytesPerSample = bits / 8;
-    std::uint16_t const planes = spec.planar ? samples : 1;
-    std::uint16_t const perPlane = spec.planar ? 1 : samples;
+    std::uint16_t const planes = layout.planar ? samples : 1;
+    std::uint16_t const perPlane = layout.planar ? 1 : samples;
     auto value = [&](long long x, long long y, long long c) {
-        return odd ? 7.0 : storedValue(spec, pageIndex, x, y, c);
+        return odd ? 7.0 : storedValue(layout, pageIndex, x, y, c);
     };
-    if (spec.tileWidth > 0)
+    if (layout.tileWidth > 0)
     {
-        TIFFSetField(tiff, TIFFTAG_TILEWIDTH, spec.tileWidth);
-        TIFFSetField(tiff, TIFFTAG_TILELENGTH, spec.tileHeight);
-        std::vector<unsigned char> tile(spec.tileWidth * spec.tileHeight * perPlane * bytesPerSample);
+        TIFFSetField(tiff, TIFFTAG_TILEWIDTH, layout.tileWidth);
+        TIFFSetField(tiff, TIFFTAG_TILELENGTH, layout.tileHeight);
+        std::vector<unsigned char> tile(layout.tileWidth * layout.tileHeight * perPlane * bytesPerSample);
         for (std::uint16_t plane = 0; plane < planes; ++plane)
-            for (std::uint32_t tileY = 0; tileY < page.height; tileY += spec.tileHeight)
-                for (std::uint32_t tileX = 0; tileX < page.width; tileX += spec.tileWidth)
+            for (std::uint32_t tileY = 0; tileY < page.height; tileY += layout.tileHeight)
+                for (std::uint32_t tileX = 0; tileX < page.width; tileX += layout.tileWidth)
                 {
                     std::fill(tile.begin(), tile.end(), 0);
-                    for (std::uint32_t y = 0; y < spec.tileHeight && tileY + y < page.height; ++y)
-                        for (std::uint32_t x = 0; x < spec.tileWidth && tileX + x < page.width; ++x)
+                    for (std::uint32_t y = 0; y < layout.tileHeight && tileY + y < page.height; ++y)
+                        for (std::uint32_t x = 0; x < layout.tileWidth && tileX + x < page.width; ++x)
                             for (std::uint16_t s = 0; s < perPlane; ++s)
-                                putValue(spec, odd, tile, (y * spec.tileWidth + x) * perPlane + s,
-                                         value(tileX + x, tileY + y, spec.planar ? plane : s));
+                                putValue(layout, odd, tile, (y * layout.tileWidth + x) * perPlane + s,
+                                         value(tileX + x, tileY + y, layout.planar ? plane : s));
                     check(TIFFWriteTile(tiff, tile.data(), tileX, tileY, 0, plane) >= 0, "TIFFWriteTile failed");
                 }
     }
     else
     {
-        TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, spec.rowsPerStrip);
+        TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, layout.rowsPerStrip);
         std::vector<unsigned char> row(page.width * perPlane * bytesPerSample);
         for (std::uint16_t plane = 0; plane < planes; ++plane)
             for (std::uint32_t y = 0; y < page.height; ++y)
             {
                 for (std::uint32_t x = 0; x < page.width; ++x)
                     for (std::uint16_t s = 0; s < perPlane; ++s)
-                        putValue(spec, odd, row, x * perPlane + s, value(x, y, spec.planar ? plane : s));
+                        putValue(layout, odd, row, x * perPlane + s, value(x, y, layout.planar ? plane : s));
                 check(TIFFWriteScanline(tiff, row.data(), y, plane) >= 0, "TIFFWriteScanline failed");
             }
     }
@@ -122,29 +122,29 @@ void writePage(TIFF* tiff, TiffSpec const& spec, PageSpec const& page, long long
 
 } // namespace
 
-double storedValue(TiffSpec const& spec, long long page, long long x, long long y, long long c)
+double storedValue(TiffLayout const& layout, long long page, long long x, long long y, long long c)
 {
-    if (spec.floating)
+    if (layout.floating)
         return static_cast<double>(x) * 0.25 - static_cast<double>(y) * 1.5 + static_cast<double>(c) * 100.0 +
                static_cast<double>(page) * 0.125;
-    if (spec.bits == 16)
+    if (layout.bits == 16)
         return static_cast<double>((x * 301 + y * 53 + c * 7001 + page * 1000) % 65536);
     return static_cast<double>((x * 3 + y * 5 + c * 71 + page * 17) % 256);
 }
 
-void writeTiff(std::string const& path, TiffSpec const& spec)
+void writeTiff(std::string const& path, TiffLayout const& layout)
 {
-    TIFF* tiff = TIFFOpen(path.c_str(), spec.bigTiff ? "w8" : "w");
+    TIFF* tiff = TIFFOpen(path.c_str(), layout.bigTiff ? "w8" : "w");
     check(tiff != nullptr, "cannot create " + path);
     std::unique_ptr<TIFF, void (*)(TIFF*)> closer(tiff, TIFFClose);
-    long long const mainPages = static_cast<long long>(spec.pages.size());
+    long long const mainPages = static_cast<long long>(layout.pages.size());
     for (long long p = 0; p < mainPages; ++p)
     {
-        int const subIfds = p == 0 ? static_cast<int>(spec.subPages.size()) : 0;
-        writePage(tiff, spec, spec.pages[static_cast<std::size_t>(p)], p, subIfds);
+        int const subIfds = p == 0 ? static_cast<int>(layout.subPages.size()) : 0;
+        writePage(tiff, layout, layout.pages[static_cast<std::size_t>(p)], p, subIfds);
         if (p == 0)
-            for (long long k = 0; k < static_cast<long long>(spec.subPages.size()); ++k)
-                writePage(tiff, spec, spec.subPages[static_cast<std::size_t>(k)], mainPages + k, 0);
+            for (long long k = 0; k < static_cast<long long>(layout.subPages.size()); ++k)
+                writePage(tiff, layout, layout.subPages[static_cast<std::size_t>(k)], mainPages + k, 0);
     }
 }
 

@@ -9,10 +9,10 @@
 namespace NuvekTest {
 
 /// One page (image directory) of a test file.
-struct PageSpec
+struct PageShape
 {
-    PageSpec() = default;
-    PageSpec(std::uint32_t width, std::uint32_t height, bool reduced = false, std::string name = "",
+    PageShape() = default;
+    PageShape(std::uint32_t width, std::uint32_t height, bool reduced = false, std::string name = "",
              bool oddSamples = false)
         : width(width), height(height), reduced(reduced), name(std::move(name)), oddSamples(oddSamples)
     {
@@ -27,7 +27,7 @@ struct PageSpec
 };
 
 /// How a test file stores its samples, and which pages it has.
-struct TiffSpec
+struct TiffLayout
 {
     std::uint16_t samples = 1;
     std::uint16_t bits = 8;
@@ -43,9 +43,9 @@ struct TiffSpec
     std::uint32_t rowsPerStrip = 7;
     bool bigTiff = false;
     /// The main chain of pages.
-    std::vector<PageSpec> pages;
+    std::vector<PageShape> pages;
     /// SubIFDs of the first page.
-    std::vector<PageSpec> subPages;
+    std::vector<PageShape> subPages;
     /// Resolution unit (1 none, 2 inch, 3 centimetre) and pixels per unit; 0 writes no tags.
     std::uint16_t resolutionUnit = 0;
     float resolution = 0.0f;
@@ -56,10 +56,10 @@ struct TiffSpec
 
 /// The value that page `page` (index into pages, then subPages) holds at (x, y) in sample c: exact
 /// in the stored type, different between neighbouring voxels, channels and pages.
-double storedValue(TiffSpec const& spec, long long page, long long x, long long y, long long c);
+double storedValue(TiffLayout const& layout, long long page, long long x, long long y, long long c);
 
-/// Writes spec's file to path; throws std::runtime_error if libtiff refuses.
-void writeTiff(std::string const& path, TiffSpec const& spec);
+/// Writes layout's file to path; throws std::runtime_error if libtiff refuses.
+void writeTiff(std::string const& path, TiffLayout const& layout);
 
 /// Raw bytes of a file.
 std::vector<unsigned char> readBytes(std::string const& path);

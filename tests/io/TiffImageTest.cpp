@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 #include <tiffio.h>
 
+#include <filesystem>
+#include <cmath>
 #include <functional>
 #include <random>
 #include <thread>
@@ -15,17 +17,17 @@
 using Nuvek::Box;
 using Nuvek::TiffImage;
 using Nuvek::Vector;
-using NuvekTest::PageSpec;
-using NuvekTest::TiffSpec;
+using NuvekTest::PageShape;
+using NuvekTest::TiffLayout;
 
 namespace {
 
 // The region buffer of box, voxel by voxel: page(z) of the file at (x, y), 0.0 outside its size.
-std::vector<double> expectedRegion(TiffSpec const& spec, std::function<long long(long long z)> const& pageOf,
+std::vector<double> expectedRegion(TiffLayout const& layout, std::function<long long(long long z)> const& pageOf,
                                    Box const& box, long long depth)
 {
     std::vector<double> values;
-    for (long long c = 0; c < spec.samples; ++c)
+    for (long long c = 0; c < layout.samples; ++c)
         for (long long z = box.min.z; z <= box.max.z; ++z)
             for (long long y = box.min.y; y <= box.max.y; ++y)
                 for (long long x = box.min.x; x <= box.max.x; ++x)
@@ -36,30 +38,30 @@ std::vector<double> expectedRegion(TiffSpec const& spec, std::function<long long
                         continue;
                     }
                     long long const page = pageOf(z);
-                    std::size_t const mainPages = spec.pages.size();
-                    PageSpec const& shape = page < static_cast<long long>(mainPages)
-                                                ? spec.pages[static_cast<std::size_t>(page)]
-                                                : spec.subPages[static_cast<std::size_t>(page) - mainPages];
+                    std::size_t const mainPages = layout.pages.size();
+                    PageShape const& shape = page < static_cast<long long>(mainPages)
+                                                ? layout.pages[static_cast<std::size_t>(page)]
+                                                : layout.subPages[static_cast<std::size_t>(page) - mainPages];
                     bool const inside = x >= 0 && y >= 0 && x < shape.width && y < shape.height;
-                    values.push_back(inside ? NuvekTest::storedValue(spec, page, x, y, c) : 0.0);
+                    values.push_back(inside ? NuvekTest::storedValue(layout, page, x, y, c) : 0.0);
                 }
     return values;
 }
 
-std::string describe(TiffSpec const& spec)
+std::string describe(TiffLayout const& layout)
 {
-    return "samples " + std::to_string(spec.samples) + ", bits " + std::to_string(spec.bits) +
-           (spec.floating ? " float" : "") + (spec.planar ? ", planar" : ", contiguous") +
-           (spec.tileWidth > 0 ? ", tiles " + std::to_string(spec.tileWidth) + "x" + std::to_string(spec.tileHeight)
-                               : ", strips of " + std::to_string(spec.rowsPerStrip)) +
-           ", compression " + std::to_string(spec.compression) + (spec.bigTiff ? ", BigTIFF" : "");
+    return "samples " + std::to_string(layout.samples) + ", bits " + std::to_string(layout.bits) +
+           (layout.floating ? " float" : "") + (layout.planar ? ", planar" : ", contiguous") +
+           (layout.tileWidth > 0 ? ", tiles " + std::to_string(layout.tileWidth) + "x" + std::to_string(layout.tileHeight)
+                               : ", strips of " + std::to_string(layout.rowsPerStrip)) +
+           ", compression " + std::to_string(layout.compression) + (layout.bigTiff ? ", BigTIFF" : "");
 }
 
-TiffSpec singlePage(std::uint32_t width, std::uint32_t height)
+TiffLayout singlePage(std::uint32_t width, std::uint32_t height)
 {
-    TiffSpec spec;
-    spec.pages = {PageSpec{width, height}};
-    return spec;
+    TiffLayout layout;
+    layout.pages = {PageShape{width, height}};
+    return layout;
 }
 
 void expectFailure(std::string const& path, std::string const& problem)
@@ -94,31 +96,31 @@ TEST(TiffImage, ReadsEverySampleLayoutLikeTheReference)
             for (bool tiled : {false, true})
                 for (std::uint16_t samples : {1, 3, 4})
                 {
-                    TiffSpec spec = singlePage(53, 41);
-                    spec.bits = type == 0 ? 8 : (type == 1 ? 16 : 32);
-                    spec.floating = type == 2;
-                    spec.planar = planar;
-                    spec.samples = samples;
-                    spec.rgb = samples >= 3;
-                    spec.tileWidth = tiled ? 16 : 0;
-                    spec.tileHeight = tiled ? 32 : 0;
-                    spec.rowsPerStrip = 7;
-                    spec.compression = compressions[variant % 4];
-                    spec.bigTiff = variant % 3 == 1;
+                    TiffLayout layout = singlePage(53, 41);
+                    layout.bits = type == 0 ? 8 : (type == 1 ? 16 : 32);
+                    layout.floating = type == 2;
+                    layout.planar = planar;
+                    layout.samples = samples;
+                    layout.rgb = samples >= 3;
+                    layout.tileWidth = tiled ? 16 : 0;
+                    layout.tileHeight = tiled ? 32 : 0;
+                    layout.rowsPerStrip = 7;
+                    layout.compression = compressions[variant % 4];
+                    layout.bigTiff = variant % 3 == 1;
                     ++variant;
                     std::string const path = directory.path("layout" + std::to_string(variant) + ".tif");
-                    NuvekTest::writeTiff(path, spec);
+                    NuvekTest::writeTiff(path, layout);
 
                     TiffImage image(path);
-                    ASSERT_EQ(image.getExtent(0), Vector(53, 41, 1)) << describe(spec);
+                    ASSERT_EQ(image.getExtent(0), Vector(53, 41, 1)) << describe(layout);
                     ASSERT_EQ(image.getNumChannels(), samples);
                     for (int trial = 0; trial < 12; ++trial)
                     {
                         Box const box = NuvekTest::randomBox(random, Vector(53, 41, 1), 40, 2);
                         std::vector<double> const expected =
-                            expectedRegion(spec, [](long long) { return 0; }, box, 1);
+                            expectedRegion(layout, [](long long) { return 0; }, box, 1);
                         EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(image, 0, box), box,
-                                                        describe(spec)));
+                                                        describe(layout)));
                     }
                 }
 }
@@ -126,7 +128,7 @@ TEST(TiffImage, ReadsEverySampleLayoutLikeTheReference)
 TEST(TiffImage, DecodesOnlyTheTouchedTilesOrStripsOncePerCall)
 {
     NuvekTest::TemporaryDirectory directory;
-    TiffSpec tiled = singlePage(100, 90);
+    TiffLayout tiled = singlePage(100, 90);
     tiled.tileWidth = 16;
     tiled.tileHeight = 16;
     tiled.samples = 3;
@@ -145,7 +147,7 @@ TEST(TiffImage, DecodesOnlyTheTouchedTilesOrStripsOncePerCall)
     image.openRegion(out.data(), 0, Box(Vector(200, 0, 0), Vector(210, 5, 0)));
     EXPECT_EQ(image.getBlocksDecoded(), 3u + 42u);
 
-    TiffSpec strips = tiled;
+    TiffLayout strips = tiled;
     strips.tileWidth = 0;
     strips.rowsPerStrip = 10;
     strips.planar = true;
@@ -159,13 +161,13 @@ TEST(TiffImage, DecodesOnlyTheTouchedTilesOrStripsOncePerCall)
 TEST(TiffImage, TilesAgreeWithOneLargeRequestOnAnyNumberOfThreads)
 {
     NuvekTest::TemporaryDirectory directory;
-    TiffSpec spec = singlePage(77, 65);
-    spec.bits = 16;
-    spec.samples = 2;
-    spec.tileWidth = 16;
-    spec.tileHeight = 16;
-    spec.compression = COMPRESSION_ADOBE_DEFLATE;
-    NuvekTest::writeTiff(directory.path("image.tif"), spec);
+    TiffLayout layout = singlePage(77, 65);
+    layout.bits = 16;
+    layout.samples = 2;
+    layout.tileWidth = 16;
+    layout.tileHeight = 16;
+    layout.compression = COMPRESSION_ADOBE_DEFLATE;
+    NuvekTest::writeTiff(directory.path("image.tif"), layout);
     TiffImage image(directory.path("image.tif"));
     Box const box(Vector(-3, -2, 0), Vector(80, 66, 0));
     std::vector<double> const whole = NuvekTest::openWhole(image, 0, box);
@@ -178,14 +180,14 @@ TEST(TiffImage, TilesAgreeWithOneLargeRequestOnAnyNumberOfThreads)
 TEST(TiffImage, ConcurrentRequestsEqualSerialOnes)
 {
     NuvekTest::TemporaryDirectory directory;
-    TiffSpec spec = singlePage(300, 200);
-    spec.samples = 3;
-    spec.rgb = true;
-    spec.tileWidth = 32;
-    spec.tileHeight = 32;
-    spec.compression = COMPRESSION_LZW;
-    spec.pages.push_back(PageSpec{150, 100, true});
-    NuvekTest::writeTiff(directory.path("image.tif"), spec);
+    TiffLayout layout = singlePage(300, 200);
+    layout.samples = 3;
+    layout.rgb = true;
+    layout.tileWidth = 32;
+    layout.tileHeight = 32;
+    layout.compression = COMPRESSION_LZW;
+    layout.pages.push_back(PageShape{150, 100, true});
+    NuvekTest::writeTiff(directory.path("image.tif"), layout);
     TiffImage image(directory.path("image.tif"));
 
     std::mt19937_64 random(5);
@@ -221,20 +223,20 @@ TEST(TiffImage, MultiPageAndSubIfdPyramidsBecomeLevels)
     NuvekTest::TemporaryDirectory directory;
     for (bool subIfds : {false, true})
     {
-        TiffSpec spec;
-        spec.samples = 2;
-        spec.tileWidth = 16;
-        spec.tileHeight = 16;
-        std::vector<PageSpec> levels = {{50, 35, true}, {25, 17, true}, {13, 9, true}};
-        spec.pages = {PageSpec{101, 70}};
+        TiffLayout layout;
+        layout.samples = 2;
+        layout.tileWidth = 16;
+        layout.tileHeight = 16;
+        std::vector<PageShape> levels = {{50, 35, true}, {25, 17, true}, {13, 9, true}};
+        layout.pages = {PageShape{101, 70}};
         // A thumbnail of no power-of-two size and a page of other samples are not levels.
-        std::vector<PageSpec> others = {{40, 40, true}, PageSpec{50, 35, true, "", true}};
-        (subIfds ? spec.subPages : spec.pages).insert((subIfds ? spec.subPages : spec.pages).end(), others.begin(),
+        std::vector<PageShape> others = {{40, 40, true}, PageShape{50, 35, true, "", true}};
+        (subIfds ? layout.subPages : layout.pages).insert((subIfds ? layout.subPages : layout.pages).end(), others.begin(),
                                                       others.end());
-        (subIfds ? spec.subPages : spec.pages).insert((subIfds ? spec.subPages : spec.pages).end(), levels.begin(),
+        (subIfds ? layout.subPages : layout.pages).insert((subIfds ? layout.subPages : layout.pages).end(), levels.begin(),
                                                       levels.end());
         std::string const path = directory.path(subIfds ? "sub.tif" : "pages.tif");
-        NuvekTest::writeTiff(path, spec);
+        NuvekTest::writeTiff(path, layout);
 
         TiffImage image(path);
         ASSERT_EQ(image.getNumLevels(), 4);
@@ -249,7 +251,7 @@ TEST(TiffImage, MultiPageAndSubIfdPyramidsBecomeLevels)
             // Both layouts put level 1 after level 0 and the two pages that are not levels.
             long long const page = 2 + level;
             Box const box(Vector(-2, -2, 0), image.getExtent(level) + Vector(1, 1, -1));
-            EXPECT_TRUE(NuvekTest::sameBits(expectedRegion(spec, [page](long long) { return page; }, box, 1),
+            EXPECT_TRUE(NuvekTest::sameBits(expectedRegion(layout, [page](long long) { return page; }, box, 1),
                                             NuvekTest::openWhole(image, level, box), box,
                                             "level " + std::to_string(level) + (subIfds ? " SubIFD" : "")));
         }
@@ -259,12 +261,12 @@ TEST(TiffImage, MultiPageAndSubIfdPyramidsBecomeLevels)
 TEST(TiffImage, LevelsTheFileLacksAreReportedAndNeverMadeUp)
 {
     NuvekTest::TemporaryDirectory directory;
-    TiffSpec spec;
-    spec.tileWidth = 16;
-    spec.tileHeight = 16;
-    spec.pages = {PageSpec{64, 64}, PageSpec{16, 16, true}};
+    TiffLayout layout;
+    layout.tileWidth = 16;
+    layout.tileHeight = 16;
+    layout.pages = {PageShape{64, 64}, PageShape{16, 16, true}};
     std::string const path = directory.path("gap.tif");
-    NuvekTest::writeTiff(path, spec);
+    NuvekTest::writeTiff(path, layout);
     TiffImage image(path);
     EXPECT_EQ(image.getNumLevels(), 3);
     EXPECT_TRUE(image.hasLevel(0));
@@ -288,14 +290,14 @@ TEST(TiffImage, LevelsTheFileLacksAreReportedAndNeverMadeUp)
 TEST(TiffImage, PageStacksAreSlicesWithTheirOwnLevels)
 {
     NuvekTest::TemporaryDirectory directory;
-    TiffSpec spec;
-    spec.bits = 16;
-    spec.samples = 2;
-    spec.planar = true;
-    spec.pages = {PageSpec{40, 30, false, "first"}, PageSpec{20, 15, true}, PageSpec{40, 30, false, "second"},
-                  PageSpec{20, 15, true}, PageSpec{40, 30, false}, PageSpec{20, 15, true}};
+    TiffLayout layout;
+    layout.bits = 16;
+    layout.samples = 2;
+    layout.planar = true;
+    layout.pages = {PageShape{40, 30, false, "first"}, PageShape{20, 15, true}, PageShape{40, 30, false, "second"},
+                  PageShape{20, 15, true}, PageShape{40, 30, false}, PageShape{20, 15, true}};
     std::string const path = directory.path("stack.tif");
-    NuvekTest::writeTiff(path, spec);
+    NuvekTest::writeTiff(path, layout);
     TiffImage image(path);
     ASSERT_EQ(image.getExtent(0), Vector(40, 30, 3));
     ASSERT_EQ(image.getExtent(1), Vector(20, 15, 3));
@@ -306,13 +308,13 @@ TEST(TiffImage, PageStacksAreSlicesWithTheirOwnLevels)
     {
         Box const box(Vector(-1, 3, -1), image.getExtent(level) + Vector(0, -2, 0));
         auto pageOf = [level](long long z) { return 2 * z + level; };
-        EXPECT_TRUE(NuvekTest::sameBits(expectedRegion(spec, pageOf, box, 3), NuvekTest::openWhole(image, level, box),
+        EXPECT_TRUE(NuvekTest::sameBits(expectedRegion(layout, pageOf, box, 3), NuvekTest::openWhole(image, level, box),
                                         box, "level " + std::to_string(level)));
     }
 
     // A slice without the level makes the level absent for the whole volume.
-    spec.pages.pop_back();
-    NuvekTest::writeTiff(directory.path("ragged.tif"), spec);
+    layout.pages.pop_back();
+    NuvekTest::writeTiff(directory.path("ragged.tif"), layout);
     TiffImage ragged(directory.path("ragged.tif"));
     EXPECT_EQ(ragged.getExtent(0), Vector(40, 30, 3));
     EXPECT_EQ(ragged.getNumLevels(), 1);
@@ -344,19 +346,19 @@ TEST(TiffImage, MetadataComesFromTheFile)
     int index = 0;
     for (Case const& item : cases)
     {
-        TiffSpec spec = singlePage(20, 10);
-        spec.samples = item.samples;
-        spec.rgb = item.rgb;
-        spec.bits = item.type == 0 ? 8 : (item.type == 1 ? 16 : 32);
-        spec.floating = item.type == 2;
-        spec.resolutionUnit = item.unit;
-        spec.resolution = item.unit == 3 ? 20000.0f : 20000.0f;
-        spec.sampleMin = item.sampleMin;
-        spec.sampleMax = item.sampleMax;
-        spec.tileWidth = index % 2 == 0 ? 16 : 0;
-        spec.tileHeight = 32;
+        TiffLayout layout = singlePage(20, 10);
+        layout.samples = item.samples;
+        layout.rgb = item.rgb;
+        layout.bits = item.type == 0 ? 8 : (item.type == 1 ? 16 : 32);
+        layout.floating = item.type == 2;
+        layout.resolutionUnit = item.unit;
+        layout.resolution = item.unit == 3 ? 20000.0f : 20000.0f;
+        layout.sampleMin = item.sampleMin;
+        layout.sampleMax = item.sampleMax;
+        layout.tileWidth = index % 2 == 0 ? 16 : 0;
+        layout.tileHeight = 32;
         std::string const path = directory.path("meta" + std::to_string(index++) + ".tif");
-        NuvekTest::writeTiff(path, spec);
+        NuvekTest::writeTiff(path, layout);
         TiffImage image(path);
         for (std::size_t c = 0; c < item.names.size(); ++c)
             EXPECT_EQ(image.getChannelName(static_cast<long long>(c)), item.names[c]);
@@ -365,7 +367,7 @@ TEST(TiffImage, MetadataComesFromTheFile)
         EXPECT_EQ(image.getValueRange().max, item.rangeMax);
         EXPECT_EQ(image.getVoxelSize(0), item.voxelSize) << path;
         EXPECT_EQ(image.getVoxelSize(2), Vector(item.voxelSize.x * 4, item.voxelSize.y * 4, 1));
-        EXPECT_EQ(image.getTileExtent(), spec.tileWidth > 0 ? Vector(16, 32, 1) : Vector(20, 7, 1));
+        EXPECT_EQ(image.getTileExtent(), layout.tileWidth > 0 ? Vector(16, 32, 1) : Vector(20, 7, 1));
         EXPECT_EQ(image.getURL(), path);
         EXPECT_EQ(image.getHash(), image.getHash());
     }
@@ -452,4 +454,83 @@ TEST(TiffImage, BadFilesGiveErrorsNamingTheFileAndTheProblem)
         TIFFClose(tiff);
     }
     expectFailure(palette, "palette images are not supported");
+}
+
+TEST(TiffImage, DamagedFilesTheFuzzerFoundReadTheSameTwiceOrFail)
+{
+    std::vector<std::string> paths;
+    for (auto const& entry : std::filesystem::directory_iterator(NUVEK_IO_REGRESSIONS))
+        paths.push_back(entry.path().string());
+    ASSERT_FALSE(paths.empty());
+    for (std::string const& path : paths)
+    {
+        try
+        {
+            TiffImage image(path);
+            for (long long level = 0; level < image.getNumLevels(); ++level)
+            {
+                if (!image.hasLevel(level))
+                    continue;
+                Box const box = Box(image.getExtent(level)).expanded(Vector(1, 1, 0));
+                EXPECT_TRUE(NuvekTest::sameBits(NuvekTest::openWhole(image, level, box),
+                                                NuvekTest::openWhole(image, level, box), box, path));
+            }
+        }
+        catch (std::runtime_error const& error)
+        {
+            EXPECT_EQ(std::string(error.what()).rfind("TiffImage: " + path + ": ", 0), 0u) << error.what();
+        }
+    }
+}
+
+TEST(TiffImage, JpegInYCbCrIsDeliveredAsRgb)
+{
+    NuvekTest::TemporaryDirectory directory;
+    std::string const path = directory.path("jpeg.tif");
+    // A smooth colour ramp, which JPEG at quality 95 keeps within a few steps.
+    auto colour = [](long long x, long long y, long long c) {
+        return static_cast<double>((c == 0 ? 2 * x : (c == 1 ? 2 * y : x + y)) % 256);
+    };
+    {
+        TIFF* tiff = TIFFOpen(path.c_str(), "w");
+        ASSERT_NE(tiff, nullptr);
+        TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, 64u);
+        TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, 48u);
+        TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
+        TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 3);
+        TIFFSetField(tiff, TIFFTAG_TILEWIDTH, 32u);
+        TIFFSetField(tiff, TIFFTAG_TILELENGTH, 32u);
+        TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+        TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_JPEG);
+        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_YCBCR);
+        TIFFSetField(tiff, TIFFTAG_JPEGQUALITY, 95);
+        TIFFSetField(tiff, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
+        std::vector<unsigned char> tile(32 * 32 * 3);
+        for (std::uint32_t tileY = 0; tileY < 48; tileY += 32)
+            for (std::uint32_t tileX = 0; tileX < 64; tileX += 32)
+            {
+                for (long long y = 0; y < 32; ++y)
+                    for (long long x = 0; x < 32; ++x)
+                        for (long long c = 0; c < 3; ++c)
+                            tile[static_cast<std::size_t>((y * 32 + x) * 3 + c)] =
+                                static_cast<unsigned char>(colour(tileX + x, tileY + y, c));
+                ASSERT_GE(TIFFWriteTile(tiff, tile.data(), tileX, tileY, 0, 0), 0);
+            }
+        TIFFClose(tiff);
+    }
+    TiffImage image(path);
+    ASSERT_EQ(image.getNumChannels(), 3);
+    EXPECT_EQ(image.getChannelName(0), "Red");
+    Box const box(Vector(-2, 0, 0), Vector(65, 47, 0));
+    std::vector<double> const values = NuvekTest::openWhole(image, 0, box);
+    double largest = 0.0;
+    for (long long c = 0; c < 3; ++c)
+        for (long long y = 0; y < 48; ++y)
+            for (long long x = -2; x < 66; ++x)
+            {
+                double const value = values[static_cast<std::size_t>((c * 48 + y) * 68 + x + 2)];
+                double const expected = x < 0 || x >= 64 ? 0.0 : colour(x, y, c);
+                largest = std::max(largest, std::fabs(value - expected));
+            }
+    EXPECT_LE(largest, 12.0);
 }
