@@ -171,6 +171,32 @@ TEST_F(ToolRun, BadUsageExitsWithTwoAndLeavesNoOutput)
         EXPECT_EQ(entry.path().filename(), "input.tif");
 }
 
+TEST_F(ToolRun, InterruptStopsCleanlyAndLeavesNoOutput)
+{
+    // A run long enough to be caught in the middle: a large median over small tiles on one thread.
+    std::mt19937_64 random(92);
+    auto image = NuvekTest::randomImage(random, Vector(1500, 1500, 1), 1, {0.0, 255.0, 0.0});
+    image->setValueRange(Nuvek::ValueRange<double>(0, 255));
+    std::string const large = path("large.tif");
+    Nuvek::PyramidalTiffOptions options;
+    options.sampleType = Nuvek::TiffSampleType::Float32;
+    ASSERT_TRUE(Nuvek::writePyramidalTiff(*image, large, options));
+
+    std::string const output = path("interrupted.tif");
+    std::string const command = "timeout --preserve-status -s INT 0.5 " + std::string(NUVEK_TOOL_PATH) + " run " +
+                                large + " " + output +
+                                " --quiet --chain 'clamp | median 15 | median 15 | median 15' --tile 16 --threads 1 2> " +
+                                path("interrupt.txt");
+    int const status = std::system(command.c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 130) << readFile(path("interrupt.txt"));
+    EXPECT_NE(readFile(path("interrupt.txt")).find("interrupted; no output was left behind"), std::string::npos);
+    for (auto const& entry : std::filesystem::directory_iterator(directory))
+        EXPECT_TRUE(entry.path().filename() == "input.tif" || entry.path().filename() == "large.tif" ||
+                    entry.path().filename() == "interrupt.txt")
+            << entry.path();
+}
+
 TEST_F(ToolRun, InfoAndFiltersDescribeWhatIsThere)
 {
     Outcome const info = nuvek("info " + input);
