@@ -131,6 +131,9 @@ py::array_t<double> openRegionArray(Image& image, long long level, Box const& bo
     double* data = out.mutable_data();
     {
         py::gil_scoped_release release;
+        // Zeroed first: a few filters leave voxels they have nothing for (slices beyond their
+        // extent) as the caller's buffer held them, and C++ callers pass zeroed buffers.
+        std::memset(data, 0, static_cast<std::size_t>(out.size()) * sizeof(double));
         image.openRegion(data, level, box);
     }
     return out;
