@@ -21,7 +21,9 @@ else
     options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DNUVEK_SANITIZE="$sanitize" -DNUVEK_BUILD_BENCHMARKS=OFF)
 fi
 
-cmake -S . -B "$build" -DNUVEK_WARNINGS_AS_ERRORS=ON "${options[@]}" >/dev/null
+# Debian's own interpreter, whose packages apt installs (another python3 may come first on PATH).
+# Sanitizer builds leave the Python package out.
+cmake -S . -B "$build" -DNUVEK_WARNINGS_AS_ERRORS=ON -DPython3_EXECUTABLE=/usr/bin/python3 "${options[@]}" >/dev/null
 cmake --build "$build" -j "$jobs"
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
