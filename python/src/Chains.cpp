@@ -83,10 +83,10 @@ upsampling), output serves one open_region call at a time.
         .def_property_readonly("shareable", [](PythonChain const& chain) { return chain.chain->shareable; })
         .def(
             "open_region",
-            [](PythonChain& chain, long long level, Nuvek::Box const& box) {
-                return openRegionArray(*chain.output(), level, box);
+            [](PythonChain& chain, long long level, Nuvek::Box const& box, py::object out) {
+                return openRegionArray(*chain.output(), level, box, std::move(out));
             },
-            py::arg("level"), py::arg("box"), "output.open_region(level, box).");
+            py::arg("level"), py::arg("box"), py::arg("out") = py::none(), "output.open_region(level, box).");
 }
 
 } // namespace NuvekPython

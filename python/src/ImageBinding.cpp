@@ -119,24 +119,47 @@ void copyRegionFromPython(double* out, py::handle values, long long numChannels,
     std::memcpy(out, array.data(), static_cast<std::size_t>(array.size()) * sizeof(double));
 }
 
-py::array_t<double> openRegionArray(Image& image, long long level, Box const& box)
+py::array_t<double> openRegionArray(Image& image, long long level, Box const& box, py::object out)
 {
     long long const channels = image.getNumChannels();
     Vector const extent = box.getExtent();
     std::vector<py::ssize_t> const shape = {channels, std::max(0LL, extent.z), std::max(0LL, extent.y),
                                             std::max(0LL, extent.x)};
-    py::array_t<double> out(shape);
-    if (out.size() == 0)
-        return out;
-    double* data = out.mutable_data();
+    py::array_t<double> target;
+    bool zeroed = false;
+    if (out.is_none())
+    {
+        // numpy.zeros: fresh pages from the system come zeroed, so they are not written twice.
+        target = py::module_::import("numpy").attr("zeros")(py::tuple(py::cast(shape)), "float64");
+        zeroed = true;
+    }
+    else
+    {
+        // Only an array the library can write straight into: no conversion, no copy.
+        if (!py::isinstance<py::array_t<double>>(out))
+            throw py::value_error("open_region: out must be a float64 NumPy array.");
+        target = py::reinterpret_borrow<py::array_t<double>>(out);
+        bool const sameShape = target.ndim() == 4 && std::equal(shape.begin(), shape.end(), target.shape());
+        if (!sameShape)
+            throw py::value_error("open_region: out has the shape " + describeShape(target) + ", the box needs (" +
+                                  std::to_string(shape[0]) + ", " + std::to_string(shape[1]) + ", " +
+                                  std::to_string(shape[2]) + ", " + std::to_string(shape[3]) + ").");
+        if (!(target.flags() & py::array::c_style) || !target.writeable())
+            throw py::value_error("open_region: out must be C-contiguous and writeable.");
+    }
+    if (target.size() == 0)
+        return target;
+    double* data = target.mutable_data();
+    std::size_t const bytes = static_cast<std::size_t>(target.size()) * sizeof(double);
     {
         py::gil_scoped_release release;
         // Zeroed first: a few filters leave voxels they have nothing for (slices beyond their
         // extent) as the caller's buffer held them, and C++ callers pass zeroed buffers.
-        std::memset(data, 0, static_cast<std::size_t>(out.size()) * sizeof(double));
+        if (!zeroed)
+            std::memset(data, 0, bytes);
         image.openRegion(data, level, box);
     }
-    return out;
+    return target;
 }
 
 void bindImage(py::module_& module)
@@ -158,10 +181,11 @@ and open_region(level, box), which returns an array of shape (channels, z, y, x)
         .def("get_value_range", &Image::getValueRange)
         .def("get_voxel_size", &Image::getVoxelSize, py::arg("level") = 0)
         .def("get_tile_extent", &Image::getTileExtent)
-        .def("open_region", &openRegionArray, py::arg("level"), py::arg("box"),
+        .def("open_region", &openRegionArray, py::arg("level"), py::arg("box"), py::arg("out") = py::none(),
              "The voxels of box at level as a float64 array of shape (channels, z, y, x). Voxels outside "
              "the extent get whatever the image defines there. The interpreter lock is released while "
-             "the library computes.")
+             "the library computes. With out, a C-contiguous float64 array of that shape, the values go "
+             "there and out is returned: reusing one array spares allocating a new one per call.")
         .def("get_slice_name", &Image::getSliceName, py::arg("index"))
         .def("get_channel_name", &Image::getChannelName, py::arg("index"))
         .def("get_id", &Image::getId)

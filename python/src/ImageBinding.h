@@ -39,9 +39,11 @@ public:
     std::uint64_t getHash() override;
 };
 
-/// The region of box at level as a new float64 array of shape (channels, z, y, x). The library
-/// writes straight into the array's memory with the interpreter lock released.
-py::array_t<double> openRegionArray(Nuvek::Image& image, long long level, Nuvek::Box const& box);
+/// The region of box at level as a float64 array of shape (channels, z, y, x): a new one, or out
+/// when given (it must have that shape and be C-contiguous and writeable). The library writes
+/// straight into the array's memory with the interpreter lock released.
+py::array_t<double> openRegionArray(Nuvek::Image& image, long long level, Nuvek::Box const& box,
+                                    py::object out = py::none());
 
 /// Copies an array returned by Python code into a region buffer of box with numChannels channels.
 void copyRegionFromPython(double* out, py::handle values, long long numChannels, Nuvek::Box const& box,
@@ -51,5 +53,6 @@ void bindImage(py::module_& module);
 void bindSources(py::module_& module);
 void bindFilters(py::module_& module);
 void bindChains(py::module_& module);
+void bindTiming(py::module_& module);
 
 } // namespace NuvekPython

@@ -24,4 +24,5 @@ PYBIND11_MODULE(_nuvek, module)
     NuvekPython::bindSources(module);
     NuvekPython::bindFilters(module);
     NuvekPython::bindChains(module);
+    NuvekPython::bindTiming(module);
 }

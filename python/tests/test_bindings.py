@@ -142,6 +142,19 @@ class TestMemoryImage:
         with pytest.raises(RuntimeError, match="^MemoryImage: expected 2 channel names, got 1"):
             image.set_channel_names(["One"])
 
+    def test_open_region_fills_a_given_array(self, rng):
+        values = rng.uniform(size=(2, 1, 6, 7))
+        chain = nuvek.GaussianBlurFilter(nuvek.MemoryImage(values), 3)
+        box = ((-1, 2, 0), (4, 5, 0))
+        out = np.full((2, 1, 4, 6), np.nan)
+        assert chain.open_region(0, box, out=out) is out
+        assert same_bits(out, chain.open_region(0, box))
+        for wrong in (np.zeros((2, 1, 4, 5)), np.zeros((2, 1, 4, 6), dtype=np.float32), np.zeros((2, 1, 6, 4)).T.T[..., :4, :6]):
+            with pytest.raises(ValueError, match="^open_region: out"):
+                chain.open_region(0, box, out=wrong)
+        with pytest.raises(ValueError, match="C-contiguous"):
+            chain.open_region(0, box, out=np.zeros((2, 1, 4, 12))[..., ::2])
+
     def test_empty_box_gives_an_empty_array(self):
         image = nuvek.MemoryImage(np.ones((2, 1, 3, 3)))
         empty = image.open_region(0, ((2, 2, 0), (1, 2, 0)))
