@@ -93,13 +93,15 @@ def _splits(start, stop, step):
     return [(first, min(first + step, stop) - 1) for first in range(start, stop, step)]
 
 
-def chain_array(expression, path, level=0, chunks=512, box=None):
+def chain_array(expression, path, level=0, chunks=512, box=None, name=None):
     """The chain `expression` over the image at `path`, at `level`, as a lazy dask array.
 
     The array covers `box` (default: the whole extent of the chain's output at that level) and has
     the shape (channels, z, y, x); chunks hold every channel, one z slice and up to `chunks` voxels
     along y and x (an int, or a (y, x) pair). The chain is built once here, so that a bad expression
-    or path raises at once; workers rebuild it from the expression and the absolute path.
+    or path raises at once; workers rebuild it from the expression and the absolute path. `name`
+    is the graph's name; by default it is derived from the arguments and the file's modification
+    time and size, so that equal descriptions of an unchanged file share results.
     """
     path = os.path.abspath(path)
     output = _open_chain(expression, path).shared.output
@@ -117,7 +119,8 @@ def chain_array(expression, path, level=0, chunks=512, box=None):
     zs = _splits(z0, z1 + 1, 1)
     ys = _splits(y0, y1 + 1, chunk_y)
     xs = _splits(x0, x1 + 1, chunk_x)
-    name = "nuvek-chain-" + dask.base.tokenize(expression, path, _file_key(path), level, box, chunk_y, chunk_x)
+    if name is None:
+        name = "nuvek-chain-" + dask.base.tokenize(expression, path, _file_key(path), level, box, chunk_y, chunk_x)
     graph = {}
     for iz, (za, zb) in enumerate(zs):
         for iy, (ya, yb) in enumerate(ys):
