@@ -15,15 +15,15 @@ bash scripts/install-deps.sh
 jobs=$(nproc)
 if [ -z "$sanitize" ]; then
     build=build/test
-    options=(-DCMAKE_BUILD_TYPE=Release -DNUVEK_BUILD_BENCHMARKS=ON)
+    # Debian's own interpreter, whose packages apt installs (another python3 may come first on PATH).
+    options=(-DCMAKE_BUILD_TYPE=Release -DNUVEK_BUILD_BENCHMARKS=ON -DPython3_EXECUTABLE=/usr/bin/python3)
 else
     build=build/test-${sanitize//,/-}
+    # A sanitized Python extension cannot load into an uninstrumented python: the package is left out.
     options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DNUVEK_SANITIZE="$sanitize" -DNUVEK_BUILD_BENCHMARKS=OFF)
 fi
 
-# Debian's own interpreter, whose packages apt installs (another python3 may come first on PATH).
-# Sanitizer builds leave the Python package out.
-cmake -S . -B "$build" -DNUVEK_WARNINGS_AS_ERRORS=ON -DPython3_EXECUTABLE=/usr/bin/python3 "${options[@]}" >/dev/null
+cmake -S . -B "$build" -DNUVEK_WARNINGS_AS_ERRORS=ON "${options[@]}" >/dev/null
 cmake --build "$build" -j "$jobs"
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
