@@ -88,6 +88,31 @@ def test_every_filter_gives_the_results_of_the_cpp_chain(expression, build, kind
         assert same_bits(ours, theirs), f"{expression} level {level}: {first_difference(ours, theirs)}"
 
 
+def test_constructor_variants_and_metadata_reach_the_library(rng):
+    values = integers(rng, high=3)
+    source = nuvek.MemoryImage(values)
+    box = whole(source)
+    by_dict = nuvek.ValueReplacementFilter(source, {(1.0, 2.0, 0.0): (5.0, 5.0, 5.0), (0.0, 0.0, 0.0): (7.0, 7.0, 7.0)})
+    by_pair = nuvek.ValueReplacementFilter(nuvek.ValueReplacementFilter(source, [1, 2, 0], [5, 5, 5]), [0, 0, 0], [7, 7, 7])
+    assert same_bits(by_dict.open_region(0, box), by_pair.open_region(0, box)) and by_dict.is_valid()
+    with pytest.raises(RuntimeError):
+        nuvek.ValueReplacementFilter(source, [1.0], [2.0])
+
+    resized = nuvek.VoxelSizeModificationFilter(source, (3, 4, 5))
+    assert resized.get_voxel_size(0) == (3, 4, 5) and resized.get_voxel_size(2) == (12, 16, 5)
+    resized.set_voxel_size_at_level0((1, 2, 3))
+    assert resized.get_voxel_size(1) == (2, 4, 3)
+    assert nuvek.VoxelSizeModificationFilter(source).get_voxel_size(1) == (2, 2, 1)
+
+    other = nuvek.MemoryImage(integers(rng, high=3))
+    assert same_bits(nuvek.BinaryOperatorFilter(source, other).open_region(0, box), values)
+    assert nuvek.ChannelFilter(source, 0, 2).get_channel_names() == ["Channel 0", "Channel 1"]
+    assert nuvek.LBPFilter(nuvek.ChannelFilter(source, 0)).get_channel_names() == ["LBP"]
+    kernel = nuvek.GaussianBlurFilter.get_gaussian_kernel(5)
+    assert same_bits(nuvek.GaussianBlurFilter(source, 5).open_region(0, box),
+                     nuvek.SeparableConvolutionFilter(source, kernel).open_region(0, box))
+
+
 class TestMemoryImage:
     def test_array_axes_are_channels_z_y_x(self, rng):
         values = rng.uniform(size=(2, 3, 4, 5))
