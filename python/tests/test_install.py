@@ -11,7 +11,8 @@ def test_the_installed_package_imports_from_the_prefix_alone(tmp_path):
     if not build or not relative:
         pytest.fail("NUVEK_BUILD_DIR and NUVEK_PYTHON_INSTALL_DIR are not set: run the tests through ctest.")
     prefix = tmp_path / "prefix"
-    subprocess.run(["cmake", "--install", build, "--prefix", str(prefix)], check=True, capture_output=True)
+    cmake = os.environ.get("NUVEK_CMAKE", "cmake")
+    subprocess.run([cmake, "--install", build, "--prefix", str(prefix)], check=True, capture_output=True)
     site = prefix / relative
     assert (site / "nuvek" / "__init__.py").is_file() and (site / "nuvek" / "dask.py").is_file()
 
