@@ -1,5 +1,6 @@
 import gc
 import threading
+import time
 import weakref
 from concurrent.futures import ThreadPoolExecutor
 
@@ -371,16 +372,30 @@ class TestPythonSources:
 
 class TestThreads:
     def test_open_region_releases_the_interpreter_lock(self, rng):
-        chain = nuvek.RankFilter(nuvek.MemoryImage(rng.uniform(size=(1, 1, 300, 300))), 31, 480)
-        finished = threading.Event()
-        worker = threading.Thread(target=lambda: (chain.open_region(0, ((0, 0, 0), (299, 299, 0))), finished.set()))
+        chain = nuvek.RankFilter(nuvek.MemoryImage(rng.uniform(size=(1, 1, 500, 500))), 31, 480)
+
+        def spin(stop):
+            turns = 0
+            while not stop():
+                turns += 1
+            return turns
+
+        start = time.perf_counter()
+        rate = spin(lambda: time.perf_counter() - start > 0.2) / 0.2
+        seconds = []
+
+        def work():
+            begin = time.perf_counter()
+            chain.open_region(0, ((0, 0, 0), (499, 499, 0)))
+            seconds.append(time.perf_counter() - begin)
+
+        worker = threading.Thread(target=work)
         worker.start()
-        turns = 0
-        while not finished.is_set():
-            turns += 1
+        turns = spin(lambda: not worker.is_alive())
         worker.join()
-        # Holding the lock for the whole computation would leave this thread a handful of turns.
-        assert turns > 1000
+        # Holding the lock through the computation would leave this thread only the few switch
+        # intervals (5 ms each) around it: well under a tenth of its pace over the whole call.
+        assert turns > 0.1 * rate * seconds[0], (turns, rate, seconds)
 
     def test_local_normalization_is_safe_from_many_threads(self, rng):
         # Large tiles over a fine background level: without serialised calls, about one tile in
