@@ -8,6 +8,8 @@ packages=(
     libopencv-dev
     libtiff-dev libtiff-tools libopenslide-dev libdeflate-dev zlib1g-dev libpng-dev
     clang libclang-rt-14-dev
+    pybind11-dev python3-dev python3-numpy python3-pytest python3-dask python3-distributed python3-zarr
+    python3-tifffile
 )
 
 missing=()

@@ -16,9 +16,11 @@ bash scripts/install-deps.sh
 jobs=$(nproc)
 if [ -z "$sanitize" ]; then
     build=build/test
-    options=(-DCMAKE_BUILD_TYPE=Release -DNUVEK_BUILD_BENCHMARKS=ON)
+    # Debian's own interpreter, whose packages apt installs (another python3 may come first on PATH).
+    options=(-DCMAKE_BUILD_TYPE=Release -DNUVEK_BUILD_BENCHMARKS=ON -DPython3_EXECUTABLE=/usr/bin/python3)
 else
     build=build/test-${sanitize//,/-}
+    # A sanitized Python extension cannot load into an uninstrumented python: the package is left out.
     options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DNUVEK_SANITIZE="$sanitize" -DNUVEK_BUILD_BENCHMARKS=OFF)
 fi
 
