@@ -67,7 +67,8 @@ void ChannelFilter::openRegion(double* out, long long level, Box const& box)
         input->openRegion(out, level, box);
         return;
     }
-    std::unique_ptr<double[]> work(new double[static_cast<std::size_t>(inputChannels * size)]);
+    // Zeroed: an input need not write every voxel (the distance transform leaves the outside alone).
+    std::unique_ptr<double[]> work(new double[static_cast<std::size_t>(inputChannels * size)]());
     input->openRegion(work.get(), level, box);
     double const* selected = work.get() + firstChannel * size;
     std::copy(selected, selected + numChannels * size, out);

@@ -175,6 +175,32 @@ TEST(ChannelFilter, SelectionsBeyondTheInputAreRejectedWhenOpenedNotBuilt)
               "Cannot select 1 channels from index -1 of an input with 3 channels.");
 }
 
+TEST(ChannelFilter, VoxelsTheInputLeavesUnwrittenReadZeroEveryTime)
+{
+    // Some inputs write only part of a request (the distance transform leaves voxels outside the
+    // image alone). A selection must then give zeros there, not whatever its work buffer held:
+    // found by fuzzing as two equal requests giving different bytes.
+    class WritesNothing : public MemoryImage
+    {
+    public:
+        WritesNothing() : MemoryImage(Vector(4, 4, 1), 3) {}
+        void openRegion(double*, long long, Box const&) override {}
+    };
+    WritesNothing input;
+    ChannelFilter filter(&input, 1, false);
+    Box const box(Vector(0, 0, 0), Vector(63, 63, 0));
+    for (int round = 0; round < 3; ++round)
+    {
+        // Leave junk in freed memory that the filter's work buffer may reuse.
+        std::vector<double> junk(static_cast<std::size_t>(3 * box.getSize()), 12345.0);
+        junk.clear();
+        junk.shrink_to_fit();
+        std::vector<double> out(static_cast<std::size_t>(box.getSize()), -1.0);
+        filter.openRegion(out.data(), 0, box);
+        EXPECT_EQ(out, std::vector<double>(static_cast<std::size_t>(box.getSize()), 0.0)) << "round " << round;
+    }
+}
+
 TEST(ConcatFilter, ChannelsFollowTheInputsByDataAndByName)
 {
     std::mt19937_64 random(42);
