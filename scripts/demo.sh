@@ -7,6 +7,6 @@ cd "$(dirname "$0")/.."
 
 bash scripts/install-deps.sh
 build=build/demo
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DNUVEK_BUILD_TESTS=OFF >/dev/null
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DNUVEK_BUILD_TESTS=OFF -DNUVEK_BUILD_PYTHON=OFF >/dev/null
 cmake --build "$build" -j "$(nproc)" --target nuvek
 "$build"/tools/nuvek/nuvek demo "$@"
