@@ -3,6 +3,7 @@
 #include <nuvek/filters/texture/HistogramFilter.h>
 
 #include "reference/HistogramReference.h"
+#include "support/Messages.h"
 #include "support/RandomImages.h"
 #include "support/RecordingImage.h"
 #include "support/Tiling.h"
@@ -25,20 +26,9 @@ using Nuvek::ValueRange;
 using Nuvek::Vector;
 using NuvekTest::openWhole;
 
-namespace {
+using NuvekTest::messageOf;
 
-std::string messageOf(std::function<void()> const& action)
-{
-    try
-    {
-        action();
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "(nothing thrown)";
-}
+namespace {
 
 std::vector<double> computeWith(HistogramComputer const& computer, Nuvek::Image& input, Box const& box, long long level)
 {

@@ -3,6 +3,7 @@
 #include <nuvek/filters/texture/LBPFilter.h>
 
 #include "reference/LBPReference.h"
+#include "support/Messages.h"
 #include "support/RandomImages.h"
 #include "support/RecordingImage.h"
 #include "support/Tiling.h"
@@ -23,20 +24,9 @@ using Nuvek::LBPFilter;
 using Nuvek::Vector;
 using NuvekTest::openWhole;
 
-namespace {
+using NuvekTest::messageOf;
 
-std::string messageOf(std::function<void()> const& action)
-{
-    try
-    {
-        action();
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "(nothing thrown)";
-}
+namespace {
 
 // Neighbours that set exactly the bits of code against a centre of 0.
 std::vector<double> neighboursOf(long long code)

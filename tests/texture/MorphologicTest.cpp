@@ -2,6 +2,7 @@
 #include <nuvek/filters/texture/MorphologicFilter.h>
 
 #include "reference/MorphologicReference.h"
+#include "support/Messages.h"
 #include "support/RandomImages.h"
 #include "support/RecordingImage.h"
 #include "support/Tiling.h"
@@ -22,20 +23,9 @@ using Nuvek::ErosionFilter;
 using Nuvek::Vector;
 using NuvekTest::openWhole;
 
-namespace {
+using NuvekTest::messageOf;
 
-std::string messageOf(std::function<void()> const& action)
-{
-    try
-    {
-        action();
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "(nothing thrown)";
-}
+namespace {
 
 std::vector<double> openWith(bool maximum, Nuvek::Image& input, long long k, long long level, Box const& box)
 {

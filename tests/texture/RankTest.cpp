@@ -2,6 +2,7 @@
 #include <nuvek/filters/texture/RankFilter.h>
 
 #include "reference/RankReference.h"
+#include "support/Messages.h"
 #include "support/RandomImages.h"
 #include "support/RecordingImage.h"
 #include "support/Tiling.h"
@@ -20,20 +21,9 @@ using Nuvek::Box;
 using Nuvek::RankFilter;
 using Nuvek::Vector;
 
-namespace {
+using NuvekTest::messageOf;
 
-std::string messageOf(std::function<void()> const& action)
-{
-    try
-    {
-        action();
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "(nothing thrown)";
-}
+namespace {
 
 constexpr double sentinel = -12345.5;
 
