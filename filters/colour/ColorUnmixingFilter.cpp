@@ -1,10 +1,14 @@
 #include <nuvek/filters/colour/ColorUnmixingFilter.h>
 
+#include <nuvek/filters/colour/Absorptance.h>
 #include <nuvek/filters/colour/Matrix.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <stdexcept>
+#include <typeinfo>
 
 namespace Nuvek {
 
@@ -22,6 +26,24 @@ double logTransmission(double value)
 {
     throw std::runtime_error("ColorUnmixingFilter: " + std::to_string(numWeights) + " weights but only " +
                              std::to_string(numValues) + " channel values.");
+}
+
+constexpr std::size_t numIntegerValues = 257;
+
+// The integer v for values that are integers from 0 to 256, else numIntegerValues: adding 2^52
+// rounds the fraction away, and gives back the value exactly only for integers. NaN, negative and
+// huge values land outside the range.
+std::size_t integerIndex(double value)
+{
+    constexpr double shift = 0x1p52;
+    std::uint64_t shiftedBits;
+    double const shifted = value + shift;
+    std::memcpy(&shiftedBits, &shifted, sizeof shiftedBits);
+    std::uint64_t constexpr shiftBits = 0x4330000000000000; // the bits of 2^52
+    std::uint64_t const index = shiftedBits - shiftBits;
+    if (index < numIntegerValues && shifted - shift == value)
+        return static_cast<std::size_t>(index);
+    return numIntegerValues;
 }
 
 } // namespace
@@ -58,30 +80,66 @@ double ColorUnmixingFilter::processPixel(std::vector<double> const& values) cons
     double density = 0.0;
     for (std::size_t i = 0; i < weights.size(); ++i)
     {
-        double const value = values[i];
-        double logarithm;
         // Integer values up to 256 take the logarithm computed for them once: the same call on the
-        // same operand, so the same bits. Values at or below 1 (and NaN) share the one of 1.
-        if (!(value > 1.0))
-            logarithm = integerLogs[1];
-        else if (value <= 256.0 && static_cast<double>(static_cast<int>(value)) == value)
-            logarithm = integerLogs[static_cast<std::size_t>(static_cast<int>(value))];
-        else
-            logarithm = logTransmission(value);
+        // same operand, so the same bits (0 and 1 share one: both count as 1).
+        std::size_t const index = integerIndex(values[i]);
+        double const logarithm = index < numIntegerValues ? integerLogs[index] : logTransmission(values[i]);
         density = density - logarithm * weights[i];
     }
-    // For a density that is not positive, 10^-density is at least 1 (and min(1, NaN) is 1), so the
-    // result is 0.0 without the exponential.
-    if (!(density > 0.0))
-        return 0.0;
-    double const transmission = std::min(1.0, std::pow(10.0, -density));
-    return 1.0 - transmission;
+    // 1.0 - min(1.0, 10^-density), with the bits of the C library's pow.
+    return absorptance(density);
+}
+
+void ColorUnmixingFilter::processRow(double const* const* planes, double* out, long long count,
+                                     std::vector<double>& values) const
+{
+    // A subclass that computes voxels its own way gets its processPixel called.
+    if (typeid(*this) != typeid(ColorUnmixingFilter))
+    {
+        PixelProcessingFilter::processRow(planes, out, count, values);
+        return;
+    }
+    if (count <= 0)
+        return;
+    if (values.size() < weights.size())
+        throwTooFewValues(weights.size(), values.size());
+
+    // Densities of a block of voxels, one weight after the other: per voxel the same subtractions
+    // in the same order as processPixel, with independent voxels side by side.
+    constexpr long long blockSize = static_cast<long long>(absorptanceBlockSize);
+    double density[blockSize];
+    for (long long start = 0; start < count; start += blockSize)
+    {
+        long long const size = std::min(blockSize, count - start);
+        std::fill(density, density + size, 0.0);
+        for (std::size_t c = 0; c < weights.size(); ++c)
+        {
+            double const* const value = planes[c] + start;
+            double const* const weighted = weightedLogs.data() + c * numIntegerValues;
+            double const weight = weights[c];
+            for (long long i = 0; i < size; ++i)
+            {
+                std::size_t const index = integerIndex(value[i]);
+                double const product =
+                    index < numIntegerValues ? weighted[index] : logTransmission(value[i]) * weight;
+                density[i] = density[i] - product;
+            }
+        }
+        absorptanceOfBlock(density, out + start, static_cast<std::size_t>(size));
+    }
 }
 
 void ColorUnmixingFilter::reinit(std::vector<double> const& weights)
 {
     if (&weights != &this->weights)
         this->weights = weights;
+    // Only the weights of selected channels can take part in a row: with more weights than
+    // channels, rows throw before reading any.
+    std::size_t const tables = std::min(this->weights.size(), getChannelSelection().size());
+    weightedLogs.resize(tables * numIntegerValues);
+    for (std::size_t c = 0; c < tables; ++c)
+        for (std::size_t v = 0; v < numIntegerValues; ++v)
+            weightedLogs[c * numIntegerValues + v] = integerLogs[v] * this->weights[c];
     ++hashCounter;
 }
 

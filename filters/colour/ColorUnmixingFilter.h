@@ -46,10 +46,20 @@ public:
     /// weights without an error.
     static std::vector<std::vector<double>> computeMatrixFromColors(std::vector<std::vector<double>> const& colors);
 
+protected:
+    /// The values of processPixel, a block of voxels at a time: the same operations per voxel in the
+    /// same order, so the same bits, without a call per voxel. A subclass's own processPixel is
+    /// called per voxel instead.
+    void processRow(double const* const* planes, double* out, long long count,
+                    std::vector<double>& values) const override;
+
 private:
     std::vector<double> weights;
     // log10(max(1, v) / 256) of the integers v = 0 .. 256, the values of 8-bit colour channels.
     std::array<double, 257> integerLogs;
+    // integerLogs[v] * weights[c] at c * 257 + v, for the weights of selected channels: the products
+    // processPixel forms for integer values.
+    std::vector<double> weightedLogs;
 };
 
 } // namespace Nuvek

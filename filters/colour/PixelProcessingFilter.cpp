@@ -1,7 +1,5 @@
 #include <nuvek/filters/colour/PixelProcessingFilter.h>
 
-#include <nuvek/filters/texture/PositionIterator.h>
-
 #include <algorithm>
 #include <stdexcept>
 
@@ -70,22 +68,48 @@ std::vector<std::string> PixelProcessingFilter::getChannelSelection() const
     return channelNames;
 }
 
+void PixelProcessingFilter::processRow(double const* const* planes, double* out, long long count,
+                                       std::vector<double>& values) const
+{
+    std::size_t const numPlanes = values.size();
+    double* const value = values.data();
+    for (long long i = 0; i < count; ++i)
+    {
+        for (std::size_t k = 0; k < numPlanes; ++k)
+            value[k] = planes[k][i];
+        out[i] = processPixel(values);
+    }
+}
+
 void PixelProcessingFilter::openRegionInImage(double* out, long long level, Box const& region, Box const& imageRegion)
 {
-    // The whole region is read, though only imageRegion is processed.
-    std::unique_ptr<Buffer<double> const> const channels = channelBank->openRegion(channelNames, region, level);
-    // The plane pointers once per call rather than the plane size once per voxel.
-    std::vector<double const*> const planes = channels->getPtrVector();
     std::vector<double> values(channelNames.size());
+    std::vector<double const*> rowPlanes(channelNames.size());
+    // Reads the selected channels of part and processes the voxels of imageRegion within it, row by
+    // row, x fastest, then y, then z.
+    auto const processPart = [&](Box const& part) {
+        std::unique_ptr<Buffer<double> const> const channels = channelBank->openRegion(channelNames, part, level);
+        Box const inside = part.intersected(imageRegion);
+        if (inside.isEmpty())
+            return;
+        std::vector<double const*> const planes = channels->getPtrVector();
+        Vector const partStrides = part.getExtent().getStrides();
+        Vector const outStrides = region.getExtent().getStrides();
+        for (long long z = inside.min.z; z <= inside.max.z; ++z)
+            for (long long y = inside.min.y; y <= inside.max.y; ++y)
+            {
+                long long const partStart = (z - part.min.z) * partStrides.z + (y - part.min.y) * partStrides.y +
+                                            (inside.min.x - part.min.x);
+                long long const outStart = (z - region.min.z) * outStrides.z + (y - region.min.y) * outStrides.y +
+                                           (inside.min.x - region.min.x);
+                for (std::size_t k = 0; k < planes.size(); ++k)
+                    rowPlanes[k] = planes[k] + partStart;
+                processRow(rowPlanes.data(), out + outStart, inside.getExtent().x, values);
+            }
+    };
 
-    PositionIterator positions(region.getExtent(), imageRegion.translated(region.min * -1));
-    long long index = 0;
-    while (positions.next(index))
-    {
-        for (std::size_t k = 0; k < planes.size(); ++k)
-            values[k] = planes[k][index];
-        out[index] = processPixel(values);
-    }
+    // The whole region is read, though only imageRegion is processed.
+    processPart(region);
 }
 
 void PixelProcessingFilter::openRegion(double* out, long long level, Box const& box)

@@ -50,6 +50,13 @@ public:
     virtual void openRegionInImage(double* out, long long level, Box const& region, Box const& imageRegion);
 
 protected:
+    /// Computes `count` consecutive voxels of one row: out[i] = processPixel(values) with
+    /// values[k] = planes[k][i], in order of i. `values` holds one entry per selected channel; it is
+    /// the caller's, so that a row costs no allocation. openRegionInImage calls it for every row of
+    /// the image region. A subclass may override it to compute the same values faster.
+    virtual void processRow(double const* const* planes, double* out, long long count,
+                            std::vector<double>& values) const;
+
     std::uint64_t hashCounter = 0;
 
 private:

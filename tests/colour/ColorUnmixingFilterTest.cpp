@@ -242,6 +242,79 @@ TEST(ColorUnmixingFilter, TilesOnSeveralThreadsAgreeWithOneLargeRequest)
     EXPECT_TRUE(NuvekTest::sameBits(whole, NuvekTest::openTiled(filter, 0, box, {5, 30, 59}, {-1, 20, 44}, 4), box));
 }
 
+// Rows are computed a block of voxels at a time: rows longer than a block, blocks cut short at the
+// image's edge, weights of every kind and fewer weights than channels.
+TEST(ColorUnmixingFilter, LongRowsMatchTheReferenceForAnyWeights)
+{
+    std::mt19937_64 random(105);
+    Vector const extent(700, 3, 2);
+    std::vector<double> values(static_cast<std::size_t>(extent.prod() * 3));
+    for (double& value : values)
+        value = randomChannelValue(random);
+    Nuvek::MemoryImage image(extent, 3, values);
+    image.setChannelNames(rgb);
+    ChannelBank bank(&image);
+    ColorUnmixingFilter filter(&bank, {"B", "R", "G"});
+    std::uniform_real_distribution<double> weight(-3.0, 3.0);
+    Box const box(Vector(-5, -1, 0), Vector(699, 2, 1));
+    std::vector<double> const all = openWhole(image, 0, box);
+    std::vector<std::vector<double>> planes;
+    for (long long channel : {2, 0, 1})
+        planes.emplace_back(all.begin() + channel * box.getSize(), all.begin() + (channel + 1) * box.getSize());
+    for (int round = 0; round < 8; ++round)
+    {
+        std::vector<double> weights{weight(random), weight(random), weight(random)};
+        if (round == 5)
+            weights = {INFINITY, 0.5, -1.0};
+        if (round == 6)
+            weights = {0.5, std::nan(""), 1.0};
+        weights.resize(static_cast<std::size_t>(3 - round % 4));
+        filter.reinit(weights);
+        std::vector<double> const expected =
+            NuvekReference::processRegion(planes, box, extent, [&weights](std::vector<double> const& v) {
+                return NuvekReference::unmix(v, weights);
+            });
+        EXPECT_TRUE(NuvekTest::sameBits(expected, openWhole(filter, 0, box), box, "round " + std::to_string(round)));
+    }
+}
+
+namespace {
+
+// A subclass with a processPixel of its own: the rows must call it rather than compute unmixing.
+class HalvingUnmixingFilter : public ColorUnmixingFilter
+{
+public:
+    using ColorUnmixingFilter::ColorUnmixingFilter;
+
+    double processPixel(std::vector<double> const& values) const override
+    {
+        return ColorUnmixingFilter::processPixel(values) * 0.5 - 1.0;
+    }
+};
+
+} // namespace
+
+TEST(ColorUnmixingFilter, SubclassProcessPixelIsCalledForEveryVoxel)
+{
+    std::mt19937_64 random(106);
+    Vector const extent(300, 2, 1);
+    std::vector<double> values(static_cast<std::size_t>(extent.prod() * 3));
+    for (double& value : values)
+        value = randomChannelValue(random);
+    Nuvek::MemoryImage image(extent, 3, values);
+    image.setChannelNames(rgb);
+    ChannelBank bank(&image);
+    HalvingUnmixingFilter halving(&bank, rgb);
+    ColorUnmixingFilter plain(&bank, rgb);
+    halving.reinit({0.7, -0.2, 1.1});
+    plain.reinit({0.7, -0.2, 1.1});
+    Box const box(extent);
+    std::vector<double> const halved = openWhole(halving, 0, box);
+    std::vector<double> const unmixed = openWhole(plain, 0, box);
+    for (std::size_t i = 0; i < halved.size(); ++i)
+        ASSERT_EQ(NuvekTest::bitsOf(halved[i]), NuvekTest::bitsOf(unmixed[i] * 0.5 - 1.0)) << i;
+}
+
 TEST(ColorUnmixingFilter, MatrixOfOrthonormalDensitiesIsTheIdentityAndOfNoDensityNaN)
 {
     Matrix const matrix =
