@@ -85,8 +85,8 @@ void PixelProcessingFilter::openRegionInImage(double* out, long long level, Box 
 {
     std::vector<double> values(channelNames.size());
     std::vector<double const*> rowPlanes(channelNames.size());
-    // Reads the selected channels of part and processes the voxels of imageRegion within it, row by
-    // row, x fastest, then y, then z.
+    // Reads the selected channels of part (whole rows of region) and processes the voxels of
+    // imageRegion within it, row by row, x fastest, then y, then z.
     auto const processPart = [&](Box const& part) {
         std::unique_ptr<Buffer<double> const> const channels = channelBank->openRegion(channelNames, part, level);
         Box const inside = part.intersected(imageRegion);
@@ -108,8 +108,26 @@ void PixelProcessingFilter::openRegionInImage(double* out, long long level, Box 
             }
     };
 
-    // The whole region is read, though only imageRegion is processed.
-    processPart(region);
+    // The whole region is read, though only imageRegion is processed: in one request, or for large
+    // regions in strips of tile rows, one slice at a time (see the header).
+    long long const numChannels = static_cast<long long>(channelNames.size());
+    long long const width = region.getExtent().x;
+    if (region.getSize() * numChannels <= largeRequestValues)
+    {
+        processPart(region);
+        return;
+    }
+    long long const tileRows = std::max(1LL, channelBank->getImage()->getTileExtent().y);
+    long long const stripRows = tileRows * std::max(1LL, largeRequestValues / (width * numChannels * tileRows));
+    for (long long z = region.min.z; z <= region.max.z; ++z)
+        for (long long y = region.min.y; y <= region.max.y;)
+        {
+            // The last row of the strip of the grid of stripRows rows that holds y.
+            long long const gridStart = y >= 0 ? y / stripRows * stripRows : -((-y - 1) / stripRows + 1) * stripRows;
+            long long const last = std::min(region.max.y, gridStart + stripRows - 1);
+            processPart(Box(Vector(region.min.x, y, z), Vector(region.max.x, last, z)));
+            y = last + 1;
+        }
 }
 
 void PixelProcessingFilter::openRegion(double* out, long long level, Box const& box)

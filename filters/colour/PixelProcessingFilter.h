@@ -18,10 +18,18 @@ void fillBuffer(double* out, Vector const& extent, long long numChannels, double
 ///
 /// A subclass supplies processPixel, which receives the values of the selected channels in the order
 /// of the selection, and the name of its one output channel. The filter reads the selected channels
-/// for the requested box at the requested level, in one request to the bank, and calls processPixel
-/// for every voxel of the box that lies inside the image, x fastest, then y, then z. Voxels of the box
-/// outside the image are 0.0 and never reach processPixel. Extent, levels, value range and voxel size
-/// are those of the bank's image.
+/// for the whole requested box at the requested level, in one request to the bank, and calls
+/// processPixel for every voxel of the box that lies inside the image, x fastest, then y, then z.
+/// Voxels of the box outside the image are 0.0 and never reach processPixel. Extent, levels, value
+/// range and voxel size are those of the bank's image.
+///
+/// A box whose selected channels would take more than largeRequestValues values (16 MiB) is read in
+/// strips instead: whole rows of the box, one slice at a time, each strip whole rows of the bank
+/// image's tiles (getTileExtent().y rows, or as many of them as fit). That bounds the memory a large
+/// request takes, and a tiled source decodes each tile once. The voxels are processed in the same
+/// order, with the same values wherever the image's values do not depend on the box asked for.
+/// That holds for the sources and most filters of the library; the box filter's running sums round
+/// differently in the last bits, and the radial symmetry filter clips its votes to the box.
 ///
 /// getHash counts changes: it starts at 0 and rises by one on a call that finds the stamp of any
 /// selected channel changed since the last call, however many changed. Subclasses raise hashCounter
@@ -58,6 +66,10 @@ protected:
                             std::vector<double>& values) const;
 
     std::uint64_t hashCounter = 0;
+
+    /// Requests whose selected channels hold more values than this (16 MiB of them) are read in
+    /// strips; see openRegionInImage.
+    static constexpr long long largeRequestValues = 1LL << 21;
 
 private:
     ChannelBank* channelBank;

@@ -249,3 +249,62 @@ TEST(PixelProcessingFilter, HashRisesOncePerChangeHoweverManyChannelsChanged)
     none.raiseHash();
     EXPECT_EQ(none.getHash(), 1u);
 }
+
+namespace {
+
+// Records the first selected value of every voxel it processes, in the order processed.
+class OrderFilter : public FoldFilter
+{
+public:
+    using FoldFilter::FoldFilter;
+
+    double processPixel(std::vector<double> const& values) const override
+    {
+        order.push_back(values[0]);
+        return FoldFilter::processPixel(values);
+    }
+
+    mutable std::vector<double> order;
+};
+
+} // namespace
+
+// A request whose channels would need more than 2^21 values is read in strips of whole rows of the
+// image's 256-row tiles, one slice at a time; nothing else changes.
+TEST(PixelProcessingFilter, LargeRequestsAreReadInStripsOfTileRows)
+{
+    std::mt19937_64 random(97);
+    Vector const extent(800, 700, 2);
+    auto image = rgbaImage(random, extent);
+    // Red holds each voxel's index in the image, so that the order of processing shows.
+    std::vector<double> values = image->getValues();
+    for (long long i = 0; i < extent.prod(); ++i)
+        values[static_cast<std::size_t>(i)] = static_cast<double>(i);
+    image->setValues(values);
+    NuvekTest::RecordingImage recording(image);
+    ChannelBank bank(&recording);
+    OrderFilter filter(&bank, {"Red", "Alpha", "Green", "Blue"});
+
+    // 804 x 706 x 2 voxels of 4 channels; 2^21 values hold two tile rows of 804 x 256.
+    Box const box(Vector(-3, -5, 0), Vector(800, 700, 1));
+    std::vector<double> const actual = openWhole(filter, 0, box);
+    std::vector<double> const expected = NuvekReference::processRegion(
+        selectedPlanes(*image, 0, box, {"Red", "Alpha", "Green", "Blue"}), box, extent, fold);
+    EXPECT_TRUE(NuvekTest::sameBits(expected, actual, box));
+
+    std::vector<Box> strips;
+    for (NuvekTest::Request const& request : recording.requests())
+    {
+        EXPECT_EQ(request.level, 0);
+        strips.push_back(request.box);
+    }
+    std::vector<Box> expectedStrips;
+    for (long long z = 0; z <= 1; ++z)
+        for (auto const& rows : {std::pair<long long, long long>{-5, -1}, {0, 511}, {512, 700}})
+            expectedStrips.emplace_back(Vector(-3, rows.first, z), Vector(800, rows.second, z));
+    EXPECT_EQ(strips, expectedStrips);
+
+    ASSERT_EQ(static_cast<long long>(filter.order.size()), extent.prod());
+    for (std::size_t i = 0; i < filter.order.size(); ++i)
+        ASSERT_EQ(filter.order[i], static_cast<double>(i)) << "voxel " << i << " processed out of order";
+}
