@@ -72,6 +72,17 @@ double randomChannelValue(std::mt19937_64& random)
     }
 }
 
+// An image of three channels named R, G and B, of random channel values.
+Nuvek::MemoryImage randomColourImage(std::mt19937_64& random, Vector const& extent)
+{
+    std::vector<double> values(static_cast<std::size_t>(extent.prod() * 3));
+    for (double& value : values)
+        value = randomChannelValue(random);
+    Nuvek::MemoryImage image(extent, 3, values);
+    image.setChannelNames(rgb);
+    return image;
+}
+
 std::string messageOfChannelName(ColorUnmixingFilter& filter, long long index)
 {
     try
@@ -229,11 +240,7 @@ TEST(ColorUnmixingFilter, TilesOnSeveralThreadsAgreeWithOneLargeRequest)
 {
     std::mt19937_64 random(103);
     Vector const extent(61, 47, 1);
-    std::vector<double> values(static_cast<std::size_t>(extent.prod() * 3));
-    for (double& value : values)
-        value = randomChannelValue(random);
-    Nuvek::MemoryImage image(extent, 3, values);
-    image.setChannelNames(rgb);
+    Nuvek::MemoryImage image = randomColourImage(random, extent);
     ChannelBank bank(&image);
     ColorUnmixingFilter filter(&bank, {"G", "R"});
     filter.reinit({0.4, 1.3});
@@ -248,11 +255,7 @@ TEST(ColorUnmixingFilter, LongRowsMatchTheReferenceForAnyWeights)
 {
     std::mt19937_64 random(105);
     Vector const extent(700, 3, 2);
-    std::vector<double> values(static_cast<std::size_t>(extent.prod() * 3));
-    for (double& value : values)
-        value = randomChannelValue(random);
-    Nuvek::MemoryImage image(extent, 3, values);
-    image.setChannelNames(rgb);
+    Nuvek::MemoryImage image = randomColourImage(random, extent);
     ChannelBank bank(&image);
     ColorUnmixingFilter filter(&bank, {"B", "R", "G"});
     std::uniform_real_distribution<double> weight(-3.0, 3.0);
@@ -298,11 +301,7 @@ TEST(ColorUnmixingFilter, SubclassProcessPixelIsCalledForEveryVoxel)
 {
     std::mt19937_64 random(106);
     Vector const extent(300, 2, 1);
-    std::vector<double> values(static_cast<std::size_t>(extent.prod() * 3));
-    for (double& value : values)
-        value = randomChannelValue(random);
-    Nuvek::MemoryImage image(extent, 3, values);
-    image.setChannelNames(rgb);
+    Nuvek::MemoryImage image = randomColourImage(random, extent);
     ChannelBank bank(&image);
     HalvingUnmixingFilter halving(&bank, rgb);
     ColorUnmixingFilter plain(&bank, rgb);
