@@ -118,7 +118,8 @@ void PixelProcessingFilter::openRegionInImage(double* out, long long level, Box 
         return;
     }
     long long const tileRows = std::max(1LL, channelBank->getImage()->getTileExtent().y);
-    long long const stripRows = tileRows * std::max(1LL, largeRequestValues / (width * numChannels * tileRows));
+    // Divided one factor at a time: the product of the width, channels and tile rows may not fit.
+    long long const stripRows = tileRows * std::max(1LL, largeRequestValues / (width * numChannels) / tileRows);
     for (long long z = region.min.z; z <= region.max.z; ++z)
         for (long long y = region.min.y; y <= region.max.y;)
         {
