@@ -1,20 +1,18 @@
 #include <nuvek/filters/neighbourhood/LocalNormalizationFilter.h>
 
+#include <nuvek/filters/framework/BilinearRowPair.h>
+#include <nuvek/filters/framework/CacheTrim.h>
+
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <stdexcept>
 
 namespace Nuvek {
 
 namespace {
 
+// Between calls the cache holds at most this many values.
 constexpr std::size_t retainedCacheValues = 100000;
-
-long long clampTo(long long value, long long low, long long high)
-{
-    return value < low ? low : (value > high ? high : value);
-}
 
 // Conversion toward zero, refusing values whose box corners would not fit a 64-bit coordinate.
 long long truncated(double value)
@@ -24,41 +22,6 @@ long long truncated(double value)
         throw std::runtime_error(
             "LocalNormalizationFilter: the background box lies beyond the range of 64-bit coordinates.");
     return static_cast<long long>(value);
-}
-
-// Cuts the cache back when a call ends, also when the input throws.
-class CacheTrim
-{
-public:
-    explicit CacheTrim(std::vector<double>& cache) : cache(cache) {}
-    CacheTrim(CacheTrim const&) = delete;
-    CacheTrim& operator=(CacheTrim const&) = delete;
-    ~CacheTrim()
-    {
-        if (cache.size() > retainedCacheValues)
-            cache.resize(retainedCacheValues);
-    }
-
-private:
-    std::vector<double>& cache;
-};
-
-// Where one output coordinate falls between two background voxels: the lower and upper index,
-// clamped into the background box, and the weight of the upper one.
-struct Between
-{
-    long long low;
-    long long high;
-    double weight;
-};
-
-Between locate(long long position, double f, long long first, long long last)
-{
-    double const scaled = static_cast<double>(position) / f;
-    long long const below = static_cast<long long>(std::floor(scaled - 0.5));
-    long long const low = clampTo(below, first, last);
-    long long const high = clampTo(below + 1, first, last);
-    return {low, high, scaled - (static_cast<double>(low) + 0.5)};
 }
 
 struct Normalization
@@ -73,23 +36,8 @@ struct Geometry
 {
     Box backgroundBox;
     Vector backgroundExtent;
-    std::vector<long long> firstColumn;
-    std::vector<long long> secondColumn;
-    std::vector<double> weight;
-    std::vector<double> complement;
+    BilinearColumns columns;
 };
-
-// One background row interpolated along x for every output column: wx P(x1) + (1 - wx) P(x0).
-void interpolateRowAlongX(double const* backgroundRow, Geometry const& geometry, double* target)
-{
-    std::size_t const width = geometry.weight.size();
-    long long const* first = geometry.firstColumn.data();
-    long long const* second = geometry.secondColumn.data();
-    double const* weight = geometry.weight.data();
-    double const* complement = geometry.complement.data();
-    for (std::size_t i = 0; i < width; ++i)
-        target[i] = weight[i] * backgroundRow[second[i]] + complement[i] * backgroundRow[first[i]];
-}
 
 // Pass for f >= 2, where every background row serves two or more output rows: each needed row is
 // interpolated along x once, into one of two slots, and the output rows mix their two rows.
@@ -102,8 +50,7 @@ void normalizeSharingRows(double* out, Box const& box, double f, std::vector<dou
     long long const slice = backgroundExtent.x * backgroundExtent.y;
     long long const channelSize = slice * backgroundExtent.z;
     std::size_t const width = static_cast<std::size_t>(boxExtent.x);
-    std::vector<double> rows[2] = {std::vector<double>(width), std::vector<double>(width)};
-    long long held[2];
+    BilinearRowPair rows(geometry.columns);
 
     double* target = out;
     for (long long c = 0; c < numChannels; ++c)
@@ -116,20 +63,13 @@ void normalizeSharingRows(double* out, Box const& box, double f, std::vector<dou
                 continue;
             }
             double const* plane = cache.data() + c * channelSize + backgroundSlice * slice;
-            held[0] = held[1] = std::numeric_limits<long long>::min();
-            auto rowOf = [&](long long row, long long keep) -> double const* {
-                for (int slot = 0; slot < 2; ++slot)
-                    if (held[slot] == row)
-                        return rows[slot].data();
-                int const slot = held[0] == keep ? 1 : 0;
-                interpolateRowAlongX(plane + (row - background.min.y) * backgroundExtent.x, geometry,
-                                     rows[slot].data());
-                held[slot] = row;
-                return rows[slot].data();
+            rows.reset();
+            auto rowOf = [&](long long row, long long keep) {
+                return rows.get(row, plane + (row - background.min.y) * backgroundExtent.x, keep);
             };
             for (long long y = box.min.y; y <= box.max.y; ++y)
             {
-                Between const along = locate(y, f, background.min.y, background.max.y);
+                Between const along(y, f, background.min.y, background.max.y);
                 double const wy = along.weight;
                 double const complement = 1 - wy;
                 double const* lower = rowOf(along.low, along.high);
@@ -155,6 +95,7 @@ void normalizePerVoxel(double* out, Box const& box, double f, std::vector<double
     long long const slice = backgroundExtent.x * backgroundExtent.y;
     long long const channelSize = slice * backgroundExtent.z;
     std::size_t const width = static_cast<std::size_t>(boxExtent.x);
+    BilinearColumns const& columns = geometry.columns;
 
     double* target = out;
     for (long long c = 0; c < numChannels; ++c)
@@ -169,18 +110,18 @@ void normalizePerVoxel(double* out, Box const& box, double f, std::vector<double
             double const* plane = cache.data() + c * channelSize + backgroundSlice * slice;
             for (long long y = box.min.y; y <= box.max.y; ++y)
             {
-                Between const along = locate(y, f, background.min.y, background.max.y);
+                Between const along(y, f, background.min.y, background.max.y);
                 double const wy = along.weight;
                 double const complement = 1 - wy;
                 double const* lower = plane + (along.low - background.min.y) * backgroundExtent.x;
                 double const* upper = plane + (along.high - background.min.y) * backgroundExtent.x;
                 for (std::size_t i = 0; i < width; ++i)
                 {
-                    long long const x0 = geometry.firstColumn[i];
-                    long long const x1 = geometry.secondColumn[i];
-                    double const wx = geometry.weight[i];
-                    double const b = (wx * upper[x1] + geometry.complement[i] * upper[x0]) * wy +
-                                     (wx * lower[x1] + geometry.complement[i] * lower[x0]) * complement;
+                    long long const x0 = columns.low[i];
+                    long long const x1 = columns.high[i];
+                    double const wx = columns.weight[i];
+                    double const b = (wx * upper[x1] + columns.complement[i] * upper[x0]) * wy +
+                                     (wx * lower[x1] + columns.complement[i] * lower[x0]) * complement;
                     target[i] = (target[i] - b + normalization.rangeWidth) * 0.5 + normalization.rangeMin;
                 }
                 target += boxExtent.x;
@@ -211,14 +152,15 @@ void LocalNormalizationFilter::openRegion(double* out, long long level, Box cons
                             truncated(static_cast<double>(box.min.y) / f) - 1, box.min.z),
                      Vector(truncated(static_cast<double>(box.max.x) / f) + 1,
                             truncated(static_cast<double>(box.max.y) / f) + 1, box.max.z));
-    Geometry geometry;
-    geometry.backgroundBox = wanted.intersected(Box(input->getExtent(backgroundLevel)));
-    if (geometry.backgroundBox.isEmpty())
+    Box const backgroundBox = wanted.intersected(Box(input->getExtent(backgroundLevel)));
+    if (backgroundBox.isEmpty())
         return;
-    geometry.backgroundExtent = geometry.backgroundBox.getExtent();
+    // Columns depend on x only: worked out once per call.
+    Geometry const geometry{backgroundBox, backgroundBox.getExtent(),
+                            BilinearColumns(box.min.x, box.max.x, f, backgroundBox.min.x, backgroundBox.max.x)};
 
-    CacheTrim trim(cache);
-    std::size_t const needed = static_cast<std::size_t>(geometry.backgroundBox.getSize() * numChannels);
+    CacheTrim trim(cache, retainedCacheValues);
+    std::size_t const needed = static_cast<std::size_t>(backgroundBox.getSize() * numChannels);
     if (cache.size() < needed)
         cache.resize(needed);
     ValueRange<double> const range = input->getValueRange();
@@ -226,17 +168,7 @@ void LocalNormalizationFilter::openRegion(double* out, long long level, Box cons
     // Zeroed like any work buffer, so that an input which leaves voxels unwritten cannot leak values
     // of an earlier request into this one.
     std::fill(cache.begin(), cache.begin() + static_cast<std::ptrdiff_t>(needed), 0.0);
-    input->openRegion(cache.data(), backgroundLevel, geometry.backgroundBox);
-
-    // Columns depend on x only: worked out once per call.
-    for (long long x = box.min.x; x <= box.max.x; ++x)
-    {
-        Between const along = locate(x, f, geometry.backgroundBox.min.x, geometry.backgroundBox.max.x);
-        geometry.firstColumn.push_back(along.low - geometry.backgroundBox.min.x);
-        geometry.secondColumn.push_back(along.high - geometry.backgroundBox.min.x);
-        geometry.weight.push_back(along.weight);
-        geometry.complement.push_back(1 - along.weight);
-    }
+    input->openRegion(cache.data(), backgroundLevel, backgroundBox);
 
     // Both passes give the same bits; sharing rows pays only when rows repeat.
     if (f >= 2.0)

@@ -1,17 +1,18 @@
 #include <nuvek/filters/resolution/UpsampleFilter.h>
 
 #include <nuvek/core/LockGuard.h>
+#include <nuvek/filters/framework/BilinearRowPair.h>
+#include <nuvek/filters/framework/CacheTrim.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
-#include <limits>
 #include <stdexcept>
 
 namespace Nuvek {
 
 namespace {
 
+// Between calls the cache holds at most this many values.
 constexpr std::size_t retainedCacheValues = 100000;
 
 long long clampTo(long long value, long long low, long long high)
@@ -25,81 +26,6 @@ double scaleFor(long long levelDifference)
     std::uint32_t const power = std::uint32_t{1} << (static_cast<std::uint32_t>(levelDifference) & 31u);
     return static_cast<double>(static_cast<std::int32_t>(power));
 }
-
-// Cuts the cache back when a call ends, also when the input throws, so that between calls it never
-// holds more than retainedCacheValues values.
-class CacheTrim
-{
-public:
-    explicit CacheTrim(std::vector<double>& cache) : cache(cache) {}
-    CacheTrim(CacheTrim const&) = delete;
-    CacheTrim& operator=(CacheTrim const&) = delete;
-    ~CacheTrim()
-    {
-        if (cache.size() > retainedCacheValues)
-            cache.resize(retainedCacheValues);
-    }
-
-private:
-    std::vector<double>& cache;
-};
-
-// Per output column of the bilinear path: the two source columns (as offsets in a cache row) and
-// the weight of the second. These depend on x only, so they are worked out once per call.
-struct BilinearColumns
-{
-    std::vector<long long> first;
-    std::vector<long long> second;
-    std::vector<double> weight;
-    std::vector<double> complement;
-};
-
-// One source row interpolated along x for every output column: wx * P(x1) + (1 - wx) * P(x0), the
-// inner bracket of the bilinear formula. Every output row that reads this source row reuses it.
-void interpolateRowAlongX(double const* sourceRow, BilinearColumns const& columns, double* target)
-{
-    std::size_t const width = columns.weight.size();
-    long long const* first = columns.first.data();
-    long long const* second = columns.second.data();
-    double const* weight = columns.weight.data();
-    double const* complement = columns.complement.data();
-    for (std::size_t i = 0; i < width; ++i)
-        target[i] = weight[i] * sourceRow[second[i]] + complement[i] * sourceRow[first[i]];
-}
-
-// Two source rows interpolated along x, kept by source row index: consecutive output rows read the
-// same or the next source rows, so two slots serve them all.
-class RowPair
-{
-public:
-    RowPair(std::size_t width, BilinearColumns const& columns)
-        : columns(columns), rows{std::vector<double>(width), std::vector<double>(width)}
-    {
-    }
-
-    void reset()
-    {
-        held[0] = held[1] = none;
-    }
-
-    // The interpolated row `row`, computing it from sourceRow when not held; never evicts `keep`.
-    double const* get(long long row, double const* sourceRow, long long keep)
-    {
-        for (int slot = 0; slot < 2; ++slot)
-            if (held[slot] == row)
-                return rows[slot].data();
-        int const slot = held[0] == keep ? 1 : 0;
-        interpolateRowAlongX(sourceRow, columns, rows[slot].data());
-        held[slot] = row;
-        return rows[slot].data();
-    }
-
-private:
-    static constexpr long long none = std::numeric_limits<long long>::min();
-    BilinearColumns const& columns;
-    std::vector<double> rows[2];
-    long long held[2] = {none, none};
-};
 
 } // namespace
 
@@ -148,7 +74,7 @@ void UpsampleFilter::openRegion(double* out, long long level, Box const& box)
         throw std::runtime_error("UpsampleFilter: cannot upsample by 31 or more levels.");
 
     LockGuard guard(lock);
-    CacheTrim trim(cache);
+    CacheTrim trim(cache, retainedCacheValues);
     if (interpolation == Bilinear)
         openRegionBilinear(out, level, box);
     else if (interpolation == NearestNeighbor)
@@ -209,20 +135,8 @@ void UpsampleFilter::openRegionBilinear(double* out, long long level, Box const&
     long long const slice = sourceExtent.x * sourceExtent.y;
     long long const channelSize = slice * sourceExtent.z;
 
-    BilinearColumns columns;
-    for (long long x = box.min.x; x <= box.max.x; ++x)
-    {
-        double const fx = static_cast<double>(x) / scale;
-        long long const below = static_cast<long long>(std::floor(fx - 0.5));
-        long long const x0 = clampTo(below, sourceBox.min.x, sourceBox.max.x);
-        long long const x1 = clampTo(below + 1, sourceBox.min.x, sourceBox.max.x);
-        double const wx = fx - (static_cast<double>(x0) + 0.5);
-        columns.first.push_back(x0 - sourceBox.min.x);
-        columns.second.push_back(x1 - sourceBox.min.x);
-        columns.weight.push_back(wx);
-        columns.complement.push_back(1 - wx);
-    }
-    RowPair rows(static_cast<std::size_t>(boxExtent.x), columns);
+    BilinearColumns const columns(box.min.x, box.max.x, scale, sourceBox.min.x, sourceBox.max.x);
+    BilinearRowPair rows(columns);
 
     double* target = out;
     for (long long c = 0; c < numChannels; ++c)
@@ -238,11 +152,10 @@ void UpsampleFilter::openRegionBilinear(double* out, long long level, Box const&
             rows.reset();
             for (long long y = box.min.y; y <= box.max.y; ++y)
             {
-                double const fy = static_cast<double>(y) / scale;
-                long long const below = static_cast<long long>(std::floor(fy - 0.5));
-                long long const y0 = clampTo(below, sourceBox.min.y, sourceBox.max.y);
-                long long const y1 = clampTo(below + 1, sourceBox.min.y, sourceBox.max.y);
-                double const wy = fy - (static_cast<double>(y0) + 0.5);
+                Between const along(y, scale, sourceBox.min.y, sourceBox.max.y);
+                long long const y0 = along.low;
+                long long const y1 = along.high;
+                double const wy = along.weight;
                 double const complement = 1 - wy;
                 double const* lower =
                     rows.get(y0, planeOfSlice + (y0 - sourceBox.min.y) * sourceExtent.x, y1);
