@@ -3,6 +3,7 @@
 #include <nuvek/filters/colour/ColorUnmixingFilter.h>
 
 #include "reference/ColourReference.h"
+#include "support/Messages.h"
 #include "support/RandomImages.h"
 #include "support/RecordingImage.h"
 #include "support/Tiling.h"
@@ -85,15 +86,7 @@ Nuvek::MemoryImage randomColourImage(std::mt19937_64& random, Vector const& exte
 
 std::string messageOfChannelName(ColorUnmixingFilter& filter, long long index)
 {
-    try
-    {
-        filter.getChannelName(index);
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "(nothing thrown)";
+    return NuvekTest::messageOf([&] { filter.getChannelName(index); });
 }
 
 } // namespace

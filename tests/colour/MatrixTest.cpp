@@ -1,6 +1,7 @@
 #include <nuvek/filters/colour/Matrix.h>
 
 #include "reference/ColourReference.h"
+#include "support/Messages.h"
 #include "support/VoxelCompare.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +18,7 @@ using Nuvek::invertMatrix;
 using Nuvek::multMatrix;
 using Nuvek::transposeMatrix;
 using Matrix = std::vector<std::vector<double>>;
+using NuvekTest::messageOf;
 
 namespace {
 
@@ -64,20 +66,6 @@ Matrix randomMatrix(std::mt19937_64& random, std::size_t rows, std::size_t colum
             value = kind == 0 ? std::nan("") : kind == 1 ? INFINITY : kind == 2 ? -INFINITY : uniform(random);
         }
     return m;
-}
-
-template <typename Function>
-std::string messageOf(Function const& function)
-{
-    try
-    {
-        function();
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "(nothing thrown)";
 }
 
 } // namespace

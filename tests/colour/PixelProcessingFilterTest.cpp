@@ -3,6 +3,7 @@
 #include <nuvek/filters/colour/PixelProcessingFilter.h>
 
 #include "reference/ColourReference.h"
+#include "support/Messages.h"
 #include "support/RandomImages.h"
 #include "support/RecordingImage.h"
 #include "support/Tiling.h"
@@ -74,15 +75,7 @@ std::vector<std::vector<double>> selectedPlanes(Nuvek::Image& image, long long l
 
 std::string messageOfConstruction(ChannelBank* bank, std::vector<std::string> const& names)
 {
-    try
-    {
-        FoldFilter filter(bank, names);
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "(nothing thrown)";
+    return NuvekTest::messageOf([&] { FoldFilter filter(bank, names); });
 }
 
 } // namespace

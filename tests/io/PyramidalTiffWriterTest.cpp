@@ -4,6 +4,7 @@
 #include <nuvek/io/TiffImage.h>
 
 #include "TiffFiles.h"
+#include "support/Messages.h"
 #include "support/RandomImages.h"
 #include "support/RecordingImage.h"
 #include "support/Tiling.h"
@@ -25,6 +26,7 @@ using Nuvek::TiffImage;
 using Nuvek::TiffSampleType;
 using Nuvek::Vector;
 using Nuvek::writePyramidalTiff;
+using NuvekTest::messageOf;
 
 namespace {
 
@@ -102,19 +104,6 @@ private:
     int failingCall;
     std::atomic<int> calls{0};
 };
-
-std::string messageOf(std::function<void()> const& action)
-{
-    try
-    {
-        action();
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "no exception";
-}
 
 } // namespace
 
@@ -351,7 +340,7 @@ TEST(PyramidalTiffWriter, BadOptionsAreRejectedBeforeAnythingIsWritten)
               "writePyramidalTiff: the value range must be finite with max > min to map onto integer samples");
     // Float samples are stored unscaled, so any range will do.
     options.sampleType = TiffSampleType::Float32;
-    EXPECT_EQ(write(options), "no exception");
+    EXPECT_EQ(write(options), "(nothing thrown)");
     EXPECT_EQ(directory.files(), std::vector<std::string>{"out.tif"});
 
     MemoryImage empty(Vector(0, 5, 1), 1);

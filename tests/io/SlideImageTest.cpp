@@ -2,6 +2,7 @@
 #include <nuvek/io/TiffImage.h>
 
 #include "TiffFiles.h"
+#include "support/Messages.h"
 #include "support/RandomImages.h"
 #include "support/Tiling.h"
 #include "support/VoxelCompare.h"
@@ -38,15 +39,7 @@ TiffLayout slideLayout(std::vector<PageShape> pages)
 
 std::string messageOf(std::string const& path)
 {
-    try
-    {
-        SlideImage slide(path);
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "no exception";
+    return NuvekTest::messageOf([&] { SlideImage slide(path); });
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/Messages.h"
 #include "support/VoxelCompare.h"
 
 #include <cmath>
@@ -10,20 +11,6 @@
 #include <vector>
 
 namespace NuvekTest {
-
-/// The what() of the std::runtime_error that action throws, or "(no exception)".
-inline std::string messageOf(std::function<void()> const& action)
-{
-    try
-    {
-        action();
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "(no exception)";
-}
 
 /// sameBits, except that any NaN meets any NaN. Which operand's NaN an addition or multiplication
 /// of two NaNs returns depends on the operand order the compiler picks for a commutative operation,

@@ -3,6 +3,8 @@
 #include <nuvek/filters/pixelwise/DifferenceFilter.h>
 
 #include "reference/PixelwiseBinaryOperatorReference.h"
+#include "support/DeletionProbe.h"
+#include "support/Messages.h"
 #include "support/RandomImages.h"
 #include "support/RecordingImage.h"
 #include "support/Tiling.h"
@@ -22,19 +24,10 @@ using Nuvek::Image;
 using Nuvek::MemoryImage;
 using Nuvek::Vector;
 using NuvekTest::openWhole;
+using NuvekTest::DeletionProbe;
+using NuvekTest::messageOf;
 
 namespace {
-
-// Counts its own destruction; passes everything else through to the image it wraps.
-class DeletionProbe : public Nuvek::Filter
-{
-public:
-    DeletionProbe(Image* image, int& deletions) : Filter(image, false), deletions(deletions) {}
-    ~DeletionProbe() override { ++deletions; }
-
-private:
-    int& deletions;
-};
 
 // The wrapped image with a different extent at every level but 0.
 class OtherCoarseExtent : public Nuvek::Filter
@@ -46,19 +39,6 @@ public:
         return level == 0 ? input->getExtent(0) : input->getExtent(level) + Vector(1, 1, 0);
     }
 };
-
-std::string constructionError(std::function<void()> const& construct)
-{
-    try
-    {
-        construct();
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "no exception";
-}
 
 using Combine = std::function<std::vector<double>(std::vector<double> const&, std::vector<double> const&)>;
 
@@ -87,20 +67,20 @@ TEST(BinaryOperatorFilter, UnequalInputsAreRejectedWithTheDifferenceFilterWordin
     MemoryImage widerTwoChannels(Vector(5, 4, 1), 2);
     std::string const channels = "Cannot instantiate difference filter from images with unequal numbers of channels.";
     std::string const extents = "Cannot instantiate difference filter from images with unequal extents.";
-    EXPECT_EQ(constructionError([&] { DifferenceFilter(&oneChannel, &twoChannels, false); }), channels);
-    EXPECT_EQ(constructionError([&] { AdditionFilter(&oneChannel, &twoChannels, false); }), channels);
-    EXPECT_EQ(constructionError([&] { DifferenceFilter(&oneChannel, &wider, false, false); }), extents);
-    EXPECT_EQ(constructionError([&] { AdditionFilter(&oneChannel, &wider, false, false); }), extents);
+    EXPECT_EQ(messageOf([&] { DifferenceFilter(&oneChannel, &twoChannels, false); }), channels);
+    EXPECT_EQ(messageOf([&] { AdditionFilter(&oneChannel, &twoChannels, false); }), channels);
+    EXPECT_EQ(messageOf([&] { DifferenceFilter(&oneChannel, &wider, false, false); }), extents);
+    EXPECT_EQ(messageOf([&] { AdditionFilter(&oneChannel, &wider, false, false); }), extents);
     // The channel counts are compared first.
-    EXPECT_EQ(constructionError([&] { AdditionFilter(&oneChannel, &widerTwoChannels, false); }), channels);
+    EXPECT_EQ(messageOf([&] { AdditionFilter(&oneChannel, &widerTwoChannels, false); }), channels);
 }
 
 TEST(BinaryOperatorFilter, NullInputsAreRejectedBeforeUse)
 {
     MemoryImage image(Vector(2, 2, 1), 1);
-    EXPECT_EQ(constructionError([&] { DifferenceFilter(nullptr, &image, false); }),
+    EXPECT_EQ(messageOf([&] { DifferenceFilter(nullptr, &image, false); }),
               "Cannot instantiate a filter without an input image.");
-    EXPECT_EQ(constructionError([&] { AdditionFilter(&image, nullptr, false); }),
+    EXPECT_EQ(messageOf([&] { AdditionFilter(&image, nullptr, false); }),
               "Cannot instantiate a filter without a second input image.");
 }
 

@@ -3,6 +3,8 @@
 #include <nuvek/filters/pixelwise/ConcatFilter.h>
 
 #include "reference/PixelwiseChannelReference.h"
+#include "support/DeletionProbe.h"
+#include "support/Messages.h"
 #include "support/RandomImages.h"
 #include "support/RecordingImage.h"
 #include "support/Tiling.h"
@@ -22,21 +24,10 @@ using Nuvek::Image;
 using Nuvek::MemoryImage;
 using Nuvek::Vector;
 using NuvekTest::openWhole;
+using NuvekTest::DeletionProbe;
+using NuvekTest::messageOf;
 
 namespace {
-
-std::string errorOf(std::function<void()> const& action)
-{
-    try
-    {
-        action();
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "no exception";
-}
 
 std::shared_ptr<MemoryImage> namedImage(std::vector<std::string> const& names, Vector const& extent = Vector(3, 2, 1))
 {
@@ -45,16 +36,6 @@ std::shared_ptr<MemoryImage> namedImage(std::vector<std::string> const& names, V
     image->setChannelNames(names);
     return image;
 }
-
-class DeletionProbe : public Nuvek::Filter
-{
-public:
-    DeletionProbe(Image* image, int& deletions) : Filter(image, false), deletions(deletions) {}
-    ~DeletionProbe() override { ++deletions; }
-
-private:
-    int& deletions;
-};
 
 class OtherCoarseExtent : public Nuvek::Filter
 {
@@ -88,10 +69,10 @@ TEST(ChannelFilter, LookupByNameIsExactAndTakesTheLowestIndex)
 TEST(ChannelFilter, UnknownNamesAreRejectedWithTheNameInQuotes)
 {
     auto image = namedImage({"Red", "Green"});
-    EXPECT_EQ(errorOf([&] { ChannelFilter(image.get(), "red", false); }), "No channel named \"red\" found.");
-    EXPECT_EQ(errorOf([&] { ChannelFilter(image.get(), "Red ", false); }), "No channel named \"Red \" found.");
+    EXPECT_EQ(messageOf([&] { ChannelFilter(image.get(), "red", false); }), "No channel named \"red\" found.");
+    EXPECT_EQ(messageOf([&] { ChannelFilter(image.get(), "Red ", false); }), "No channel named \"Red \" found.");
     MemoryImage empty(Vector(2, 2, 1), 0);
-    EXPECT_EQ(errorOf([&] { ChannelFilter(&empty, "", false); }), "No channel named \"\" found.");
+    EXPECT_EQ(messageOf([&] { ChannelFilter(&empty, "", false); }), "No channel named \"\" found.");
 }
 
 TEST(ChannelFilter, ChannelNamesAcceptTheCountAndLookUpIndexMinusFirstChannel)
@@ -101,16 +82,16 @@ TEST(ChannelFilter, ChannelNamesAcceptTheCountAndLookUpIndexMinusFirstChannel)
     EXPECT_EQ(first.getNumChannels(), 1);
     EXPECT_EQ(first.getChannelName(0), "c0");
     EXPECT_EQ(first.getChannelName(1), "c1");
-    EXPECT_EQ(errorOf([&] { first.getChannelName(2); }), invalidIndex);
-    EXPECT_EQ(errorOf([&] { first.getChannelName(-1); }), invalidIndex);
+    EXPECT_EQ(messageOf([&] { first.getChannelName(2); }), invalidIndex);
+    EXPECT_EQ(messageOf([&] { first.getChannelName(-1); }), invalidIndex);
 
     ChannelFilter block(image.get(), 1, 2, false);
     EXPECT_EQ(block.getNumChannels(), 2);
     EXPECT_EQ(block.getChannelName(1), "c0");
     EXPECT_EQ(block.getChannelName(2), "c1");
-    EXPECT_EQ(errorOf([&] { block.getChannelName(3); }), invalidIndex);
+    EXPECT_EQ(messageOf([&] { block.getChannelName(3); }), invalidIndex);
     // Index 0 asks the input for channel -1, which it rejects itself.
-    EXPECT_EQ(errorOf([&] { block.getChannelName(0); }), invalidIndex);
+    EXPECT_EQ(messageOf([&] { block.getChannelName(0); }), invalidIndex);
 }
 
 TEST(ChannelFilter, SelectionsMatchReferenceOnRandomBoxesAndForwardTheRequest)
@@ -165,13 +146,13 @@ TEST(ChannelFilter, SelectionsBeyondTheInputAreRejectedWhenOpenedNotBuilt)
     auto source = std::make_shared<MemoryImage>(Vector(4, 4, 1), 3);
     Box const box(Vector(2, 2, 1));
     ChannelFilter pastTheEnd(source.get(), 3LL, false);
-    EXPECT_EQ(errorOf([&] { openWhole(pastTheEnd, 0, box); }),
+    EXPECT_EQ(messageOf([&] { openWhole(pastTheEnd, 0, box); }),
               "Cannot select 1 channels from index 3 of an input with 3 channels.");
     ChannelFilter tooMany(source.get(), 1, 3, false);
-    EXPECT_EQ(errorOf([&] { openWhole(tooMany, 0, box); }),
+    EXPECT_EQ(messageOf([&] { openWhole(tooMany, 0, box); }),
               "Cannot select 3 channels from index 1 of an input with 3 channels.");
     ChannelFilter negative(source.get(), -1LL, false);
-    EXPECT_EQ(errorOf([&] { openWhole(negative, 0, box); }),
+    EXPECT_EQ(messageOf([&] { openWhole(negative, 0, box); }),
               "Cannot select 1 channels from index -1 of an input with 3 channels.");
 }
 
@@ -213,8 +194,8 @@ TEST(ConcatFilter, ChannelsFollowTheInputsByDataAndByName)
     EXPECT_EQ(filter.getChannelName(0), "a");
     EXPECT_EQ(filter.getChannelName(1), "b");
     EXPECT_EQ(filter.getChannelName(2), "c");
-    EXPECT_EQ(errorOf([&] { filter.getChannelName(3); }), invalidIndex);
-    EXPECT_EQ(errorOf([&] { filter.getChannelName(-1); }), invalidIndex);
+    EXPECT_EQ(messageOf([&] { filter.getChannelName(3); }), invalidIndex);
+    EXPECT_EQ(messageOf([&] { filter.getChannelName(-1); }), invalidIndex);
 
     Box const box(Vector(-1, 2, 0), Vector(10, 6, 1));
     std::vector<double> const expected =
@@ -265,8 +246,8 @@ TEST(ConcatFilter, MatchesReferenceOnRandomBoxesWithEveryInputAskedOnce)
 TEST(ConcatFilter, MismatchedExtentsAtLevelZeroAreRejected)
 {
     MemoryImage a(Vector(4, 4, 1), 1), b(Vector(4, 4, 1), 2), c(Vector(4, 5, 1), 1), d(Vector(4, 4, 2), 1);
-    EXPECT_EQ(errorOf([&] { ConcatFilter({&a, &b, &c}, false); }), "Image extents must match");
-    EXPECT_EQ(errorOf([&] { ConcatFilter({&a, &d}, false); }), "Image extents must match");
+    EXPECT_EQ(messageOf([&] { ConcatFilter({&a, &b, &c}, false); }), "Image extents must match");
+    EXPECT_EQ(messageOf([&] { ConcatFilter({&a, &d}, false); }), "Image extents must match");
     OtherCoarseExtent coarse(&b);
     EXPECT_NO_THROW(ConcatFilter({&a, &coarse}, false));
 }
@@ -274,10 +255,10 @@ TEST(ConcatFilter, MismatchedExtentsAtLevelZeroAreRejected)
 TEST(ConcatFilter, EmptyAndNullInputsAreRejected)
 {
     MemoryImage image(Vector(2, 2, 1), 1);
-    EXPECT_EQ(errorOf([&] { ConcatFilter({}, false); }), "Cannot instantiate a concat filter without input images.");
-    EXPECT_EQ(errorOf([&] { ConcatFilter({&image, nullptr}, false); }),
+    EXPECT_EQ(messageOf([&] { ConcatFilter({}, false); }), "Cannot instantiate a concat filter without input images.");
+    EXPECT_EQ(messageOf([&] { ConcatFilter({&image, nullptr}, false); }),
               "Cannot instantiate a filter without an input image.");
-    EXPECT_EQ(errorOf([&] { ConcatFilter({nullptr, &image}, false); }),
+    EXPECT_EQ(messageOf([&] { ConcatFilter({nullptr, &image}, false); }),
               "Cannot instantiate a filter without an input image.");
 }
 

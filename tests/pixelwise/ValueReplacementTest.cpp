@@ -2,6 +2,7 @@
 #include <nuvek/filters/pixelwise/ValueReplacementFilter.h>
 
 #include "reference/PixelwiseColourReference.h"
+#include "support/Messages.h"
 #include "support/RandomImages.h"
 #include "support/RecordingImage.h"
 #include "support/Tiling.h"
@@ -21,6 +22,7 @@ using Nuvek::MemoryImage;
 using Nuvek::ValueReplacementFilter;
 using Nuvek::Vector;
 using NuvekTest::openWhole;
+using NuvekTest::messageOf;
 using Replacements = ValueReplacementFilter::Replacements;
 
 namespace {
@@ -28,19 +30,6 @@ namespace {
 double const missing = std::numeric_limits<double>::quiet_NaN();
 
 std::string const wrongSize = "Replacement color channels do not fit number of channels in image";
-
-std::string errorOf(std::function<void()> const& action)
-{
-    try
-    {
-        action();
-    }
-    catch (std::runtime_error const& error)
-    {
-        return error.what();
-    }
-    return "no exception";
-}
 
 // Voxels (planes of `voxels.size()` values), two channels.
 std::vector<double> replaceInTwoChannels(std::vector<std::vector<double>> const& voxels,
@@ -73,9 +62,9 @@ std::vector<double> paletteColour(std::mt19937_64& random, long long numChannels
 TEST(ValueReplacementFilter, ColoursOfTheWrongLengthAreRejected)
 {
     MemoryImage image(Vector(2, 2, 1), 2);
-    EXPECT_EQ(errorOf([&] { ValueReplacementFilter(&image, false, {1, 2, 3}, {4, 5}); }), wrongSize);
-    EXPECT_EQ(errorOf([&] { ValueReplacementFilter(&image, false, {1, 2}, {4}); }), wrongSize);
-    EXPECT_EQ(errorOf([&] { ValueReplacementFilter(&image, false, Replacements{{{1, 2}, {3, 4}}, {{5}, {6, 7}}}); }),
+    EXPECT_EQ(messageOf([&] { ValueReplacementFilter(&image, false, {1, 2, 3}, {4, 5}); }), wrongSize);
+    EXPECT_EQ(messageOf([&] { ValueReplacementFilter(&image, false, {1, 2}, {4}); }), wrongSize);
+    EXPECT_EQ(messageOf([&] { ValueReplacementFilter(&image, false, Replacements{{{1, 2}, {3, 4}}, {{5}, {6, 7}}}); }),
               wrongSize);
     EXPECT_NO_THROW(ValueReplacementFilter(&image, false, {1, 2}, {3, 4}));
     ValueReplacementFilter valid(&image, false, Replacements{{{1, 2}, {3, 4}}, {{5, 6}, {7, 8}}});
