@@ -57,4 +57,12 @@ std::uint64_t BinaryOperatorFilter::getHash()
     return hashCounter;
 }
 
+std::vector<double> BinaryOperatorFilter::openBothInputs(double* out, long long level, Box const& box)
+{
+    std::vector<double> second(static_cast<std::size_t>(box.getSize() * firstInput->getNumChannels()), 0.0);
+    firstInput->openRegion(out, level, box);
+    secondInput->openRegion(second.data(), level, box);
+    return second;
+}
+
 } // namespace Nuvek

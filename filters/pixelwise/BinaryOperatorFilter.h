@@ -3,6 +3,7 @@
 #include <nuvek/core/Filter.h>
 
 #include <cstdint>
+#include <vector>
 
 namespace Nuvek {
 
@@ -29,6 +30,10 @@ public:
     std::uint64_t getHash() override;
 
 protected:
+    /// Reads the first input's box into out and returns the second input's values of the same box,
+    /// read into a zeroed work buffer: what both subclasses combine voxel by voxel.
+    std::vector<double> openBothInputs(double* out, long long level, Box const& box);
+
     Image* firstInput;
     Image* secondInput;
     bool ownsFirstInput;

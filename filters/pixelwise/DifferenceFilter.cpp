@@ -23,13 +23,8 @@ ValueRange<double> DifferenceFilter::getValueRange() const
 
 void DifferenceFilter::openRegion(double* out, long long level, Box const& box)
 {
-    long long const count = box.getSize() * firstInput->getNumChannels();
-    std::vector<double> work(static_cast<std::size_t>(count), 0.0);
-    firstInput->openRegion(out, level, box);
-    secondInput->openRegion(work.data(), level, box);
-
-    double const* right = work.data();
-    for (long long i = 0; i < count; ++i)
+    std::vector<double> const right = openBothInputs(out, level, box);
+    for (std::size_t i = 0; i < right.size(); ++i)
         out[i] = out[i] - right[i];
 }
 
