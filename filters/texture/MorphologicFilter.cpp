@@ -1,5 +1,7 @@
 #include <nuvek/filters/texture/MorphologicFilter.h>
+
 #include <nuvek/filters/framework/TargetClones.h>
+#include <nuvek/filters/texture/OrderSensitivity.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -14,15 +16,6 @@ namespace {
 // Up to this kernel size a direct sweep of k - 1 comparisons per value, vectorised along the row,
 // beats the three comparisons and two extra buffers of the running extrema.
 constexpr long long directSweepLimit = 7;
-
-// NaN and -0.0 are the values for which the slot order decides the result: NaN because comparisons
-// with it fail, -0.0 because it compares equal to +0.0 but has other bits.
-inline bool isOrderSensitive(double value)
-{
-    std::uint64_t bits;
-    std::memcpy(&bits, &value, sizeof bits);
-    return (bits & 0x7FFFFFFFFFFFFFFFULL) > 0x7FF0000000000000ULL || bits == 0x8000000000000000ULL;
-}
 
 // The best so far is replaced only by a strictly better candidate.
 template <bool maximum>
@@ -46,20 +39,6 @@ double scanSlots(double const* values, long long stride, long long k, long long 
         best = pick<maximum>(best, values[position * stride]);
     }
     return best;
-}
-
-// Whether any of the values is NaN or -0.0; written on the bits so that it vectorises.
-inline __attribute__((always_inline)) bool anyOrderSensitive(double const* values, long long count)
-{
-    std::int64_t found = 0;
-    for (long long i = 0; i < count; ++i)
-    {
-        std::int64_t bits;
-        std::memcpy(&bits, &values[i], sizeof bits);
-        std::int64_t const magnitude = bits & 0x7FFFFFFFFFFFFFFFLL;
-        found |= (magnitude > 0x7FF0000000000000LL ? 1 : 0) | (bits == INT64_MIN ? 1 : 0);
-    }
-    return found != 0;
 }
 
 // The extreme of `width` consecutive values for each of `count` starts, for a small fixed width:

@@ -1,5 +1,7 @@
 #include <nuvek/filters/texture/RankFilter.h>
+
 #include <nuvek/filters/framework/TargetClones.h>
+#include <nuvek/filters/texture/OrderSensitivity.h>
 
 #include <algorithm>
 #include <array>
@@ -210,30 +212,6 @@ double selectRankOfWindow(double const* topLeft, long long width, long long k, l
     return valueOf(keys[static_cast<std::size_t>(rank)]);
 }
 
-// NaN and -0.0 are the values whose order the plain comparisons of a sorting network get wrong:
-// NaN compares false with everything, -0.0 equal to +0.0 although its bits differ.
-inline bool isOrderSensitive(double value)
-{
-    std::uint64_t bits;
-    std::memcpy(&bits, &value, sizeof bits);
-    return (bits & 0x7FFFFFFFFFFFFFFFULL) > 0x7FF0000000000000ULL || bits == 0x8000000000000000ULL;
-}
-
-// Whether any of the values is NaN or -0.0; written on the bits, without branches, so that it
-// vectorises.
-inline __attribute__((always_inline)) bool anyOrderSensitive(double const* values, long long count)
-{
-    std::int64_t found = 0;
-    for (long long i = 0; i < count; ++i)
-    {
-        std::int64_t bits;
-        std::memcpy(&bits, &values[i], sizeof bits);
-        std::int64_t const magnitude = bits & 0x7FFFFFFFFFFFFFFFLL;
-        found |= (magnitude > 0x7FF0000000000000LL ? 1 : 0) | (bits == INT64_MIN ? 1 : 0);
-    }
-    return found != 0;
-}
-
 struct Comparator
 {
     int low;
@@ -241,19 +219,26 @@ struct Comparator
 };
 
 // Batcher's odd-even merge sort for the next power of two at or above n, without the comparators
-// that touch an input at or beyond n (those inputs would be +infinity and never move).
-constexpr int countComparators(int n)
+// that touch an input at or beyond n (those inputs would be +infinity and never move): visit(low,
+// high) for each comparator in order.
+template <typename Visit>
+constexpr void visitComparators(int n, Visit&& visit)
 {
     int size = 1;
     while (size < n)
         size <<= 1;
-    int count = 0;
     for (int p = 1; p < size; p <<= 1)
         for (int k = p; k >= 1; k >>= 1)
             for (int j = k % p; j + k < size; j += 2 * k)
                 for (int i = 0; i < k && i + j + k < n; ++i)
                     if ((i + j) / (2 * p) == (i + j + k) / (2 * p))
-                        ++count;
+                        visit(i + j, i + j + k);
+}
+
+constexpr int countComparators(int n)
+{
+    int count = 0;
+    visitComparators(n, [&count](int, int) { ++count; });
     return count;
 }
 
@@ -261,16 +246,8 @@ template <int n>
 constexpr std::array<Comparator, countComparators(n)> sortingNetwork()
 {
     std::array<Comparator, countComparators(n)> network{};
-    int size = 1;
-    while (size < n)
-        size <<= 1;
-    int count = 0;
-    for (int p = 1; p < size; p <<= 1)
-        for (int k = p; k >= 1; k >>= 1)
-            for (int j = k % p; j + k < size; j += 2 * k)
-                for (int i = 0; i < k && i + j + k < n; ++i)
-                    if ((i + j) / (2 * p) == (i + j + k) / (2 * p))
-                        network[static_cast<std::size_t>(count++)] = Comparator{i + j, i + j + k};
+    std::size_t count = 0;
+    visitComparators(n, [&](int low, int high) { network[count++] = Comparator{low, high}; });
     return network;
 }
 
