@@ -136,15 +136,15 @@ __attribute__((always_inline)) inline void sumRowsAlongX(double* rows, long long
 // Scalar on purpose (the file is built without straight-line vectorisation where the compiler has
 // it): packing the rows' values into vectors costs more shuffles than it saves.
 NUVEK_TARGET_CLONES void sumRowGroupAlongX(double* rows, long long stride,
-                                                                         long long outputWidth, long long kernelSize,
-                                                                         long long carriedPosition, double& carried)
+                                           long long outputWidth, long long kernelSize,
+                                           long long carriedPosition, double& carried)
 {
     sumRowsAlongX<rowsPerGroup>(rows, stride, outputWidth, kernelSize, carriedPosition, carried);
 }
 
 NUVEK_TARGET_CLONES void sumRowAlongX(double* row, long long outputWidth,
-                                                                    long long kernelSize, long long carriedPosition,
-                                                                    double& carried)
+                                      long long kernelSize, long long carriedPosition,
+                                      double& carried)
 {
     sumRowsAlongX<1>(row, 0, outputWidth, kernelSize, carriedPosition, carried);
 }
@@ -152,8 +152,8 @@ NUVEK_TARGET_CLONES void sumRowAlongX(double* row, long long outputWidth,
 // The column sums of output row 0: 0.0, plus the row sums of input rows 0 to k - 2 in order, minus
 // the empty slot's 0.0, plus input row k - 1.
 NUVEK_TARGET_CLONES void startColumnSums(double* sums, double const* rows,
-                                                                       long long stride, long long outputWidth,
-                                                                       long long kernelSize)
+                                         long long stride, long long outputWidth,
+                                         long long kernelSize)
 {
     for (long long x = 0; x < outputWidth; ++x)
         sums[x] = 0.0;
@@ -174,10 +174,10 @@ NUVEK_TARGET_CLONES void startColumnSums(double* sums, double const* rows,
 // One step down: every column sum loses the row leaving the window and gains the one entering it.
 // With `entering` null only the scaling is done, for output row 0.
 NUVEK_TARGET_CLONES void advanceColumnSumsInto(double* out, double* sums,
-                                                                             double const* leaving,
-                                                                             double const* entering,
-                                                                             long long outputWidth, double scale,
-                                                                             bool rounding)
+                                               double const* leaving,
+                                               double const* entering,
+                                               long long outputWidth, double scale,
+                                               bool rounding)
 {
     long long x = 0;
     if (entering != nullptr)

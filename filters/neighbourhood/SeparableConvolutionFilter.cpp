@@ -94,7 +94,7 @@ constexpr long long blockWidth = 4 * quadsPerBlock;
 // read only further right, so the row needs no copy. The results are thus kept h places left of
 // the voxels they belong to.
 NUVEK_TARGET_CLONES void correlateRowInPlace(double* row, long long outputWidth,
-                                                                           double const* kernel, long long n)
+                                             double const* kernel, long long n)
 {
     long long i = 0;
     for (; i + blockWidth <= outputWidth; i += blockWidth)
@@ -125,8 +125,8 @@ NUVEK_TARGET_CLONES void correlateRowInPlace(double* row, long long outputWidth,
 // One output row: out[x] = sum over j of kernel[j] * rows[j * stride + x], from the n row results
 // below each other in the work buffer.
 NUVEK_TARGET_CLONES void correlateRowsInto(double* out, double const* rows,
-                                                                         long long stride, long long outputWidth,
-                                                                         double const* kernel, long long n)
+                                           long long stride, long long outputWidth,
+                                           double const* kernel, long long n)
 {
     long long x = 0;
     for (; x + blockWidth <= outputWidth; x += blockWidth)

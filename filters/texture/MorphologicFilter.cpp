@@ -71,8 +71,8 @@ inline __attribute__((always_inline)) void sweepAcrossRows(double const* const* 
 // Pass 1 on one row, valid where a window holds neither NaN nor -0.0: there the extreme is the same
 // value whichever way the window is reduced.
 template <bool maximum>
-inline __attribute__((always_inline)) void extremaAlongRowFast(double const* row, double* result, long long count, long long k, double* prefix,
-                         double* suffix)
+inline __attribute__((always_inline)) void extremaAlongRowFast(double const* row, double* result, long long count,
+                                                               long long k, double* prefix, double* suffix)
 {
     switch (k)
     {

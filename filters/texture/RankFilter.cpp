@@ -259,7 +259,7 @@ using Lanes = double __attribute__((vector_size(4 * sizeof(double))));
 // the keys do, and equal values have equal bits.
 template <int k>
 inline __attribute__((always_inline)) void rankOfFourWindows(double const* topLeft, long long width, long long rank,
-                                                            double* target)
+                                                             double* target)
 {
     static constexpr auto network = sortingNetwork<k * k>();
     Lanes values[k * k];
@@ -282,7 +282,7 @@ inline __attribute__((always_inline)) void rankOfFourWindows(double const* topLe
 
 template <int k>
 inline __attribute__((always_inline)) void rankRowByNetwork(double const* top, long long width, long long count,
-                                                           long long rank, double* target)
+                                                            long long rank, double* target)
 {
     // The last group of four may overlap the one before; those windows are simply computed twice.
     for (long long x = 0; x < count; x += 4)
@@ -306,7 +306,7 @@ inline double upper(double a, double b)
 // sorted once, and a window's median is the median of the largest low, the median middle and the
 // smallest high of its three columns. `columns` has room for three rows of `width` values.
 inline __attribute__((always_inline)) void medianRowOfThree(double const* top, long long width, long long count,
-                                                           double* target, double* columns)
+                                                            double* target, double* columns)
 {
     double* lows = columns;
     double* middles = columns + width;
@@ -333,8 +333,8 @@ inline __attribute__((always_inline)) void medianRowOfThree(double const* top, l
 // The rank of every window of one channel's first slice for k = 3, 5 or 7: sorting networks over
 // four windows at a time, and exact selection among keys for windows holding NaN or -0.0.
 NUVEK_TARGET_CLONES void selectRanksByNetwork(double const* plane, long long width,
-                                                                            double* out, Vector const& extent,
-                                                                            long long k, long long rank)
+                                              double* out, Vector const& extent,
+                                              long long k, long long rank)
 {
     long long const height = extent.y + k - 1;
     std::vector<std::uint64_t> keys(static_cast<std::size_t>(k * k));
