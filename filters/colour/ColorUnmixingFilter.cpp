@@ -72,6 +72,17 @@ std::string ColorUnmixingFilter::getChannelName(long long index)
     return "";
 }
 
+inline double ColorUnmixingFilter::weightedLogarithm(std::size_t channel, double value) const
+{
+    // Integer values up to 256 take the product computed for them in reinit: the same logarithm
+    // call and the same multiplication on the same operands, so the same bits (0 and 1 share one:
+    // both count as 1).
+    std::size_t const index = integerIndex(value);
+    if (index < numIntegerValues)
+        return weightedLogs[channel * numIntegerValues + index];
+    return logTransmission(value) * weights[channel];
+}
+
 double ColorUnmixingFilter::processPixel(std::vector<double> const& values) const
 {
     // The one check per voxel: more weights than values would read past the values.
@@ -79,13 +90,7 @@ double ColorUnmixingFilter::processPixel(std::vector<double> const& values) cons
         throwTooFewValues(weights.size(), values.size());
     double density = 0.0;
     for (std::size_t i = 0; i < weights.size(); ++i)
-    {
-        // Integer values up to 256 take the logarithm computed for them once: the same call on the
-        // same operand, so the same bits (0 and 1 share one: both count as 1).
-        std::size_t const index = integerIndex(values[i]);
-        double const logarithm = index < numIntegerValues ? integerLogs[index] : logTransmission(values[i]);
-        density = density - logarithm * weights[i];
-    }
+        density = density - weightedLogarithm(i, values[i]);
     // 1.0 - min(1.0, 10^-density), with the bits of the C library's pow.
     return absorptance(density);
 }
@@ -115,15 +120,8 @@ void ColorUnmixingFilter::processRow(double const* const* planes, double* out, l
         for (std::size_t c = 0; c < weights.size(); ++c)
         {
             double const* const value = planes[c] + start;
-            double const* const weighted = weightedLogs.data() + c * numIntegerValues;
-            double const weight = weights[c];
             for (long long i = 0; i < size; ++i)
-            {
-                std::size_t const index = integerIndex(value[i]);
-                double const product =
-                    index < numIntegerValues ? weighted[index] : logTransmission(value[i]) * weight;
-                density[i] = density[i] - product;
-            }
+                density[i] = density[i] - weightedLogarithm(c, value[i]);
         }
         absorptanceOfBlock(density, out + start, static_cast<std::size_t>(size));
     }
@@ -133,11 +131,8 @@ void ColorUnmixingFilter::reinit(std::vector<double> const& weights)
 {
     if (&weights != &this->weights)
         this->weights = weights;
-    // Only the weights of selected channels can take part in a row: with more weights than
-    // channels, rows throw before reading any.
-    std::size_t const tables = std::min(this->weights.size(), getChannelSelection().size());
-    weightedLogs.resize(tables * numIntegerValues);
-    for (std::size_t c = 0; c < tables; ++c)
+    weightedLogs.resize(this->weights.size() * numIntegerValues);
+    for (std::size_t c = 0; c < this->weights.size(); ++c)
         for (std::size_t v = 0; v < numIntegerValues; ++v)
             weightedLogs[c * numIntegerValues + v] = integerLogs[v] * this->weights[c];
     ++hashCounter;

@@ -54,11 +54,13 @@ protected:
                     std::vector<double>& values) const override;
 
 private:
+    /// log10(max(1, value) / 256) * weights[channel], the term of one channel in the density.
+    double weightedLogarithm(std::size_t channel, double value) const;
+
     std::vector<double> weights;
     // log10(max(1, v) / 256) of the integers v = 0 .. 256, the values of 8-bit colour channels.
     std::array<double, 257> integerLogs;
-    // integerLogs[v] * weights[c] at c * 257 + v, for the weights of selected channels: the products
-    // processPixel forms for integer values.
+    // integerLogs[v] * weights[c] at c * 257 + v: the density terms of integer values.
     std::vector<double> weightedLogs;
 };
 
