@@ -102,18 +102,7 @@ private:
     std::vector<double> weights;
 };
 
-template <typename Filter>
-void run(benchmark::State& state, Filter& filter)
-{
-    Nuvek::Box const box(Nuvek::Vector(tileSize, tileSize, 1));
-    std::vector<double> out(static_cast<std::size_t>(box.getSize()));
-    for (auto _ : state)
-    {
-        filter.openRegion(out.data(), 0, box);
-        benchmark::DoNotOptimize(out.data());
-    }
-    state.SetItemsProcessed(state.iterations() * box.getSize());
-}
+Nuvek::Box const wholeTile(Nuvek::Vector(tileSize, tileSize, 1));
 
 // One request for the whole tile (read from the bank in strips of tile rows). Arg: 1 for 8-bit
 // integer values, 0 for fractions, whose logarithms cannot come from a table.
@@ -123,7 +112,7 @@ void unmixing(benchmark::State& state)
     Nuvek::ChannelBank bank(image.get());
     Nuvek::ColorUnmixingFilter filter(&bank, rgb);
     filter.reinit(Nuvek::ColorUnmixingFilter::computeMatrixFromColors(stainColours)[0]);
-    run(state, filter);
+    NuvekBench::openRepeatedly(state, filter, wholeTile);
 }
 BENCHMARK(unmixing)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond);
 
@@ -157,13 +146,7 @@ void unmixingSmallTile(benchmark::State& state)
     filter.reinit(Nuvek::ColorUnmixingFilter::computeMatrixFromColors(stainColours)[0]);
     Nuvek::Vector const min(700, 900, 0);
     Nuvek::Box const box(min, min + Nuvek::Vector(state.range(0) - 1, state.range(1) - 1, 0));
-    std::vector<double> out(static_cast<std::size_t>(box.getSize()));
-    for (auto _ : state)
-    {
-        filter.openRegion(out.data(), 0, box);
-        benchmark::DoNotOptimize(out.data());
-    }
-    state.SetItemsProcessed(state.iterations() * box.getSize());
+    NuvekBench::openRepeatedly(state, filter, box);
 }
 BENCHMARK(unmixingSmallTile)->Args({256, 256})->Args({255, 257});
 
@@ -199,7 +182,7 @@ void unmixingPlain(benchmark::State& state)
     auto image = colourTile(state.range(0) == 1);
     Nuvek::ChannelBank bank(image.get());
     PlainUnmixingFilter filter(&bank, Nuvek::ColorUnmixingFilter::computeMatrixFromColors(stainColours)[0]);
-    run(state, filter);
+    NuvekBench::openRepeatedly(state, filter, wholeTile);
 }
 BENCHMARK(unmixingPlain)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond);
 

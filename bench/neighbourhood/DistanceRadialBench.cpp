@@ -120,13 +120,7 @@ void distanceTransformTile(benchmark::State& state)
     Nuvek::DistanceTransformFilter filter(image.get(), 1.0, state.range(2), false);
     Nuvek::Vector const first(700, 900, 0);
     Nuvek::Box const box(first, first + Nuvek::Vector(state.range(0) - 1, state.range(1) - 1, 0));
-    std::vector<double> out(static_cast<std::size_t>(box.getSize()));
-    for (auto _ : state)
-    {
-        filter.openRegion(out.data(), 0, box);
-        benchmark::DoNotOptimize(out.data());
-    }
-    state.SetItemsProcessed(state.iterations() * box.getSize());
+    NuvekBench::openRepeatedly(state, filter, box);
 }
 BENCHMARK(distanceTransformTile)
     ->ArgsProduct({{256}, {256}, {3, 15, 63}})

@@ -32,14 +32,7 @@ Nuvek::Box const tile(Nuvek::Vector(tileSize, tileSize, 1));
 // Times openRegion of the whole tile; items are voxels (not values), so channels do not count.
 void runFilter(benchmark::State& state, Nuvek::Image& image, Nuvek::Box const& box = tile)
 {
-    std::vector<double> out(static_cast<std::size_t>(box.getSize() * image.getNumChannels()));
-    for (auto _ : state)
-    {
-        image.openRegion(out.data(), 0, box);
-        benchmark::DoNotOptimize(out.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetItemsProcessed(state.iterations() * box.getSize());
+    NuvekBench::openRepeatedly(state, image, box);
 }
 
 // The three-channel input alone, what every colour filter below pays before its own work.

@@ -16,13 +16,7 @@ void sourceOnly(benchmark::State& state)
 {
     auto image = NuvekBench::noiseImage(Nuvek::Vector(tileSize, tileSize, 1), 1);
     Nuvek::Box const box(Nuvek::Vector(tileSize, tileSize, 1));
-    std::vector<double> out(static_cast<std::size_t>(box.getSize()));
-    for (auto _ : state)
-    {
-        image->openRegion(out.data(), 0, box);
-        benchmark::DoNotOptimize(out.data());
-    }
-    state.SetItemsProcessed(state.iterations() * box.getSize());
+    NuvekBench::openRepeatedly(state, *image, box);
 }
 BENCHMARK(sourceOnly)->Unit(benchmark::kMillisecond);
 
@@ -31,13 +25,7 @@ void threshold(benchmark::State& state)
     auto image = NuvekBench::noiseImage(Nuvek::Vector(tileSize, tileSize, 1), 1);
     Nuvek::ThresholdFilter filter(image.get(), 127.5, 0.0, 1.0, false);
     Nuvek::Box const box(Nuvek::Vector(tileSize, tileSize, 1));
-    std::vector<double> out(static_cast<std::size_t>(box.getSize()));
-    for (auto _ : state)
-    {
-        filter.openRegion(out.data(), 0, box);
-        benchmark::DoNotOptimize(out.data());
-    }
-    state.SetItemsProcessed(state.iterations() * box.getSize());
+    NuvekBench::openRepeatedly(state, filter, box);
 }
 BENCHMARK(threshold)->Unit(benchmark::kMillisecond);
 
@@ -48,13 +36,7 @@ void clamping(benchmark::State& state)
     auto image = NuvekBench::noiseImage(Nuvek::Vector(tileSize, tileSize, 1), 1);
     Nuvek::ClampingFilter filter(image.get(), false);
     Nuvek::Box const box = Nuvek::Box(Nuvek::Vector(tileSize, tileSize, 1)).expanded(Nuvek::Vector(margin, margin, 0));
-    std::vector<double> out(static_cast<std::size_t>(box.getSize()));
-    for (auto _ : state)
-    {
-        filter.openRegion(out.data(), 0, box);
-        benchmark::DoNotOptimize(out.data());
-    }
-    state.SetItemsProcessed(state.iterations() * box.getSize());
+    NuvekBench::openRepeatedly(state, filter, box);
 }
 BENCHMARK(clamping)->Arg(0)->Arg(32)->Unit(benchmark::kMillisecond);
 

@@ -53,4 +53,16 @@ void openTiles(Nuvek::Image& image, long long level, Nuvek::Box const& whole, st
     }
 }
 
+void openRepeatedly(benchmark::State& state, Nuvek::Image& image, Nuvek::Box const& box, long long level)
+{
+    std::vector<double> out(static_cast<std::size_t>(box.getSize() * image.getNumChannels()));
+    for (auto _ : state)
+    {
+        image.openRegion(out.data(), level, box);
+        benchmark::DoNotOptimize(out.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(state.iterations() * box.getSize());
+}
+
 } // namespace NuvekBench

@@ -4,6 +4,8 @@
 #include <nuvek/core/Image.h>
 #include <nuvek/core/MemoryImage.h>
 
+#include <benchmark/benchmark.h>
+
 #include <memory>
 #include <vector>
 
@@ -20,5 +22,9 @@ std::vector<Nuvek::Box> tilesOf(Nuvek::Box const& whole, long long tileSize);
 /// application reads an image tile by tile. `scratch` holds one tile.
 void openTiles(Nuvek::Image& image, long long level, Nuvek::Box const& whole, std::vector<Nuvek::Box> const& tiles,
                std::vector<double>& scratch, double* out);
+
+/// Opens box at level of image once per iteration of state, into one buffer for all channels, and
+/// counts the box's voxels (not values) as items.
+void openRepeatedly(benchmark::State& state, Nuvek::Image& image, Nuvek::Box const& box, long long level = 0);
 
 } // namespace NuvekBench
