@@ -63,7 +63,7 @@ std::vector<FilterCase> makeCases()
     add("SobelMagnitude", 2, [](Image* in, Keep&) { return filter<Nuvek::SobelMagnitudeFilter>(in, 5, false); });
     add("HarrisEigenvalues", 1, [](Image* in, Keep&) { return filter<Nuvek::HarrisEigenvaluesFilter>(in, 5, false); });
     add("LocalNormalization", 2,
-                     [](Image* in, Keep&) { return filter<Nuvek::LocalNormalizationFilter>(in, 2, false); }, false);
+                     [](Image* in, Keep&) { return filter<Nuvek::LocalNormalizationFilter>(in, 2, false); }, true);
     add("DistanceTransform", 1, [](Image* in, Keep& keep) {
                          // Distances to the voxels above 0 of a thresholded image.
                          auto mask = std::make_shared<Nuvek::ThresholdFilter>(in, 0.0, 0.0, 1.0, false);
