@@ -4,6 +4,7 @@
 #include <nuvek/filters/texture/OrderSensitivity.h>
 
 #include "filters/internal/RankPasses.h"
+#include "filters/internal/SimdQuad.h"
 
 #include <algorithm>
 #include <array>
@@ -256,10 +257,8 @@ constexpr std::array<Comparator, countComparators(n)> sortingNetwork()
     return network;
 }
 
-// Four neighbouring windows at once, one per lane.
-using Lanes = double __attribute__((vector_size(4 * sizeof(double))));
-
-// Sorts the k * k values of four neighbouring windows with a fixed network and keeps the rank. Only
+// Sorts the k * k values of four neighbouring windows, one per lane, with a fixed network and keeps
+// the rank. Only
 // valid where the windows hold neither NaN nor -0.0: there min and max order the values exactly as
 // the keys do, and equal values have equal bits.
 template <int k>
@@ -267,22 +266,22 @@ inline __attribute__((always_inline)) void rankOfFourWindows(double const* topLe
                                                              double* target)
 {
     static constexpr auto network = sortingNetwork<k * k>();
-    Lanes values[k * k];
+    Quad values[k * k];
     // Unrolled in full, so that the values stay in registers.
 #pragma GCC unroll 64
     for (int j = 0; j < k; ++j)
 #pragma GCC unroll 64
         for (int i = 0; i < k; ++i)
-            std::memcpy(&values[j * k + i], topLeft + j * width + i, sizeof(Lanes));
+            std::memcpy(&values[j * k + i], topLeft + j * width + i, sizeof(Quad));
 #pragma GCC unroll 1024
     for (Comparator const& comparator : network)
     {
-        Lanes const a = values[comparator.low];
-        Lanes const b = values[comparator.high];
+        Quad const a = values[comparator.low];
+        Quad const b = values[comparator.high];
         values[comparator.low] = b < a ? b : a;
         values[comparator.high] = a < b ? b : a;
     }
-    std::memcpy(target, &values[rank], sizeof(Lanes));
+    std::memcpy(target, &values[rank], sizeof(Quad));
 }
 
 template <int k>
