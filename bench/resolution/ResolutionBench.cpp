@@ -6,6 +6,7 @@
 #include <nuvek/filters/resolution/DownsampleFilter.h>
 #include <nuvek/filters/resolution/UpsampleFilter.h>
 
+#include "core/internal/BlockMeans.h"
 #include "support/BenchImages.h"
 
 #include <benchmark/benchmark.h>
@@ -82,9 +83,9 @@ void averageBlocks(benchmark::State& state)
     for (auto _ : state)
     {
         if (byRows)
-            Nuvek::detail::averageBlocksByRows(source.data(), target.data(), extent, 1, levels);
+            Nuvek::averageBlocksByRows(source.data(), target.data(), extent, 1, levels);
         else
-            Nuvek::detail::averageBlocksByDisplacements(source.data(), target.data(), extent, 1, levels);
+            Nuvek::averageBlocksByDisplacements(source.data(), target.data(), extent, 1, levels);
         benchmark::DoNotOptimize(target.data());
     }
     state.SetItemsProcessed(state.iterations() * static_cast<long long>(target.size()));
