@@ -125,8 +125,8 @@ void bindFilters(py::module_& module)
              py::arg("input"), py::arg("first"), py::arg("count"), keepInput)
         .def(py::init([](Image* input, std::string const& name) { return new Nuvek::ChannelFilter(input, name, false); }),
              py::arg("input"), py::arg("name"), keepInput);
-    py::class_<KeptConcatFilter, Filter>(module, "ConcatFilter", "The channels of several inputs, one after another.")
-        .def(py::init([](py::sequence inputs) {
+    py::class_<Nuvek::ConcatFilter, Filter>(module, "ConcatFilter", "The channels of several inputs, one after another.")
+        .def(py::init([](py::sequence inputs) -> Nuvek::ConcatFilter* {
                  std::vector<Image*> images;
                  std::vector<py::object> kept;
                  for (py::handle input : inputs)

@@ -1,6 +1,7 @@
 #include "ImageBinding.h"
 
 #include <nuvek/core/MemoryImage.h>
+#include <nuvek/io/ImageFormats.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
 #include <nuvek/io/SlideImage.h>
 #include <nuvek/io/TiffImage.h>
@@ -90,27 +91,18 @@ public:
     std::shared_mutex mutex;
 };
 
-Nuvek::TiffCompression compressionNamed(std::string const& name)
+// A writer option named by a string; a bad name is a ValueError with the library's message.
+template <typename Parse>
+auto namedOption(std::string const& name, Parse parse)
 {
-    if (name == "none")
-        return Nuvek::TiffCompression::None;
-    if (name == "deflate")
-        return Nuvek::TiffCompression::Deflate;
-    if (name == "lzw")
-        return Nuvek::TiffCompression::LZW;
-    throw py::value_error("write_pyramidal_tiff: compression must be 'none', 'deflate' or 'lzw', got '" + name + "'.");
-}
-
-Nuvek::TiffSampleType sampleTypeNamed(std::string const& name)
-{
-    if (name == "uint8")
-        return Nuvek::TiffSampleType::UInt8;
-    if (name == "uint16")
-        return Nuvek::TiffSampleType::UInt16;
-    if (name == "float32")
-        return Nuvek::TiffSampleType::Float32;
-    throw py::value_error("write_pyramidal_tiff: sample_type must be 'uint8', 'uint16' or 'float32', got '" + name +
-                          "'.");
+    try
+    {
+        return parse(name);
+    }
+    catch (std::runtime_error const& error)
+    {
+        throw py::value_error(std::string("write_pyramidal_tiff: ") + error.what());
+    }
 }
 
 } // namespace
@@ -210,8 +202,8 @@ with values from 0 to 255, one z slice.
            int threads, std::function<bool(long long, long long)> progress) {
             Nuvek::PyramidalTiffOptions options;
             options.tileSize = tileSize;
-            options.compression = compressionNamed(compression);
-            options.sampleType = sampleTypeNamed(sampleType);
+            options.compression = namedOption(compression, Nuvek::ImageFormats::parseCompression);
+            options.sampleType = namedOption(sampleType, Nuvek::ImageFormats::parseSampleType);
             options.valueRange = valueRange;
             options.level = level;
             options.threads = threads;

@@ -56,8 +56,7 @@ TEST(Concurrency, EveryShareableFilterGivesTheSerialResultOnManyThreads)
         std::mt19937_64 random(1000 + static_cast<unsigned>(cases));
         auto source = NuvekTest::randomImage(random, Vector(181, 149, 1), test.channels, {0.0, 255.0, 0.01});
         source->setValueRange(Nuvek::ValueRange<double>(0, 255));
-        NuvekTest::Keep keep;
-        std::unique_ptr<Nuvek::Image> filter = test.make(source.get(), keep);
+        std::unique_ptr<Nuvek::Image> filter = test.make(source.get());
         std::vector<Request> const requests = requestsFor(*filter, random);
 
         std::vector<std::vector<double>> serial;

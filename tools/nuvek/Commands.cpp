@@ -1,12 +1,16 @@
 #include "Commands.h"
 
-#include "ChainExpression.h"
-#include "ChainImage.h"
-#include "FilterCatalogue.h"
 #include "OutputWriter.h"
 #include "Preview.h"
 #include "Progress.h"
 #include "SyntheticSlide.h"
+
+#include <nuvek/chains/ChainExpression.h>
+#include <nuvek/chains/ChainImage.h>
+#include <nuvek/chains/FilterRegistry.h>
+#include <nuvek/chains/NumberText.h>
+#include <nuvek/io/ImageFile.h>
+#include <nuvek/io/ImageFormats.h>
 
 #include <algorithm>
 #include <atomic>
@@ -16,6 +20,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -68,16 +73,9 @@ struct Options
         if (!has(name))
             return fallback;
         std::string const& text = values.at(name);
-        try
-        {
-            std::size_t used = 0;
-            long long const value = std::stoll(text, &used);
-            if (used == text.size() && value >= minimum)
-                return value;
-        }
-        catch (std::exception const&)
-        {
-        }
+        std::optional<long long> const value = Nuvek::NumberText::integer(text);
+        if (value && *value >= minimum)
+            return *value;
         throw std::runtime_error("--" + name + " must be a whole number of at least " + std::to_string(minimum) +
                                  ", got '" + text + "'.");
     }
@@ -132,19 +130,15 @@ Nuvek::Box parseBox(std::string const& text, Nuvek::Vector const& extent)
     std::vector<long long> numbers;
     std::stringstream stream(text);
     std::string item;
-    try
+    while (std::getline(stream, item, ','))
     {
-        while (std::getline(stream, item, ','))
+        std::optional<long long> const number = Nuvek::NumberText::integer(item);
+        if (!number)
         {
-            std::size_t used = 0;
-            numbers.push_back(std::stoll(item, &used));
-            if (used != item.size())
-                throw std::invalid_argument(item);
+            numbers.clear();
+            break;
         }
-    }
-    catch (std::exception const&)
-    {
-        numbers.clear();
+        numbers.push_back(*number);
     }
     if (numbers.size() != 4 || numbers[2] < 1 || numbers[3] < 1)
         throw std::runtime_error("--box takes X,Y,WIDTH,HEIGHT with positive width and height, got '" + text + "'.");
@@ -163,7 +157,7 @@ struct RunResult
 RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::string const& output, long long level,
                    Nuvek::Box const* requested, OutputSettings const& settings, bool quiet, std::string const& label)
 {
-    ChainExpression const expression = parseChainExpression(chainText);
+    Nuvek::ChainExpression const expression = Nuvek::parseChainExpression(chainText);
     if (level < 0 || level >= source.getNumLevels())
         throw std::runtime_error("--level " + std::to_string(level) + " is not among the input's " +
                                  std::to_string(source.getNumLevels()) + " levels.");
@@ -171,7 +165,7 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
     Nuvek::Box const box = requested != nullptr ? *requested : Nuvek::Box(extent);
     if (box.isEmpty())
         throw std::runtime_error("the region to process is empty.");
-    ChainImage image(expression, &source, settings.threads, level, box);
+    Nuvek::ChainImage image(expression, &source, settings.threads, level, box);
 
     Progress progress(label, quiet);
     std::atomic<long long> voxelsDone{0};
@@ -189,17 +183,28 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
     return RunResult{voxels, progress.elapsedSeconds(), image.getNumCopies()};
 }
 
+// An option whose value names an enumerator; the message names the option ("--type must be ...").
+template <typename Parse>
+auto namedOption(Options const& options, std::string const& name, std::string const& fallback, Parse parse)
+{
+    try
+    {
+        return parse(options.get(name, fallback));
+    }
+    catch (std::runtime_error const& error)
+    {
+        std::string const message = error.what();
+        throw std::runtime_error("--" + name + message.substr(message.find(" must ")));
+    }
+}
+
 OutputSettings outputSettings(Options const& options)
 {
     OutputSettings settings;
     settings.tileSize = options.integer("tile", 512, 16);
     settings.threads = static_cast<int>(options.integer("threads", defaultThreads(), 1));
-    settings.type = options.get("type", "float32");
-    settings.compression = options.get("compression", "deflate");
-    if (settings.type != "uint8" && settings.type != "uint16" && settings.type != "float32")
-        throw std::runtime_error("--type must be uint8, uint16 or float32, got '" + settings.type + "'.");
-    if (settings.compression != "none" && settings.compression != "deflate" && settings.compression != "lzw")
-        throw std::runtime_error("--compression must be none, deflate or lzw, got '" + settings.compression + "'.");
+    settings.type = namedOption(options, "type", "float32", Nuvek::ImageFormats::parseSampleType);
+    settings.compression = namedOption(options, "compression", "deflate", Nuvek::ImageFormats::parseCompression);
     return settings;
 }
 
@@ -320,7 +325,7 @@ int filtersCommand(std::vector<std::string> const& arguments)
         std::printf("Usage: nuvek filters\n\nLists every filter with its parameters ([name=default] are optional).\n");
         return 0;
     }
-    std::printf("Filters (parameters in order; [name=default] may be left out):\n\n%s", describeFilters().c_str());
+    std::printf("Filters (parameters in order; [name=default] may be left out):\n\n%s", Nuvek::FilterRegistry::describe().c_str());
     return 0;
 }
 
@@ -335,7 +340,7 @@ int infoCommand(std::vector<std::string> const& arguments)
     Options const options = parseOptions(arguments, {}, {});
     if (options.positional.size() != 1)
         throw std::runtime_error("expected one file; 'nuvek info --help' shows the usage.");
-    std::unique_ptr<Nuvek::Image> image = openInput(options.positional[0]);
+    std::unique_ptr<Nuvek::Image> image = Nuvek::ImageFile::open(options.positional[0]);
     std::printf("File:        %s\n", options.positional[0].c_str());
     std::printf("Levels:      %lld\n", image->getNumLevels());
     for (long long level = 0; level < image->getNumLevels(); ++level)
@@ -371,8 +376,8 @@ int runCommand(std::vector<std::string> const& arguments)
     OutputSettings const settings = outputSettings(options);
     long long const level = options.integer("level", 0, 0);
     // Parse the chain before touching any file, so that a typo costs nothing.
-    parseChainExpression(options.get("chain", ""));
-    std::unique_ptr<Nuvek::Image> source = openInput(options.positional[0]);
+    Nuvek::parseChainExpression(options.get("chain", ""));
+    std::unique_ptr<Nuvek::Image> source = Nuvek::ImageFile::open(options.positional[0]);
     std::unique_ptr<Nuvek::Box> box;
     if (options.has("box"))
         box = std::make_unique<Nuvek::Box>(parseBox(options.get("box", ""), source->getExtent(level)));
@@ -382,7 +387,7 @@ int runCommand(std::vector<std::string> const& arguments)
              options.positional[1]);
     if (options.has("preview"))
     {
-        std::unique_ptr<Nuvek::Image> written = openInput(options.positional[1]);
+        std::unique_ptr<Nuvek::Image> written = Nuvek::ImageFile::open(options.positional[1]);
         writePreview(*written, options.get("preview", ""));
     }
     return 0;
@@ -433,14 +438,14 @@ after the slide (a large test input: --size 16384 --slide-only).
     std::string const slidePath = (directory / "0-slide.tif").string();
     {
         OutputSettings slideSettings = settings;
-        slideSettings.type = "uint8";
+        slideSettings.type = Nuvek::TiffSampleType::UInt8;
         Progress progress("0-slide.tif", quiet);
         if (!writeOutput(slide, slidePath, slideSettings,
                          [&](long long done, long long total, long long voxels) { progress.update(done, total, voxels); },
                          interrupted))
             throw Interrupted();
         progress.finish(slide.getExtent(0).prod() * 3);
-        std::unique_ptr<Nuvek::Image> written = openInput(slidePath);
+        std::unique_ptr<Nuvek::Image> written = Nuvek::ImageFile::open(slidePath);
         writePreview(*written, (directory / "0-slide.png").string());
         std::printf("  %-24s %6.2f s  synthetic slide with %zu nuclei\n", "0-slide.tif", progress.elapsedSeconds(),
                     slide.nuclei().size());
@@ -471,9 +476,9 @@ after the slide (a large test input: --size 16384 --slide-only).
     for (StageRun const& stage : stages)
     {
         std::string const output = (directory / stage.file).string();
-        std::unique_ptr<Nuvek::Image> source = openInput(previous);
+        std::unique_ptr<Nuvek::Image> source = Nuvek::ImageFile::open(previous);
         RunResult const result = runChain(*source, stage.chain, output, 0, nullptr, settings, quiet, stage.file);
-        std::unique_ptr<Nuvek::Image> written = openInput(output);
+        std::unique_ptr<Nuvek::Image> written = Nuvek::ImageFile::open(output);
         std::string const preview = (std::filesystem::path(output).replace_extension(".png")).string();
         writePreview(*written, preview);
         std::printf("  %-24s %6.2f s  %-34s %.1f Mvoxel/s  (nuvek run %s %s --chain '%s')\n", stage.file,
@@ -484,7 +489,7 @@ after the slide (a large test input: --size 16384 --slide-only).
     }
 
     // 3. How well the centres match the nuclei the slide was made with.
-    std::unique_ptr<Nuvek::Image> centresImage = openInput(previous);
+    std::unique_ptr<Nuvek::Image> centresImage = Nuvek::ImageFile::open(previous);
     std::vector<Centre> const centres = findCentres(*centresImage, 5.0, 5);
     std::vector<SyntheticSlide::Nucleus> const truth = slide.nuclei();
     long long const matched = matchCentres(truth, centres, 6.0);

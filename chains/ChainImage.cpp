@@ -1,20 +1,22 @@
-#include "ChainImage.h"
+#include <nuvek/chains/ChainImage.h>
+
+#include <nuvek/chains/FilterRegistry.h>
 
 #include <algorithm>
 #include <stdexcept>
 
-namespace NuvekTool {
+namespace Nuvek {
 
-ChainImage::ChainImage(ChainExpression const& expression, Nuvek::Image* source, int workers, long long level,
-                       Nuvek::Box const& box)
+ChainImage::ChainImage(ChainExpression const& expression, Image* source, int workers, long long level,
+                       Box const& box)
     : level(level), box(box)
 {
-    int const copies = isShareable(expression) ? 1 : std::max(1, workers);
+    int const copies = FilterRegistry::isShareable(expression) ? 1 : std::max(1, workers);
     for (int i = 0; i < copies; ++i)
-        chains.push_back(buildChain(expression, source));
+        chains.push_back(FilterRegistry::buildChain(expression, source));
     for (auto const& chain : chains)
         idle.push_back(chain.get());
-    Nuvek::Image& output = *chains.front()->output;
+    Image& output = *chains.front()->output;
     voxelSize = output.getVoxelSize(level);
     // Names are read once: getChannelName of a filter may update cached state. Some filters refuse
     // names they cannot attribute (a channel selection reports its input's names shifted); such a
@@ -32,7 +34,7 @@ ChainImage::ChainImage(ChainExpression const& expression, Nuvek::Image* source, 
     }
 }
 
-Nuvek::Vector ChainImage::getExtent(long long) const
+Vector ChainImage::getExtent(long long) const
 {
     return box.getExtent();
 }
@@ -47,24 +49,24 @@ long long ChainImage::getNumLevels() const
     return 1;
 }
 
-Nuvek::ValueRange<double> ChainImage::getValueRange() const
+ValueRange<double> ChainImage::getValueRange() const
 {
     return chains.front()->output->getValueRange();
 }
 
-Nuvek::Vector ChainImage::getVoxelSize(long long) const
+Vector ChainImage::getVoxelSize(long long) const
 {
     return voxelSize;
 }
 
-Nuvek::Vector ChainImage::getTileExtent() const
+Vector ChainImage::getTileExtent() const
 {
     return chains.front()->output->getTileExtent();
 }
 
-void ChainImage::openRegion(double* out, long long, Nuvek::Box const& request)
+void ChainImage::openRegion(double* out, long long, Box const& request)
 {
-    Nuvek::Box const shifted = request.translated(box.min);
+    Box const shifted = request.translated(box.min);
     if (chains.size() == 1)
     {
         chains.front()->output->openRegion(out, level, shifted);
@@ -105,4 +107,4 @@ std::uint64_t ChainImage::getHash()
     return 0;
 }
 
-} // namespace NuvekTool
+} // namespace Nuvek
