@@ -1,7 +1,7 @@
 #include <nuvek/filters/neighbourhood/LocalNormalizationFilter.h>
 
-#include <nuvek/filters/framework/BilinearRowPair.h>
-#include <nuvek/filters/framework/CacheTrim.h>
+#include "filters/internal/BilinearRowPair.h"
+#include "filters/internal/CacheTrim.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,8 +1,8 @@
 #include <nuvek/filters/resolution/UpsampleFilter.h>
 
 #include <nuvek/core/LockGuard.h>
-#include <nuvek/filters/framework/BilinearRowPair.h>
-#include <nuvek/filters/framework/CacheTrim.h>
+#include "filters/internal/BilinearRowPair.h"
+#include "filters/internal/CacheTrim.h"
 
 #include <algorithm>
 #include <cstdint>
