@@ -2,21 +2,14 @@
 
 #include <nuvek/chains/FilterRegistry.h>
 
-#include <algorithm>
 #include <stdexcept>
 
 namespace Nuvek {
 
-ChainImage::ChainImage(ChainExpression const& expression, Image* source, int workers, long long level,
-                       Box const& box)
-    : level(level), box(box)
+ChainImage::ChainImage(ChainExpression const& expression, Image* source, long long level, Box const& box)
+    : chain(FilterRegistry::buildChain(expression, source)), level(level), box(box)
 {
-    int const copies = FilterRegistry::isShareable(expression) ? 1 : std::max(1, workers);
-    for (int i = 0; i < copies; ++i)
-        chains.push_back(FilterRegistry::buildChain(expression, source));
-    for (auto const& chain : chains)
-        idle.push_back(chain.get());
-    Image& output = *chains.front()->output;
+    Image& output = *chain->output;
     voxelSize = output.getVoxelSize(level);
     // Names are read once: getChannelName of a filter may update cached state. Some filters refuse
     // names they cannot attribute (a channel selection reports its input's names shifted); such a
@@ -51,7 +44,7 @@ long long ChainImage::getNumLevels() const
 
 ValueRange<double> ChainImage::getValueRange() const
 {
-    return chains.front()->output->getValueRange();
+    return chain->output->getValueRange();
 }
 
 Vector ChainImage::getVoxelSize(long long) const
@@ -61,38 +54,12 @@ Vector ChainImage::getVoxelSize(long long) const
 
 Vector ChainImage::getTileExtent() const
 {
-    return chains.front()->output->getTileExtent();
+    return chain->output->getTileExtent();
 }
 
 void ChainImage::openRegion(double* out, long long, Box const& request)
 {
-    Box const shifted = request.translated(box.min);
-    if (chains.size() == 1)
-    {
-        chains.front()->output->openRegion(out, level, shifted);
-        return;
-    }
-    Chain* chain = nullptr;
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        released.wait(lock, [this] { return !idle.empty(); });
-        chain = idle.back();
-        idle.pop_back();
-    }
-    struct Return
-    {
-        ChainImage& owner;
-        Chain* chain;
-        ~Return()
-        {
-            {
-                std::lock_guard<std::mutex> lock(owner.mutex);
-                owner.idle.push_back(chain);
-            }
-            owner.released.notify_one();
-        }
-    } const giveBack{*this, chain};
-    chain->output->openRegion(out, level, shifted);
+    chain->output->openRegion(out, level, request.translated(box.min));
 }
 
 std::string ChainImage::getChannelName(long long index)

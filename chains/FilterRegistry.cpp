@@ -392,7 +392,6 @@ std::vector<FilterEntry> makeTable()
     add(Row("localnorm", "Background normalization against a coarser level of the same image.",
             {"LocalNormalizationFilter"}, buildLocalNorm)
             .with({integer("level", "4", "background level", integers(0, 3))})
-            .notShareable()
             .examplesOn(2, {"2"}));
     add(Row("distance", "Euclidean distance to the nearest voxel of a value, capped at max.",
             {"DistanceTransformFilter"}, buildDistance)
@@ -436,7 +435,6 @@ std::vector<FilterEntry> makeTable()
     add(Row("upsample", "Finer levels enlarged from one source level.", {"UpsampleFilter"}, buildUpsample)
             .with({integer("level", "", "source level", integers(0, 3)),
                    word("mode", "bilinear", "bilinear or nearest", choices({"bilinear", "nearest"}))})
-            .notShareable()
             .examplesOn(2, {"2", "1 nearest"}));
 
     // Colour.

@@ -1,7 +1,7 @@
 #include <nuvek/filters/neighbourhood/LocalNormalizationFilter.h>
 
 #include "filters/internal/BilinearRowPair.h"
-#include "filters/internal/CacheTrim.h"
+#include "filters/internal/WorkBufferPool.h"
 
 #include <algorithm>
 #include <cmath>
@@ -11,7 +11,7 @@ namespace Nuvek {
 
 namespace {
 
-// Between calls the cache holds at most this many values.
+// Between calls a cache holds at most this many values.
 constexpr std::size_t retainedCacheValues = 100000;
 
 // Conversion toward zero, refusing values whose box corners would not fit a 64-bit coordinate.
@@ -132,13 +132,16 @@ void normalizePerVoxel(double* out, Box const& box, double f, std::vector<double
 } // namespace
 
 LocalNormalizationFilter::LocalNormalizationFilter(Image* input, long long backgroundLevel, bool ownsInput)
-    : Filter(input, ownsInput), backgroundLevel(backgroundLevel)
+    : Filter(input, ownsInput), backgroundLevel(backgroundLevel),
+      caches(std::make_unique<WorkBufferPool>(retainedCacheValues))
 {
 }
 
+LocalNormalizationFilter::~LocalNormalizationFilter() = default;
+
 long long LocalNormalizationFilter::getCacheSize() const
 {
-    return static_cast<long long>(cache.size());
+    return static_cast<long long>(caches->getLastReturnedSize());
 }
 
 void LocalNormalizationFilter::openRegion(double* out, long long level, Box const& box)
@@ -159,7 +162,9 @@ void LocalNormalizationFilter::openRegion(double* out, long long level, Box cons
     Geometry const geometry{backgroundBox, backgroundBox.getExtent(),
                             BilinearColumns(box.min.x, box.max.x, f, backgroundBox.min.x, backgroundBox.max.x)};
 
-    CacheTrim trim(cache, retainedCacheValues);
+    // The borrowed cache goes back, cut to its retained size, also when the input throws.
+    WorkBufferPool::Loan loan = caches->take();
+    std::vector<double>& cache = loan.buffer();
     std::size_t const needed = static_cast<std::size_t>(backgroundBox.getSize() * numChannels);
     if (cache.size() < needed)
         cache.resize(needed);

@@ -1,6 +1,8 @@
 #include <nuvek/filters/neighbourhood/SeparableConvolutionFilter.h>
 #include "filters/internal/TargetClones.h"
 
+#include "filters/internal/SimdQuad.h"
+
 #include <stdexcept>
 
 namespace Nuvek {
@@ -80,11 +82,6 @@ void correlateAlongYInto(double* out, double const* work, Vector const& outputEx
 // together and where the row results are kept, so the results are the same to the bit.
 constexpr long long minimumFastWidth = 8;
 
-// Four doubles that the compiler keeps in one AVX register, or two SSE registers on processors
-// without AVX2. Every operation on them is the IEEE operation on each of the four lanes.
-typedef double Quad __attribute__((vector_size(4 * sizeof(double))));
-// The same, read from or written to any double in memory (aligned to a double, not to the vector).
-typedef double UnalignedQuad __attribute__((vector_size(4 * sizeof(double)), aligned(alignof(double)), may_alias));
 constexpr long long quadsPerBlock = 8;
 // Outputs computed together: enough independent sums to hide the latency of the additions.
 constexpr long long blockWidth = 4 * quadsPerBlock;

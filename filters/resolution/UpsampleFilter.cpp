@@ -1,8 +1,7 @@
 #include <nuvek/filters/resolution/UpsampleFilter.h>
 
-#include <nuvek/core/LockGuard.h>
 #include "filters/internal/BilinearRowPair.h"
-#include "filters/internal/CacheTrim.h"
+#include "filters/internal/WorkBufferPool.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -12,7 +11,7 @@ namespace Nuvek {
 
 namespace {
 
-// Between calls the cache holds at most this many values.
+// Between calls a cache holds at most this many values.
 constexpr std::size_t retainedCacheValues = 100000;
 
 long long clampTo(long long value, long long low, long long high)
@@ -30,17 +29,20 @@ double scaleFor(long long levelDifference)
 } // namespace
 
 UpsampleFilter::UpsampleFilter(Image* input, long long sourceLevel, Interpolation interpolation, bool ownsInput)
-    : Filter(input, ownsInput), sourceLevel(sourceLevel), interpolation(interpolation)
+    : Filter(input, ownsInput), sourceLevel(sourceLevel), interpolation(interpolation),
+      caches(std::make_unique<WorkBufferPool>(retainedCacheValues))
 {
 }
+
+UpsampleFilter::~UpsampleFilter() = default;
 
 long long UpsampleFilter::getCacheSize() const
 {
-    LockGuard guard(lock);
-    return static_cast<long long>(cache.size());
+    return static_cast<long long>(caches->getLastReturnedSize());
 }
 
-bool UpsampleFilter::readSource(long long level, Box const& box, double& scale, Box& sourceBox)
+bool UpsampleFilter::readSource(long long level, Box const& box, std::vector<double>& cache, double& scale,
+                                Box& sourceBox)
 {
     long long const numChannels = input->getNumChannels();
     scale = scaleFor(sourceLevel - level);
@@ -73,19 +75,20 @@ void UpsampleFilter::openRegion(double* out, long long level, Box const& box)
     if (sourceLevel - level >= 31)
         throw std::runtime_error("UpsampleFilter: cannot upsample by 31 or more levels.");
 
-    LockGuard guard(lock);
-    CacheTrim trim(cache, retainedCacheValues);
+    // The borrowed cache goes back, cut to its retained size, also when the input throws.
+    WorkBufferPool::Loan loan = caches->take();
     if (interpolation == Bilinear)
-        openRegionBilinear(out, level, box);
+        openRegionBilinear(out, level, box, loan.buffer());
     else if (interpolation == NearestNeighbor)
-        openRegionNearestNeighbor(out, level, box);
+        openRegionNearestNeighbor(out, level, box, loan.buffer());
 }
 
-void UpsampleFilter::openRegionNearestNeighbor(double* out, long long level, Box const& box)
+void UpsampleFilter::openRegionNearestNeighbor(double* out, long long level, Box const& box,
+                                               std::vector<double>& cache)
 {
     double scale = 1.0;
     Box sourceBox;
-    if (!readSource(level, box, scale, sourceBox))
+    if (!readSource(level, box, cache, scale, sourceBox))
         return;
     long long const numChannels = input->getNumChannels();
     Vector const boxExtent = box.getExtent();
@@ -123,11 +126,11 @@ void UpsampleFilter::openRegionNearestNeighbor(double* out, long long level, Box
         }
 }
 
-void UpsampleFilter::openRegionBilinear(double* out, long long level, Box const& box)
+void UpsampleFilter::openRegionBilinear(double* out, long long level, Box const& box, std::vector<double>& cache)
 {
     double scale = 1.0;
     Box sourceBox;
-    if (!readSource(level, box, scale, sourceBox))
+    if (!readSource(level, box, cache, scale, sourceBox))
         return;
     long long const numChannels = input->getNumChannels();
     Vector const boxExtent = box.getExtent();

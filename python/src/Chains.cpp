@@ -1,43 +1,15 @@
 #include "ImageBinding.h"
 
 #include <nuvek/NuvekChains.h>
-#include <nuvek/core/Filter.h>
 #include <nuvek/io/ImageFile.h>
 
 #include <pybind11/stl.h>
 
 #include <memory>
-#include <mutex>
 
 namespace NuvekPython {
 
 namespace {
-
-/// Passes everything to its input and takes openRegion calls one at a time.
-class SerialFilter : public Nuvek::Filter
-{
-public:
-    explicit SerialFilter(Nuvek::Image* input) : Nuvek::Filter(input, false) {}
-
-    void openRegion(double* out, long long level, Nuvek::Box const& box) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        input->openRegion(out, level, box);
-    }
-
-private:
-    std::mutex mutex;
-};
-
-/// A built chain as Python sees it. A chain with a filter that must not serve two threads at once
-/// is presented through a SerialFilter, since any Python thread may call open_region.
-struct PythonChain
-{
-    std::unique_ptr<Nuvek::Chain> chain;
-    std::unique_ptr<SerialFilter> serial;
-
-    Nuvek::Image* output() const { return serial ? static_cast<Nuvek::Image*>(serial.get()) : chain->output; }
-};
 
 char const* kindName(Nuvek::ParameterKind kind)
 {
@@ -116,27 +88,22 @@ examples (argument texts), example_input (stages that prepare an input for them)
 classes (the Python classes the filter is built as).
 )doc");
 
-    py::class_<PythonChain>(module, "Chain", R"doc(
+    py::class_<Nuvek::Chain>(module, "Chain", R"doc(
 A chain of filters built from a chain expression of the nuvek tool, such as
 "clamp | gaussian 5 | sobel magnitude 3", over a source image. The chain owns its filters and keeps
-the source alive; output is its last filter. When shareable is False, output serves one
-open_region call at a time.
+the source alive; output is its last filter. Any number of threads may open regions of it at once.
 )doc")
         .def(py::init([](std::string const& expression, Nuvek::Image* source) {
-                 auto built = std::make_unique<PythonChain>();
-                 built->chain = Nuvek::FilterRegistry::buildChain(Nuvek::parseChainExpression(expression), source);
-                 if (!built->chain->shareable)
-                     built->serial = std::make_unique<SerialFilter>(built->chain->output);
-                 return built;
+                 return Nuvek::FilterRegistry::buildChain(Nuvek::parseChainExpression(expression), source);
              }),
              py::arg("expression"), py::arg("source"), py::keep_alive<1, 3>())
         .def_property_readonly(
-            "output", [](PythonChain& chain) { return chain.output(); }, py::return_value_policy::reference_internal)
-        .def_property_readonly("shareable", [](PythonChain const& chain) { return chain.chain->shareable; })
+            "output", [](Nuvek::Chain& chain) { return chain.output; }, py::return_value_policy::reference_internal)
+        .def_property_readonly("shareable", [](Nuvek::Chain const& chain) { return chain.shareable; })
         .def(
             "open_region",
-            [](PythonChain& chain, long long level, Nuvek::Box const& box, py::object out) {
-                return openRegionArray(*chain.output(), level, box, std::move(out));
+            [](Nuvek::Chain& chain, long long level, Nuvek::Box const& box, py::object out) {
+                return openRegionArray(*chain.output, level, box, std::move(out));
             },
             py::arg("level"), py::arg("box"), py::arg("out") = py::none(), "output.open_region(level, box).");
 }

@@ -4,7 +4,6 @@
 
 #include <pybind11/stl.h>
 
-#include <mutex>
 
 namespace NuvekPython {
 
@@ -32,24 +31,6 @@ public:
 
 private:
     std::vector<py::object> kept;
-};
-
-/// LocalNormalizationFilter keeps a work vector per filter, so one filter must not serve two
-/// threads at once. From Python, where open_region runs without the interpreter lock and any thread
-/// may call it, the calls are taken one at a time instead.
-class SerialLocalNormalizationFilter : public Nuvek::LocalNormalizationFilter
-{
-public:
-    using Nuvek::LocalNormalizationFilter::LocalNormalizationFilter;
-
-    void openRegion(double* out, long long level, Box const& box) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        Nuvek::LocalNormalizationFilter::openRegion(out, level, box);
-    }
-
-private:
-    std::mutex mutex;
 };
 
 /// Lets Python subclasses of PixelProcessingFilter define process_pixel(values) and
@@ -199,12 +180,12 @@ void bindFilters(py::module_& module)
                  return new Nuvek::HarrisEigenvaluesFilter(input, kernelSize, false);
              }),
              py::arg("input"), py::arg("kernel_size"), keepInput);
-    py::class_<SerialLocalNormalizationFilter, Filter>(module, "LocalNormalizationFilter", R"doc(
+    py::class_<Nuvek::LocalNormalizationFilter, Filter>(module, "LocalNormalizationFilter", R"doc(
 Subtracts the input's background level, interpolated, and maps the difference into the input's
-range. Calls from several threads are served one at a time.
+range.
 )doc")
         .def(py::init([](Image* input, long long backgroundLevel) {
-                 return new SerialLocalNormalizationFilter(input, backgroundLevel, false);
+                 return new Nuvek::LocalNormalizationFilter(input, backgroundLevel, false);
              }),
              py::arg("input"), py::arg("background_level"), keepInput)
         .def("get_cache_size", &Nuvek::LocalNormalizationFilter::getCacheSize);

@@ -62,7 +62,7 @@ TEST(FaultInjection, UpsampleReleasesItsLockWhenItsSourceFails)
     source.arm(1);
     EXPECT_THROW(NuvekTest::openWhole(filter, 0, box), NuvekTest::InjectedFault);
     source.arm(0);
-    // Another thread must get the lock; a lock left held would block it for ever.
+    // Another thread must be served; a lock left held would block it for ever.
     auto other = std::async(std::launch::async, [&]() { return NuvekTest::openWhole(filter, 0, box); });
     ASSERT_EQ(other.wait_for(std::chrono::seconds(30)), std::future_status::ready) << "the lock was not released";
     EXPECT_EQ(other.get().size(), static_cast<std::size_t>(box.getSize()));

@@ -150,7 +150,6 @@ struct RunResult
 {
     long long voxels = 0;
     double seconds = 0.0;
-    int copies = 1;
 };
 
 // Writes the chain's result at a level and box to `output`; throws Interrupted when Ctrl-C stopped it.
@@ -165,7 +164,7 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
     Nuvek::Box const box = requested != nullptr ? *requested : Nuvek::Box(extent);
     if (box.isEmpty())
         throw std::runtime_error("the region to process is empty.");
-    Nuvek::ChainImage image(expression, &source, settings.threads, level, box);
+    Nuvek::ChainImage image(expression, &source, level, box);
 
     Progress progress(label, quiet);
     std::atomic<long long> voxelsDone{0};
@@ -180,7 +179,7 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
         throw Interrupted();
     long long const voxels = box.getSize() * image.getNumChannels();
     progress.finish(voxels);
-    return RunResult{voxels, progress.elapsedSeconds(), image.getNumCopies()};
+    return RunResult{voxels, progress.elapsedSeconds()};
 }
 
 // An option whose value names an enumerator; the message names the option ("--type must be ...").
@@ -233,10 +232,8 @@ Options:
   --preview FILE.png    also write a small PNG preview of the output
   --quiet               no progress bar and no summary
 
-Threads: the libraries create none; this tool runs tiles on its own pool. A chain whose filters may
-all serve several threads at once is built once and shared by the workers. A chain containing
-'localnorm' (whose work buffer must not serve two threads at once) or 'upsample' (which locks each
-call around its cache) is built once per worker thread instead, and each tile borrows a free copy.
+Threads: the libraries create none; this tool runs tiles on its own pool. The chain is built once
+and shared by the workers: every filter may serve several threads at once.
 
 The output appears only when complete: errors and Ctrl-C leave nothing behind. Exit status 2 for
 bad usage, unreadable input, an invalid chain or an unwritable output; 130 when interrupted.
