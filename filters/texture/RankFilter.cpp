@@ -258,9 +258,8 @@ constexpr std::array<Comparator, countComparators(n)> sortingNetwork()
 }
 
 // Sorts the k * k values of four neighbouring windows, one per lane, with a fixed network and keeps
-// the rank. Only
-// valid where the windows hold neither NaN nor -0.0: there min and max order the values exactly as
-// the keys do, and equal values have equal bits.
+// the rank. Only valid where the windows hold neither NaN nor -0.0: there min and max order the
+// values exactly as the keys do, and equal values have equal bits.
 template <int k>
 inline __attribute__((always_inline)) void rankOfFourWindows(double const* topLeft, long long width, long long rank,
                                                              double* target)
