@@ -1,6 +1,6 @@
-#include <nuvek/filters/colour/Absorptance.h>
+#include "filters/internal/Absorptance.h"
 
-#include <nuvek/filters/framework/TargetClones.h>
+#include "filters/internal/TargetClones.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,6 @@
 #include <nuvek/filters/neighbourhood/LocalNormalizationFilter.h>
 
-#include <nuvek/filters/framework/BilinearRowPair.h>
-
+#include "filters/internal/BilinearRowPair.h"
 #include "filters/internal/SourcePlanes.h"
 #include "filters/internal/WorkBufferPool.h"
 

@@ -1,5 +1,5 @@
 #include <nuvek/filters/neighbourhood/SeparableConvolutionFilter.h>
-#include <nuvek/filters/framework/TargetClones.h>
+#include "filters/internal/TargetClones.h"
 
 #include "filters/internal/SimdQuad.h"
 

@@ -1,7 +1,6 @@
 #include <nuvek/filters/resolution/UpsampleFilter.h>
 
-#include <nuvek/filters/framework/BilinearRowPair.h>
-
+#include "filters/internal/BilinearRowPair.h"
 #include "filters/internal/SourcePlanes.h"
 #include "filters/internal/WorkBufferPool.h"
 

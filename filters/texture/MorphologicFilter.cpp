@@ -1,7 +1,7 @@
 #include <nuvek/filters/texture/MorphologicFilter.h>
 
-#include <nuvek/filters/framework/TargetClones.h>
-#include <nuvek/filters/texture/OrderSensitivity.h>
+#include "filters/internal/TargetClones.h"
+#include "filters/internal/OrderSensitivity.h"
 
 #include "filters/internal/MorphologicPasses.h"
 

@@ -1,7 +1,7 @@
 #include <nuvek/filters/texture/RankFilter.h>
 
-#include <nuvek/filters/framework/TargetClones.h>
-#include <nuvek/filters/texture/OrderSensitivity.h>
+#include "filters/internal/TargetClones.h"
+#include "filters/internal/OrderSensitivity.h"
 
 #include "filters/internal/RankPasses.h"
 #include "filters/internal/SimdQuad.h"

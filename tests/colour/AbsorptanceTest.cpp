@@ -1,4 +1,4 @@
-#include <nuvek/filters/colour/Absorptance.h>
+#include "filters/internal/Absorptance.h"
 
 #include "support/VoxelCompare.h"
 

@@ -98,8 +98,7 @@ TEST(Concurrency, EveryShareableFilterGivesTheSerialResultOnManyThreads)
         std::mt19937_64 random(1000 + static_cast<unsigned>(cases));
         auto source = NuvekTest::randomImage(random, Vector(181, 149, 1), test.channels, {0.0, 255.0, 0.01});
         source->setValueRange(Nuvek::ValueRange<double>(0, 255));
-        NuvekTest::Keep keep;
-        std::unique_ptr<Nuvek::Image> filter = test.make(source.get(), keep);
+        std::unique_ptr<Nuvek::Image> filter = test.make(source.get());
         std::vector<Request> const requests = requestsFor(*filter, random);
 
         std::vector<std::vector<double>> serial;
@@ -147,8 +146,7 @@ TEST(Concurrency, TwoCallsRunInsideEveryShareableFilterAtOnce)
         auto values = NuvekTest::randomImage(random, Vector(64, 48, 1), test.channels, {0.0, 255.0, 0.0});
         values->setValueRange(Nuvek::ValueRange<double>(0, 255));
         MeetingImage source(values);
-        NuvekTest::Keep keep;
-        std::unique_ptr<Nuvek::Image> filter = test.make(&source, keep);
+        std::unique_ptr<Nuvek::Image> filter = test.make(&source);
         Box const box(Vector(-2, 3, 0), Vector(40, 30, 0));
 
         std::vector<double> first;

@@ -28,8 +28,7 @@ TEST(FaultInjection, EveryFilterPassesTheFaultOnAndRecovers)
         auto values = NuvekTest::randomImage(random, Vector(67, 53, 1), test.channels, {0.0, 255.0, 0.0});
         values->setValueRange(Nuvek::ValueRange<double>(0, 255));
         NuvekTest::FaultyImage source(values);
-        NuvekTest::Keep keep;
-        std::unique_ptr<Nuvek::Image> filter = test.make(&source, keep);
+        std::unique_ptr<Nuvek::Image> filter = test.make(&source);
         for (long long level = 0; level < 2; ++level)
         {
             Box const box(Vector(-3, 5, 0), Vector(40 >> level, 30 >> level, 0));
