@@ -73,6 +73,7 @@ struct SlideImage::Internals
     std::vector<Vector> extents;
     Vector levelZero;
     Vector voxelSize{1, 1, 1};
+    bool voxelSizeGiven = false;
     Vector tileExtent{256, 256, 1};
 
     [[noreturn]] void fail(std::string const& problem) const
@@ -147,10 +148,13 @@ SlideImage::SlideImage(std::string const& path) : internals(std::make_unique<Int
     char const* micronsY = openslide_get_property_value(state.slide, OPENSLIDE_PROPERTY_NAME_MPP_Y);
     long long const tiffX = nanometresFromTiff(state.slide, "tiff.XResolution");
     long long const tiffY = nanometresFromTiff(state.slide, "tiff.YResolution");
+    state.voxelSizeGiven = true;
     if (micronsX != nullptr && micronsY != nullptr)
         state.voxelSize = Vector(nanometresFrom(micronsX), nanometresFrom(micronsY), 1);
     else if (tiffX > 0 && tiffY > 0)
         state.voxelSize = Vector(tiffX, tiffY, 1);
+    else
+        state.voxelSizeGiven = false;
     char const* tileWidth = openslide_get_property_value(state.slide, "openslide.level[0].tile-width");
     char const* tileHeight = openslide_get_property_value(state.slide, "openslide.level[0].tile-height");
     if (tileWidth != nullptr && tileHeight != nullptr)
@@ -225,6 +229,11 @@ std::uint64_t SlideImage::getHash()
 bool SlideImage::hasLevel(long long level) const
 {
     return level >= 0 && level < getNumLevels() && internals->openslideLevel[static_cast<std::size_t>(level)] != -1;
+}
+
+bool SlideImage::knowsVoxelSize() const
+{
+    return internals->voxelSizeGiven;
 }
 
 std::string SlideImage::getProperty(std::string const& name) const

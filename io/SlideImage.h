@@ -57,6 +57,8 @@ public:
 
     /// Whether the slide holds this level.
     bool hasLevel(long long level) const;
+    /// Whether the slide gives its voxel size (else getVoxelSize() is the stand-in (1, 1, 1) nm).
+    bool knowsVoxelSize() const;
     /// The value of one of OpenSlide's properties of the slide ("openslide.vendor", ...), or "".
     std::string getProperty(std::string const& name) const;
 

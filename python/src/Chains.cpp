@@ -45,9 +45,10 @@ struct PythonChain
 
 void bindChains(py::module_& module)
 {
-    module.def("open_image", &NuvekTool::openInput, py::arg("path"), R"doc(
-Opens an image file as the nuvek tool does: whole-slide formats (.svs, .ndpi, .mrxs, .scn, .vms,
-.vmu, .bif, .svslide) as a SlideImage, anything else as a TiffImage.
+    module.def("open_image", &NuvekTool::openInput, py::arg("path"), py::arg("time") = 0, R"doc(
+Opens an image file as the nuvek tool does, choosing the reader by the file's content: a vendor
+whole-slide format that OpenSlide recognises as a SlideImage, plain, OME and ImageJ TIFF as a
+TiffImage, whatever the file's name. time picks the time point of a file with several.
 )doc");
 
     module.def(

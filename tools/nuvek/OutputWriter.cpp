@@ -1,8 +1,7 @@
 #include "OutputWriter.h"
 
+#include <nuvek/io/ImageOpener.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
-#include <nuvek/io/SlideImage.h>
-#include <nuvek/io/TiffImage.h>
 
 #include <algorithm>
 #include <cctype>
@@ -32,18 +31,9 @@ bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings co
     return Nuvek::writePyramidalTiff(image, path, options);
 }
 
-std::unique_ptr<Nuvek::Image> openInput(std::string const& path)
+std::unique_ptr<Nuvek::Image> openInput(std::string const& path, long long timePoint)
 {
-    if (!std::filesystem::exists(path))
-        throw std::runtime_error("cannot read " + path + ": no such file.");
-    std::string extension = std::filesystem::path(path).extension().string();
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    static char const* const slideExtensions[] = {".svs", ".ndpi", ".mrxs", ".scn", ".vms", ".vmu", ".bif", ".svslide"};
-    for (char const* slideExtension : slideExtensions)
-        if (extension == slideExtension)
-            return std::make_unique<Nuvek::SlideImage>(path);
-    return std::make_unique<Nuvek::TiffImage>(path);
+    return Nuvek::openImage(path, timePoint);
 }
 
 } // namespace NuvekTool

@@ -25,7 +25,7 @@ struct OutputSettings
 bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings const& settings,
                  std::function<void(long long, long long, long long)> const& progress, std::atomic<bool> const& cancel);
 
-/// Opens an image file: whole-slide formats through the slide reader, everything else as TIFF.
-std::unique_ptr<Nuvek::Image> openInput(std::string const& path);
+/// Opens an image file with the reader its content calls for (Nuvek::openImage), at one time point.
+std::unique_ptr<Nuvek::Image> openInput(std::string const& path, long long timePoint = 0);
 
 } // namespace NuvekTool
