@@ -611,14 +611,33 @@ struct TiffImage::Internals
         return *planes[static_cast<std::size_t>(pageChannel + pageChannels * z)][static_cast<std::size_t>(level)];
     }
 
+    void readMetadata(TiffHandle& handle, Page const& firstPage, std::vector<Stack> const& stacks, long long time);
     void findLevels(std::vector<Stack> const& stacks, Arrangement const& arrangement);
-    void readDescriptions(TiffHandle& handle, FileMetadata& metadata);
     void findVoxelSize(TiffHandle& handle, FileMetadata const& metadata, std::string const& description);
     void findValueRange(TiffHandle& handle, FileMetadata const& metadata);
-    void nameChannels(FileMetadata const& metadata);
+    void nameChannels(std::vector<std::string> const& givenNames);
     void measureValueRange();
     void readPlanes(Reader& reader, double* out, long long level, Box const& box, Box const& inside);
 };
+
+// Pass 3: what the first page's tags and description say: which pages are which planes, the
+// channel names, the voxel size and the value range.
+void TiffImage::Internals::readMetadata(TiffHandle& handle, Page const& firstPage, std::vector<Stack> const& stacks,
+                                        long long time)
+{
+    handle.clearError();
+    if (TIFFSetSubDirectory(handle.get(), firstPage.offset) != 1)
+        handle.fail("cannot read the first image directory again");
+    std::string const description = descriptionOf(handle);
+    FileMetadata const metadata = metadataOf(description);
+    Arrangement const arrangement = arrangePlanes(metadata, stacks, time, handle);
+    pageChannels = arrangement.channels;
+    depth = arrangement.slices;
+    findLevels(stacks, arrangement);
+    nameChannels(arrangement.channels == metadata.channels ? metadata.channelNames : std::vector<std::string>());
+    findVoxelSize(handle, metadata, description);
+    findValueRange(handle, metadata);
+}
 
 // A level is present when every plane used has it, with one extent.
 void TiffImage::Internals::findLevels(std::vector<Stack> const& stacks, Arrangement const& arrangement)
@@ -703,7 +722,7 @@ void TiffImage::Internals::findValueRange(TiffHandle& handle, FileMetadata const
         rangeGiven = false;
 }
 
-void TiffImage::Internals::nameChannels(FileMetadata const& metadata)
+void TiffImage::Internals::nameChannels(std::vector<std::string> const& givenNames)
 {
     long long const samples = first.channels();
     bool const rgb = first.photometric == PHOTOMETRIC_RGB || first.photometric == PHOTOMETRIC_YCBCR;
@@ -711,8 +730,8 @@ void TiffImage::Internals::nameChannels(FileMetadata const& metadata)
         for (long long sample = 0; sample < samples; ++sample)
         {
             long long const index = pageChannel * samples + sample;
-            std::string const given = static_cast<std::size_t>(pageChannel) < metadata.channelNames.size()
-                                          ? metadata.channelNames[static_cast<std::size_t>(pageChannel)]
+            std::string const given = static_cast<std::size_t>(pageChannel) < givenNames.size()
+                                          ? givenNames[static_cast<std::size_t>(pageChannel)]
                                           : "";
             static char const* const colours[] = {"Red", "Green", "Blue"};
             std::string name = rgb && sample < 3 ? colours[sample] : "Channel " + std::to_string(index);
@@ -779,18 +798,7 @@ TiffImage::TiffImage(std::string const& path, long long timePoint) : internals(s
     Directories const directories = readDirectories(handle);
     std::vector<Stack> const stacks = sortPages(handle, directories, state.pages);
 
-    handle.clearError();
-    if (TIFFSetSubDirectory(handle.get(), directories.main.front().offset) != 1)
-        handle.fail("cannot read the first image directory again");
-    std::string const description = descriptionOf(handle);
-    FileMetadata const metadata = metadataOf(description);
-    Arrangement const arrangement = arrangePlanes(metadata, stacks, timePoint, handle);
-    state.pageChannels = arrangement.channels;
-    state.depth = arrangement.slices;
-    state.findLevels(stacks, arrangement);
-    state.nameChannels(metadata);
-    state.findVoxelSize(handle, metadata, description);
-    state.findValueRange(handle, metadata);
+    state.readMetadata(handle, directories.main.front(), stacks, timePoint);
     reader->selected = 0;
     state.giveBack(std::move(reader));
     if (!state.rangeGiven)

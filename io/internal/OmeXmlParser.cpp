@@ -122,10 +122,26 @@ void placePlanes(long long ifd, long long first, long long planeCount, long long
     }
 }
 
-// One TiffData element: PlaneCount planes from (FirstC, FirstZ, FirstT) on pages IFD on; one plane
-// when IFD is given without PlaneCount, every plane when neither is.
-void placeTiffData(xmlNode* data, long long const sizes[3], long long const stride[3], FileMetadata& metadata)
+// The text of an element, without surrounding white space.
+std::string textOf(xmlNode* node)
 {
+    xmlChar* content = xmlNodeGetContent(node);
+    std::string text = content == nullptr ? "" : reinterpret_cast<char const*>(content);
+    xmlFree(content);
+    std::size_t const first = text.find_first_not_of(" \t\r\n");
+    std::size_t const last = text.find_last_not_of(" \t\r\n");
+    return first == std::string::npos ? "" : text.substr(first, last - first + 1);
+}
+
+// One TiffData element: PlaneCount planes from (FirstC, FirstZ, FirstT) on pages IFD on; one plane
+// when IFD is given without PlaneCount, every plane when neither is. Planes in another file of a
+// multi-file set (a UUID other than this file's own) are left unplaced.
+void placeTiffData(xmlNode* data, std::string const& fileUuid, long long const sizes[3], long long const stride[3],
+                   FileMetadata& metadata)
+{
+    xmlNode* uuid = firstChild(data, "UUID");
+    if (uuid != nullptr && !fileUuid.empty() && textOf(uuid) != fileUuid)
+        return;
     bool const hasIfd = xmlHasProp(data, reinterpret_cast<xmlChar const*>("IFD")) != nullptr;
     long long const first = count(data, "FirstC", 0) * stride[0] + count(data, "FirstZ", 0) * stride[1] +
                             count(data, "FirstT", 0) * stride[2];
@@ -133,7 +149,7 @@ void placeTiffData(xmlNode* data, long long const sizes[3], long long const stri
     placePlanes(count(data, "IFD", 0), first, planeCount, sizes, stride, metadata);
 }
 
-void readPlanes(xmlNode* pixels, FileMetadata& metadata)
+void readPlanes(xmlNode* pixels, std::string const& fileUuid, FileMetadata& metadata)
 {
     long long const sizes[3] = {metadata.channels, metadata.slices, metadata.frames};
     long long stride[3] = {0, 0, 0};
@@ -150,13 +166,13 @@ void readPlanes(xmlNode* pixels, FileMetadata& metadata)
         if (named(child, "TiffData"))
         {
             anyTiffData = true;
-            placeTiffData(child, sizes, stride, metadata);
+            placeTiffData(child, fileUuid, sizes, stride, metadata);
         }
     if (!anyTiffData)
         placePlanes(0, 0, sizes[0] * sizes[1] * sizes[2], sizes, stride, metadata);
 }
 
-void readPixels(xmlNode* pixels, FileMetadata& metadata)
+void readPixels(xmlNode* pixels, std::string const& fileUuid, FileMetadata& metadata)
 {
     long long const sizeC = count(pixels, "SizeC", 0);
     metadata.slices = count(pixels, "SizeZ", 0);
@@ -168,7 +184,7 @@ void readPixels(xmlNode* pixels, FileMetadata& metadata)
         metadata = FileMetadata();
         return;
     }
-    readPlanes(pixels, metadata);
+    readPlanes(pixels, fileUuid, metadata);
     metadata.sizeX = size(pixels, "PhysicalSizeX");
     metadata.sizeY = size(pixels, "PhysicalSizeY");
     metadata.sizeZ = size(pixels, "PhysicalSizeZ");
@@ -191,8 +207,10 @@ FileMetadata OmeXmlParser::parse(std::string const& xml)
     if (root == nullptr || !named(root, "OME"))
         return metadata;
     xmlNode* pixels = firstChild(firstChild(root, "Image"), "Pixels");
+    std::string fileUuid;
+    attribute(root, "UUID", fileUuid);
     if (pixels != nullptr)
-        readPixels(pixels, metadata);
+        readPixels(pixels, fileUuid, metadata);
     return metadata;
 }
 
