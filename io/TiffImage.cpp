@@ -3,6 +3,7 @@
 #include <nuvek/io/TiffHandle.h>
 
 #include "io/internal/ImageJDescriptionParser.h"
+#include "io/internal/Jpeg2000Decoder.h"
 #include "io/internal/OmeXmlParser.h"
 
 #include <algorithm>
@@ -41,12 +42,15 @@ struct Page
     std::string name;
     std::vector<std::uint64_t> subOffsets;
 
+    // JPEG 2000 (Aperio's two kinds included), which libtiff cannot decode: through libopenjp2.
+    bool jpeg2000() const { return compression == 33003 || compression == 33005 || compression == 34712; }
+
     // Old-style JPEG and YCbCr that is not JPEG-compressed are decoded through libtiff's RGBA
     // interface, as 8-bit red, green and blue.
     bool throughRgba() const
     {
-        return compression == COMPRESSION_OJPEG ||
-               (photometric == PHOTOMETRIC_YCBCR && compression != COMPRESSION_JPEG);
+        return !jpeg2000() && (compression == COMPRESSION_OJPEG ||
+                               (photometric == PHOTOMETRIC_YCBCR && compression != COMPRESSION_JPEG));
     }
 
     long long channels() const { return throughRgba() ? 3 : samples; }
@@ -141,8 +145,11 @@ void checkPage(TiffHandle& handle, Page const& page)
                     " (8, 16 and 32-bit integers and 32 and 64-bit floating point are supported)");
     if (page.samples == 0)
         handle.fail("the image has no samples per pixel");
-    if (TIFFIsCODECConfigured(page.compression) == 0)
+    if (!page.jpeg2000() && TIFFIsCODECConfigured(page.compression) == 0)
         handle.fail("unsupported compression " + compressionName(page.compression));
+    if (page.jpeg2000() && (page.format != SAMPLEFORMAT_UINT || page.bits > 16 || page.planar != PLANARCONFIG_CONTIG ||
+                            (page.compression == 33003 && (page.samples != 3 || page.bits != 8))))
+        handle.fail("JPEG 2000 is supported with contiguous 8 or 16-bit unsigned samples (33003: three of 8 bits)");
     if (page.throughRgba() && (page.bits != 8 || page.format != SAMPLEFORMAT_UINT || page.samples < 3))
         handle.fail("YCbCr and old-style JPEG are supported with three 8-bit samples only");
     if (page.planar != PLANARCONFIG_CONTIG && page.planar != PLANARCONFIG_SEPARATE)
@@ -260,7 +267,58 @@ struct Reader
     TiffHandle handle;
     std::uint64_t selected = 0;
     std::vector<unsigned char> scratch;
+    std::vector<unsigned char> raw;
 };
+
+// The bytes one decoded tile or strip takes.
+tmsize_t blockSize(Reader& reader, Page const& page)
+{
+    if (!page.jpeg2000())
+        return page.tiled ? TIFFTileSize(reader.handle.get()) : TIFFStripSize(reader.handle.get());
+    long long const width = page.tiled ? page.tileWidth : page.width;
+    long long const height = page.tiled ? page.tileHeight : page.rowsPerStrip;
+    long long const size = width * height * page.samples * (page.bits / 8);
+    return size > TiffHandle::maxAllocation ? 0 : static_cast<tmsize_t>(size);
+}
+
+// Decodes one JPEG 2000 tile or strip, which libtiff hands over as it is stored.
+void decodeJpeg2000(Reader& reader, Page const& page, std::uint32_t index, unsigned char* block)
+{
+    TIFF* tiff = reader.handle.get();
+    std::uint64_t const bytes = TIFFGetStrileByteCount(tiff, index);
+    if (bytes == 0 || bytes > static_cast<std::uint64_t>(TiffHandle::maxAllocation))
+        reader.handle.fail("block " + std::to_string(index) + " has no data or too much (" + std::to_string(bytes) +
+                           " bytes)");
+    reader.raw.resize(static_cast<std::size_t>(bytes));
+    tmsize_t const read = page.tiled ? TIFFReadRawTile(tiff, index, reader.raw.data(), static_cast<tmsize_t>(bytes))
+                                     : TIFFReadRawStrip(tiff, index, reader.raw.data(), static_cast<tmsize_t>(bytes));
+    if (read <= 0)
+        reader.handle.fail("cannot read block " + std::to_string(index));
+    try
+    {
+        Jpeg2000Decoder::decode(reader.raw.data(), static_cast<std::size_t>(read),
+                                page.tiled ? page.tileWidth : page.width, page.tiled ? page.tileHeight : page.rowsPerStrip,
+                                page.samples, page.bits / 8, page.compression == 33003, block);
+    }
+    catch (std::runtime_error const& error)
+    {
+        reader.handle.fail("cannot decode block " + std::to_string(index) + ": " + error.what());
+    }
+}
+
+// Decodes tile or strip `index` into `block` (size bytes, zeroed first: a damaged block may decode
+// short without an error, and what it lacks then reads as 0 rather than as what the buffer held).
+void decodeBlock(Reader& reader, Page const& page, std::uint32_t index, unsigned char* block, tmsize_t size)
+{
+    std::memset(block, 0, static_cast<std::size_t>(size));
+    reader.handle.clearError();
+    if (page.jpeg2000())
+        decodeJpeg2000(reader, page, index, block);
+    else if (page.tiled && TIFFReadEncodedTile(reader.handle.get(), index, block, size) < 0)
+        reader.handle.fail("cannot decode tile " + std::to_string(index));
+    else if (!page.tiled && TIFFReadEncodedStrip(reader.handle.get(), index, block, size) < 0)
+        reader.handle.fail("cannot decode strip " + std::to_string(index));
+}
 
 // The part of `out` that one page of the request fills: slice z, channels from firstChannel on.
 struct Target
@@ -303,7 +361,7 @@ void readTiles(Reader& reader, Page const& page, Box const& inside, Target const
     TIFF* tiff = reader.handle.get();
     long long const tileWidth = page.tileWidth;
     long long const tileHeight = page.tileHeight;
-    tmsize_t const tileSize = TIFFTileSize(tiff);
+    tmsize_t const tileSize = blockSize(reader, page);
     unsigned char* tile = reader.scratchOf(tileSize);
     long long const planes = page.planar == PLANARCONFIG_SEPARATE ? page.samples : 1;
     for (long long tileY = inside.min.y / tileHeight * tileHeight; tileY <= inside.max.y; tileY += tileHeight)
@@ -317,12 +375,7 @@ void readTiles(Reader& reader, Page const& page, Box const& inside, Target const
                 ttile_t const index = TIFFComputeTile(tiff, static_cast<std::uint32_t>(tileX),
                                                       static_cast<std::uint32_t>(tileY), 0,
                                                       static_cast<std::uint16_t>(plane));
-                // A damaged block may decode short without an error; what it lacks then reads as 0
-                // rather than as whatever the buffer held before.
-                std::memset(tile, 0, static_cast<std::size_t>(tileSize));
-                reader.handle.clearError();
-                if (TIFFReadEncodedTile(tiff, index, tile, tileSize) < 0)
-                    reader.handle.fail("cannot decode tile " + std::to_string(index));
+                decodeBlock(reader, page, index, tile, tileSize);
                 ++decoded;
                 copyBlock(page, tile, tileX, tileY, tileWidth, part, target, plane);
             }
@@ -333,7 +386,7 @@ void readStrips(Reader& reader, Page const& page, Box const& inside, Target cons
 {
     TIFF* tiff = reader.handle.get();
     long long const rows = page.rowsPerStrip;
-    tmsize_t const stripSize = TIFFStripSize(tiff);
+    tmsize_t const stripSize = blockSize(reader, page);
     unsigned char* strip = reader.scratchOf(stripSize);
     long long const planes = page.planar == PLANARCONFIG_SEPARATE ? page.samples : 1;
     for (long long stripY = inside.min.y / rows * rows; stripY <= inside.max.y; stripY += rows)
@@ -344,10 +397,7 @@ void readStrips(Reader& reader, Page const& page, Box const& inside, Target cons
         {
             tstrip_t const index =
                 TIFFComputeStrip(tiff, static_cast<std::uint32_t>(stripY), static_cast<std::uint16_t>(plane));
-            std::memset(strip, 0, static_cast<std::size_t>(stripSize));
-            reader.handle.clearError();
-            if (TIFFReadEncodedStrip(tiff, index, strip, stripSize) < 0)
-                reader.handle.fail("cannot decode strip " + std::to_string(index));
+            decodeBlock(reader, page, index, strip, stripSize);
             ++decoded;
             copyBlock(page, strip, 0, stripY, page.width, part, target, plane);
         }
