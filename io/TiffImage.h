@@ -12,7 +12,10 @@ namespace Nuvek {
 ///
 /// Samples: 8, 16 or 32-bit integers, unsigned or signed, and 32 or 64-bit floating point; one or
 /// more samples per pixel, stored contiguously or in separate planes; strips or tiles; any
-/// compression that libtiff decodes. JPEG in YCbCr is delivered as RGB; old-style JPEG and YCbCr
+/// compression that libtiff decodes, and JPEG 2000 (34712, and Aperio's 33003 and 33005) through
+/// libopenjp2 (8 or 16-bit unsigned, contiguous; Aperio's YCbCr kind is delivered as RGB, with the
+/// JFIF equations, so a voxel may differ by one step from OpenSlide's own conversion). JPEG in
+/// YCbCr is delivered as RGB; old-style JPEG and YCbCr
 /// that is not JPEG-compressed (subsampled chroma included) are decoded through libtiff's RGBA
 /// interface as three 8-bit channels red, green and blue (an alpha sample is not delivered). A
 /// voxel's value is the stored sample, unscaled: 0 to 255 for 8 bits. A palette (indexed) image
