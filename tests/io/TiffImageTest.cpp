@@ -745,3 +745,89 @@ TEST(TiffImage, VoxelSizeComesFromAperioWhenTheTagsSayNothing)
     EXPECT_EQ(image.getVoxelSize(0), Vector(499, 499, 1));
     EXPECT_TRUE(image.knowsVoxelSize());
 }
+
+TEST(TiffImage, OldStyleJpegReadsLikeLibtiffsOwnRgbaDecode)
+{
+    NuvekTest::TemporaryDirectory directory;
+    // A complete JPEG stream (tables inline, 2 x 2 chroma subsampling), taken from a strip that
+    // libtiff writes itself, then wrapped as an old-style JPEG file pointing at it.
+    std::uint32_t const width = 40;
+    std::uint32_t const height = 24;
+    auto colour = [](long long x, long long y, long long c) {
+        return static_cast<double>((c == 0 ? 4 * x : (c == 1 ? 6 * y : 2 * (x + y))) % 256);
+    };
+    std::string const source = directory.path("source.tif");
+    std::vector<unsigned char> stream;
+    {
+        TIFF* tiff = TIFFOpen(source.c_str(), "w");
+        ASSERT_NE(tiff, nullptr);
+        TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, width);
+        TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, height);
+        TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
+        TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 3);
+        TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+        TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_JPEG);
+        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_YCBCR);
+        TIFFSetField(tiff, TIFFTAG_JPEGTABLESMODE, 0);
+        TIFFSetField(tiff, TIFFTAG_JPEGQUALITY, 95);
+        TIFFSetField(tiff, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
+        TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, height);
+        std::vector<unsigned char> row(width * 3);
+        for (std::uint32_t y = 0; y < height; ++y)
+        {
+            for (std::uint32_t x = 0; x < width; ++x)
+                for (int c = 0; c < 3; ++c)
+                    row[x * 3 + c] = static_cast<unsigned char>(colour(x, y, c));
+            ASSERT_EQ(TIFFWriteScanline(tiff, row.data(), y, 0), 1);
+        }
+        TIFFClose(tiff);
+        tiff = TIFFOpen(source.c_str(), "r");
+        stream.resize(static_cast<std::size_t>(TIFFRawStripSize(tiff, 0)));
+        ASSERT_GT(TIFFReadRawStrip(tiff, 0, stream.data(), static_cast<tmsize_t>(stream.size())), 0);
+        TIFFClose(tiff);
+    }
+    std::uint32_t const length = static_cast<std::uint32_t>(stream.size());
+    std::string const path = directory.path("ojpeg.tif");
+    NuvekTest::writeBytes(path, NuvekTest::rawTiff({{256, 3, 1, width},
+                                                    {257, 3, 1, height},
+                                                    {258, 3, 1, 8},
+                                                    {259, 3, 1, COMPRESSION_OJPEG},
+                                                    {262, 3, 1, PHOTOMETRIC_YCBCR},
+                                                    {273, 4, 1, 8},
+                                                    {277, 3, 1, 3},
+                                                    {278, 3, 1, height},
+                                                    {279, 4, 1, length},
+                                                    {513, 4, 1, 8},
+                                                    {514, 4, 1, length},
+                                                    {530, 3, 2, 2 + (2u << 16)}},
+                                                   stream));
+    std::vector<std::uint32_t> raster(width * height);
+    {
+        TIFF* tiff = TIFFOpen(path.c_str(), "r");
+        ASSERT_NE(tiff, nullptr);
+        ASSERT_EQ(TIFFReadRGBAImageOriented(tiff, width, height, raster.data(), ORIENTATION_TOPLEFT, 0), 1);
+        TIFFClose(tiff);
+    }
+    TiffImage image(path);
+    ASSERT_EQ(image.getNumChannels(), 3);
+    EXPECT_EQ(image.getChannelName(2), "Blue");
+    Box const box(Vector(-1, 3, 0), Vector(width, height - 2, 0));
+    std::vector<double> const values = NuvekTest::openWhole(image, 0, box);
+    Vector const extent = box.getExtent();
+    double largest = 0.0;
+    long long mismatches = 0;
+    for (long long c = 0; c < 3; ++c)
+        for (long long y = box.min.y; y <= box.max.y; ++y)
+            for (long long x = box.min.x; x <= box.max.x; ++x)
+            {
+                double const value = values[static_cast<std::size_t>((c * extent.y + y - box.min.y) * extent.x + x + 1)];
+                bool const inside = x >= 0 && x < width;
+                std::uint32_t const pixel = inside ? raster[static_cast<std::size_t>(y * width + x)] : 0;
+                mismatches += value != static_cast<double>((pixel >> (8 * c)) & 0xff);
+                if (inside)
+                    largest = std::max(largest, std::fabs(value - colour(x, y, c)));
+            }
+    EXPECT_EQ(mismatches, 0);
+    // And it is the picture that was written, within what JPEG at quality 95 loses.
+    EXPECT_LE(largest, 16.0);
+}
