@@ -544,6 +544,19 @@ Arrangement arrangeAsSlices(std::vector<Stack> const& stacks)
     return arrangement;
 }
 
+// The stack that holds page `page`, or SIZE_MAX. Pages in order (ImageJ, OME without TiffData)
+// count the stacks; OME's TiffData numbers count the pages of the main chain.
+std::size_t stackOfPage(long long page, bool mainChainNumbers, std::vector<std::size_t> const& stackOfMain,
+                        std::size_t stacks)
+{
+    if (page < 0)
+        return SIZE_MAX;
+    std::size_t const index = static_cast<std::size_t>(page);
+    if (mainChainNumbers)
+        return index < stackOfMain.size() ? stackOfMain[index] : SIZE_MAX;
+    return index < stacks ? index : SIZE_MAX;
+}
+
 // The stack of each plane of time point `time` as the description places them; empty when a plane
 // has no stack.
 std::vector<std::size_t> stacksOfPlanes(FileMetadata const& metadata, std::vector<Stack> const& stacks, long long time)
@@ -551,19 +564,14 @@ std::vector<std::size_t> stacksOfPlanes(FileMetadata const& metadata, std::vecto
     std::vector<std::size_t> stackOfMain(stacks.empty() ? 0 : stacks.back().mainIndex + 1, SIZE_MAX);
     for (std::size_t s = 0; s < stacks.size(); ++s)
         stackOfMain[stacks[s].mainIndex] = s;
+    bool const placed = !metadata.pageOfPlane.empty();
     long long const planes = metadata.channels * metadata.slices;
     std::vector<std::size_t> result;
     for (long long plane = 0; plane < planes; ++plane)
     {
         long long const index = plane + planes * time;
-        long long const page = metadata.pageOfPlane.empty() ? index : metadata.pageOfPlane[static_cast<std::size_t>(index)];
-        // Pages in order (ImageJ) count stacks; OME's page numbers count pages of the main chain.
-        std::size_t const stack = !metadata.pageOfPlane.empty()
-                                      ? (page >= 0 && page < static_cast<long long>(stackOfMain.size())
-                                             ? stackOfMain[static_cast<std::size_t>(page)]
-                                             : SIZE_MAX)
-                                      : (page < static_cast<long long>(stacks.size()) ? static_cast<std::size_t>(page)
-                                                                                       : SIZE_MAX);
+        long long const page = placed ? metadata.pageOfPlane[static_cast<std::size_t>(index)] : index;
+        std::size_t const stack = stackOfPage(page, placed, stackOfMain, stacks.size());
         if (stack == SIZE_MAX)
             return {};
         result.push_back(stack);
@@ -574,11 +582,12 @@ std::vector<std::size_t> stacksOfPlanes(FileMetadata const& metadata, std::vecto
 Arrangement arrangePlanes(FileMetadata const& metadata, std::vector<Stack> const& stacks, long long time,
                           TiffHandle& handle)
 {
+    long long const frames = std::max(1LL, metadata.frames);
+    if (time < 0 || time >= frames)
+        handle.fail("there is no time point " + std::to_string(time) + " (the file has " + std::to_string(frames) +
+                    ")");
     if (metadata.channels < 1)
         return arrangeAsSlices(stacks);
-    if (time < 0 || time >= metadata.frames)
-        handle.fail("there is no time point " + std::to_string(time) + " (the file has " +
-                    std::to_string(metadata.frames) + ")");
     Arrangement arrangement;
     arrangement.channels = metadata.channels;
     arrangement.slices = metadata.slices;

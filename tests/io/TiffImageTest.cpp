@@ -64,11 +64,11 @@ TiffLayout singlePage(std::uint32_t width, std::uint32_t height)
     return layout;
 }
 
-void expectFailure(std::string const& path, std::string const& problem)
+void expectFailure(std::string const& path, std::string const& problem, long long timePoint = 0)
 {
     try
     {
-        TiffImage image(path);
+        TiffImage image(path, timePoint);
         Box const box(image.getExtent(0));
         std::vector<double> out(static_cast<std::size_t>(box.getSize() * image.getNumChannels()));
         image.openRegion(out.data(), 0, box);
@@ -693,6 +693,8 @@ TEST(TiffImage, ImageJDescriptionsMakePagesChannelsSlicesAndTimePoints)
     EXPECT_EQ(image.getExtent(0), Vector(12, 8, 5));
     EXPECT_FALSE(image.knowsVoxelSize());
     EXPECT_EQ(image.getVoxelSize(0), Vector(1, 1, 1));
+    // A file without time points has the first only.
+    expectFailure(directory.path("wrong.tif"), "there is no time point 1 (the file has 1)", 1);
 }
 
 TEST(TiffImage, OmeXmlPlacesPlanesNamesChannelsAndGivesSizes)
