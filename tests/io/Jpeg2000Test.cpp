@@ -197,7 +197,8 @@ TEST(Jpeg2000, SlideLevelsOfNoExactPowerOfTwoReadThroughTheirPages)
     NuvekTest::TemporaryDirectory directory;
     std::string const path = directory.path("aperio.svs");
     auto value = [](long long p, long long x, long long y, long long c) { return sampleOf(p, x, y, c); };
-    // Downsample about 2.007: OpenSlide reads level 0, the TIFF page level 1.
+    // Downsample about 2.007: OpenSlide reads level 0, the TIFF page level 1. One thread: OpenSlide
+    // 3's JPEG 2000 path frees under glib's futex locks, which ThreadSanitizer cannot see.
     writeJpeg2000Tiff(path, {{301, 261}, {150, 130}}, 33005,
                       "Aperio Image Library v12.0.15\r\n301x261 [0,0 301x261] (64x64) J2K/KDU Q=70|MPP = 0.5", {1, 1, 1},
                       value);
@@ -210,7 +211,7 @@ TEST(Jpeg2000, SlideLevelsOfNoExactPowerOfTwoReadThroughTheirPages)
         Box const box = Box(extent).expanded(Vector(1, 1, 0));
         auto stored = [level](long long x, long long y, long long c) { return sampleOf(level, x, y, c); };
         EXPECT_TRUE(NuvekTest::sameBits(expectedRgb(box, extent.x, extent.y, stored),
-                                        NuvekTest::openTiled(slide, level, box, {33, 64}, {20, 100}, 2), box,
+                                        NuvekTest::openTiled(slide, level, box, {33, 64}, {20, 100}, 1), box,
                                         "level " + std::to_string(level)));
     }
 }
