@@ -49,7 +49,8 @@ TEST(OmeXmlParser, TiffDataPlacesRunsOfPlanesAndLeavesOthersUnplaced)
 TEST(OmeXmlParser, PlanesInOtherFilesOfASetStayUnplaced)
 {
     std::string xml = omeWith(R"(DimensionOrder="XYCZT" SizeC="2" SizeZ="1" SizeT="1")",
-                              R"(<TiffData IFD="0" FirstC="0"><UUID FileName="a.ome.tif">urn:uuid:a</UUID></TiffData>)"
+                              R"(<TiffData IFD="0" FirstC="0"><UUID FileName="a.ome.tif"> urn:uuid:a
+ </UUID></TiffData>)"
                               R"(<TiffData IFD="0" FirstC="1"><UUID FileName="b.ome.tif">urn:uuid:b</UUID></TiffData>)");
     xml.replace(xml.find("<OME "), 5, R"(<OME UUID="urn:uuid:a" )");
     EXPECT_EQ(OmeXmlParser::parse(xml).pageOfPlane, (std::vector<long long>{0, -1}));
