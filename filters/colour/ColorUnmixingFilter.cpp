@@ -98,7 +98,8 @@ double ColorUnmixingFilter::processPixel(std::vector<double> const& values) cons
 void ColorUnmixingFilter::processRow(double const* const* planes, double* out, long long count,
                                      std::vector<double>& values) const
 {
-    // A subclass that computes voxels its own way gets its processPixel called.
+    // The row path is this class's processPixel batched, so it serves this class only: a subclass may
+    // override processPixel, and the dynamic type is the one way C++ tells whether it did.
     if (typeid(*this) != typeid(ColorUnmixingFilter))
     {
         PixelProcessingFilter::processRow(planes, out, count, values);
