@@ -32,11 +32,11 @@ void TileWorkers::submit(std::function<void()> run, std::function<void()> drop)
         std::lock_guard<std::mutex> lock(mutex);
         if (stopping)
         {
-            dropped.push_back(Task{std::move(run), std::move(drop)});
+            dropped.push_back(Task{std::move(run), std::move(drop), {}});
         }
         else
         {
-            pending.push_back(Task{std::move(run), std::move(drop)});
+            pending.push_back(Task{std::move(run), std::move(drop), std::chrono::steady_clock::now()});
             while (pending.size() > maxPending)
             {
                 dropped.push_back(std::move(pending.front()));
@@ -59,8 +59,16 @@ void TileWorkers::work()
             wake.wait(lock, [this] { return stopping || !pending.empty(); });
             if (pending.empty())
                 return;
-            task = std::move(pending.back());
-            pending.pop_back();
+            if (std::chrono::steady_clock::now() - pending.front().queued > patience)
+            {
+                task = std::move(pending.front());
+                pending.pop_front();
+            }
+            else
+            {
+                task = std::move(pending.back());
+                pending.pop_back();
+            }
         }
         task.run();
     }

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <chrono>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -12,7 +13,8 @@ namespace NuvekTool {
 
 /// \brief The worker threads that compute `nuvek view`'s tiles.
 ///
-/// Newest work first: the tiles a viewer asked for last are the ones on screen now. At most
+/// Newest work first: the tiles a viewer asked for last are the ones on screen now; but a task that
+/// has waited longer than `patience` goes first, so that steady new work cannot starve it. At most
 /// `maxPending` tasks wait; submitting one more drops the oldest waiting task, whose `drop` runs
 /// instead of its `run` (on the submitting thread). Destruction drops whatever still waits and joins
 /// the threads after their current task.
@@ -33,7 +35,10 @@ private:
     {
         std::function<void()> run;
         std::function<void()> drop;
+        std::chrono::steady_clock::time_point queued;
     };
+
+    static constexpr std::chrono::milliseconds patience{500};
 
     void work();
 
