@@ -190,7 +190,10 @@ async function start() {
   state.info = await (await fetch('/api/info')).json();
   document.title = `nuvek view: ${state.info.title}`;
   document.getElementById('title').textContent = state.info.title;
+  // minPixelRatio 1: a level is loaded only once its voxels cover a screen pixel, so a view asks for
+  // the finest level no finer than the screen and no more tiles are computed than it shows.
   state.viewer = OpenSeadragon({
+    minPixelRatio: 1,
     element: document.getElementById('viewer'), drawer: 'canvas', showNavigationControl: false,
     imageSmoothingEnabled: false, immediateRender: false, timeout: 120000, maxZoomPixelRatio: 8,
   });
