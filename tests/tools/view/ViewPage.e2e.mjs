@@ -4,6 +4,7 @@
 //
 //   node ViewPage.e2e.mjs NUVEK MAKE_VIEW_SLIDE NODE_MODULES WORK_DIR
 //   node ViewPage.e2e.mjs --screenshot NUVEK NODE_MODULES SLIDE OUTPUT.png [CHAIN]...
+// The second form takes the README's picture: zoomed in four times, the last chain in the heat map.
 import { spawn, execFileSync } from 'node:child_process';
 import fs from 'node:fs';
 import os from 'node:os';
@@ -204,6 +205,10 @@ async function screenshot(nuvek, nodeModules, slide, output, chains) {
   try {
     const page = await context.newPage();
     await page.goto(url);
+    await waitForTiles(page);
+    await page.evaluate(() => window.nuvekView.state.viewer.viewport.zoomBy(4).applyConstraints(true));
+    if (chains.length) await page.locator('.layer').last().locator('select.colour-map').selectOption('heat');
+    await page.waitForTimeout(500);
     await waitForTiles(page);
     const box = await page.locator('#viewer').boundingBox();
     await page.mouse.move(box.x + box.width * 0.45, box.y + box.height * 0.45);
