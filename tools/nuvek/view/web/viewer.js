@@ -109,19 +109,23 @@ function addLayer(description) {
   return layer;
 }
 
-// A tile the server could not compute gets a red frame, and its layer shows the server's message.
+// A tile the chain failed on gets a red frame, and its layer shows the server's message. The
+// server's answer is asked again to tell a failure (500) from a request it dropped (503), which
+// is no fault of the chain and gets no frame.
 function markFailedTile(event) {
   const layer = event.tiledImage && event.tiledImage.nuvekLayer;
   if (!layer) return;
   const bounds = event.tile.bounds;
-  const mark = el('div', { className: 'tile-error' });
-  state.viewer.addOverlay({ element: mark, location: new OpenSeadragon.Rect(bounds.x, bounds.y, bounds.width, bounds.height) });
-  layer.marks.push(mark);
-  layer.failures += 1;
   const url = event.tile.getUrl ? event.tile.getUrl() : event.tile.url;
-  fetch(url).then((response) => response.text()).then((text) => {
+  fetch(url).then(async (response) => {
+    if (response.status !== 500) return;
+    const text = await response.text();
+    const mark = el('div', { className: 'tile-error', title: text.trim() });
+    state.viewer.addOverlay({ element: mark, location: new OpenSeadragon.Rect(bounds.x, bounds.y, bounds.width, bounds.height) });
+    layer.marks.push(mark);
+    layer.failures += 1;
     layer.failureNote.textContent = `${layer.failures} tile(s) failed: ${text.trim()}`;
-  }).catch(() => { layer.failureNote.textContent = `${layer.failures} tile(s) failed.`; });
+  }).catch(() => {});
 }
 
 async function submitChain(event) {
