@@ -457,7 +457,7 @@ TEST_F(TileServerTest, ATileWhoseClientHasGoneIsNotComputed)
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     gated.openGate();
     first.join();
-    for (int wait = 0; wait < 100 && view.server().getTilesAbandoned() == 0; ++wait)
+    for (int wait = 0; wait < 500 && view.server().getTilesAbandoned() == 0; ++wait)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(1, view.server().getTilesAbandoned());
     EXPECT_EQ(1, view.server().getTilesComputed());
