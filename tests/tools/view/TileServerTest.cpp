@@ -277,6 +277,34 @@ TEST_F(TileServerTest, MalformedOrImpossibleRequestsAreRefusedWithTheirReason)
     EXPECT_EQ(200, good->status);
 }
 
+TEST_F(TileServerTest, ThePageAndItsAssetsComeFromMemory)
+{
+    NuvekTest::ViewTestServer view(*source, settings);
+    view.removeAssetFiles();
+    auto client = view.client();
+    struct Case
+    {
+        char const* path;
+        std::string body;
+        char const* type;
+    };
+    Case const cases[] = {
+        {"/", "placeholder index.html", "text/html; charset=utf-8"},
+        {"/viewer.js", "placeholder viewer.js", "text/javascript; charset=utf-8"},
+        {"/viewer.css", "placeholder viewer.css", "text/css; charset=utf-8"},
+        {"/openseadragon.min.js", "placeholder openseadragon.min.js", "text/javascript; charset=utf-8"},
+        {"/api/filters", NuvekTool::describeFilters(), "text/plain; charset=utf-8"},
+    };
+    for (Case const& c : cases)
+    {
+        auto const response = client->Get(c.path);
+        ASSERT_TRUE(response) << c.path;
+        EXPECT_EQ(200, response->status) << c.path;
+        EXPECT_EQ(c.body, response->body) << c.path;
+        EXPECT_EQ(c.type, response->get_header_value("Content-Type")) << c.path;
+    }
+}
+
 TEST_F(TileServerTest, PointValuesAreTheChainsValuesAtOneVoxelWithNaNAsNull)
 {
     NuvekTest::ViewTestServer view(*source, settings);

@@ -32,6 +32,11 @@ ViewTestServer::~ViewTestServer()
     std::filesystem::remove_all(assets);
 }
 
+void ViewTestServer::removeAssetFiles()
+{
+    std::filesystem::remove_all(assets);
+}
+
 std::unique_ptr<httplib::Client> ViewTestServer::client() const
 {
     auto client = std::make_unique<httplib::Client>("127.0.0.1", boundPort);

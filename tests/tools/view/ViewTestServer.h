@@ -24,6 +24,8 @@ public:
 
     NuvekTool::TileServer& server() { return *tileServer; }
     int port() const { return boundPort; }
+    /// Deletes the page files the server was made with (it serves them from memory).
+    void removeAssetFiles();
     /// A new client of the server (one per thread).
     std::unique_ptr<httplib::Client> client() const;
 

@@ -407,6 +407,9 @@ struct TileServer::Internals
                 return Reply{200, "application/json", std::make_shared<std::string const>(infoJson())};
             });
         });
+        http.Get("/api/filters", [](httplib::Request const&, httplib::Response& response) {
+            response.set_content(ViewLayer::describeFilters(), "text/plain; charset=utf-8");
+        });
         http.Post("/api/layers", [this](httplib::Request const& request, httplib::Response& response) {
             answer(response, [&] {
                 if (request.body.size() > maxExpressionLength)

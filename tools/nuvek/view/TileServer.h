@@ -33,6 +33,7 @@ struct TileServerSettings
 /// Routes (everything else is 404 with a message):
 ///   GET  /, /viewer.js, /viewer.css, /openseadragon.min.js   the page, from memory
 ///   GET  /api/info                                           the image and the layers (JSON)
+///   GET  /api/filters                                        every filter with its parameters (text)
 ///   POST /api/layers                                         body: a chain expression; the new layer (JSON)
 ///   GET  /api/layers/ID/tiles/LEVEL/X_Y.png|jpg[?min=&max=&map=grey|heat|viridis&channel=C&z=Z]
 ///   GET  /api/layers/ID/values?x=&y=&level=[&z=]             the chain's values at one voxel (JSON)

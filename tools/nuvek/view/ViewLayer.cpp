@@ -68,6 +68,11 @@ void ViewLayer::openRegion(double* out, long long level, Nuvek::Box const& box)
     output->openRegion(out, level, box);
 }
 
+std::string ViewLayer::describeFilters()
+{
+    return NuvekTool::describeFilters();
+}
+
 void ViewLayer::findDisplayRange()
 {
     Nuvek::ValueRange<double> const nominal = output->getValueRange();

@@ -43,6 +43,9 @@ public:
     std::uint64_t getHash();
     void openRegion(double* out, long long level, Nuvek::Box const& box);
 
+    /// Every filter a chain may use, with its parameters, as `nuvek filters` lists them.
+    static std::string describeFilters();
+
 private:
     void findDisplayRange();
 

@@ -207,6 +207,10 @@ async function start() {
   state.viewer.world.addHandler('add-item', updateScaleBar);
   for (const layer of state.info.layers) addLayer(layer);
   document.getElementById('chain-form').addEventListener('submit', submitChain);
+  document.getElementById('filter-help').addEventListener('toggle', async () => {
+    const list = document.getElementById('filters');
+    if (!list.textContent) list.textContent = await (await fetch('/api/filters')).text();
+  });
   new OpenSeadragon.MouseTracker({
     element: state.viewer.element,
     moveHandler(event) { if (state.layers[0].item) showCursor(event.position); },
