@@ -307,9 +307,9 @@ TEST_F(TileServerTest, ThePageAndItsAssetsComeFromMemory)
 
 TEST_F(TileServerTest, PointValuesAreTheChainsValuesAtOneVoxelWithNaNAsNull)
 {
+    source->setValue(Vector(17, 9, 0), 1, std::nan(""));
     NuvekTest::ViewTestServer view(*source, settings);
     auto client = view.client();
-    source->setValue(Vector(17, 9, 0), 1, std::nan(""));
     for (long long level : {0LL, 2LL})
     {
         Vector const at(level == 0 ? 17 : 4, level == 0 ? 9 : 2, 0);
@@ -380,9 +380,37 @@ TEST_F(TileServerTest, RevisitedTilesComeFromTheCacheWhichStaysWithinItsBound)
     EXPECT_EQ(computed, view.server().getTilesComputed());
 }
 
+// A source whose values the test may change while the server runs: reads and changes take one lock.
+class ChangingImage : public NuvekTest::FaultyImage
+{
+public:
+    explicit ChangingImage(std::shared_ptr<Nuvek::MemoryImage> source) : FaultyImage(source), source(source) {}
+
+    void openRegion(double* out, long long level, Box const& box) override
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        FaultyImage::openRegion(out, level, box);
+    }
+    std::uint64_t getHash() override
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return FaultyImage::getHash();
+    }
+    void setValues(std::vector<double> values)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        source->setValues(std::move(values));
+    }
+
+private:
+    std::shared_ptr<Nuvek::MemoryImage> source;
+    std::mutex mutex;
+};
+
 TEST_F(TileServerTest, AChangedHashIsNeverServedStale)
 {
-    NuvekTest::ViewTestServer view(*source, settings);
+    ChangingImage changing(source);
+    NuvekTest::ViewTestServer view(changing, settings);
     int const id = view.server().addLayer("clamp | gaussian 3");
     auto client = view.client();
     std::string const tile = "/api/layers/" + std::to_string(id) + "/tiles/0/0_0.png?min=0&max=255";
@@ -391,13 +419,13 @@ TEST_F(TileServerTest, AChangedHashIsNeverServedStale)
     std::vector<double> values = source->getValues();
     for (double& value : values)
         value = 255.0 - value;
-    source->setValues(values);
+    changing.setValues(values);
     auto const after = client->Get(tile.c_str());
     ASSERT_TRUE(after);
     EXPECT_EQ(2, view.server().getTilesComputed());
     EXPECT_NE(before->body, after->body);
     NuvekTool::ChainExpression const expression = NuvekTool::parseChainExpression("clamp | gaussian 3");
-    std::unique_ptr<NuvekTool::Chain> const chain = NuvekTool::buildChain(expression, source.get());
+    std::unique_ptr<NuvekTool::Chain> const chain = NuvekTool::buildChain(expression, &changing);
     EXPECT_EQ(expectedTile(*chain->output, 0, Box(Vector(0, 0, 0), Vector(127, 127, 0)), 0, 255),
               NuvekTest::decodePng(after->body).rgba);
 }

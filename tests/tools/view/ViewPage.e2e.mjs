@@ -23,12 +23,14 @@ function startViewer(nuvek, slide, chains) {
   const args = ['view', slide, '--port', '0', '--threads', '2', ...chains.flatMap((c) => ['--chain', c])];
   const server = spawn(nuvek, args, { stdio: ['ignore', 'pipe', 'pipe'] });
   let output = '';
+  server.output = () => output;
   return new Promise((resolve, reject) => {
     const timer = setTimeout(() => reject(new Error(`nuvek view did not start: ${output}`)), 60000);
+    let started = false;
     const read = (chunk) => {
       output += chunk;
       const found = output.match(/http:\/\/127\.0\.0\.1:\d+\//);
-      if (found) { clearTimeout(timer); resolve({ server, url: found[0] }); }
+      if (found && !started) { started = true; clearTimeout(timer); resolve({ server, url: found[0] }); }
     };
     server.stdout.on('data', read);
     server.stderr.on('data', read);
@@ -38,10 +40,16 @@ function startViewer(nuvek, slide, chains) {
 
 // Stops the server with Ctrl-C and expects a clean exit.
 function stopViewer(server) {
+  if (server.exitCode !== null || server.signalCode !== null) {
+    return Promise.reject(new Error(`nuvek view ended early (${server.exitCode ?? server.signalCode}): ${server.output()}`));
+  }
   return new Promise((resolve, reject) => {
     const timer = setTimeout(() => { server.kill('SIGKILL'); reject(new Error('nuvek view did not stop on SIGINT')); }, 30000);
     server.removeAllListeners('exit');
-    server.on('exit', (code) => { clearTimeout(timer); code === 0 ? resolve() : reject(new Error(`nuvek view exited with ${code}`)); });
+    server.on('exit', (code) => {
+      clearTimeout(timer);
+      code === 0 ? resolve() : reject(new Error(`nuvek view exited with ${code}: ${server.output()}`));
+    });
     server.kill('SIGINT');
   });
 }
@@ -190,11 +198,15 @@ async function endToEnd(nuvek, makeSlide, nodeModules, work) {
     if (await page.evaluate(() => window.nuvekView.state.layers.length) !== 2) fail('a bad chain added a layer');
     log(`bad chain: "${message}" shown`);
     if (errors.length) fail(`errors in the page: ${errors.join('; ')}`);
-  } finally {
+  } catch (error) {
     await context.close();
     fs.rmSync(profile, { recursive: true, force: true });
-    await stopViewer(server);
+    await stopViewer(server).catch((stopError) => console.error(stopError.message));
+    throw error;
   }
+  await context.close();
+  fs.rmSync(profile, { recursive: true, force: true });
+  await stopViewer(server);
   fs.rmSync(work, { recursive: true, force: true });
   console.log('1 passed, 0 failed');
 }

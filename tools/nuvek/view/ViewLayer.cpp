@@ -51,9 +51,9 @@ Nuvek::Vector ViewLayer::getExtent(long long level) const
 
 std::uint64_t ViewLayer::getHash()
 {
-    if (shareable)
-        return output->getHash();
-    std::lock_guard<std::mutex> lock(mutex);
+    // getHash updates the stamps filters keep of their inputs: one call at a time, whatever the chain.
+    // Those stamps are getHash's alone, so a shared chain's openRegion may run meanwhile.
+    std::lock_guard<std::mutex> lock(shareable ? hashMutex : mutex);
     return output->getHash();
 }
 

@@ -15,7 +15,8 @@ class Chain;
 /// \brief One layer of `nuvek view`: a chain expression built once over the viewed image.
 ///
 /// The chain is shared by every tile request; a chain that may not serve several threads at once is
-/// used by one request at a time. The display range is found once, from a coarse level: RGB images
+/// used by one request at a time, and getHash, which updates the stamps filters keep, is always
+/// called by one request at a time. The display range is found once, from a coarse level: RGB images
 /// (three channels or more) use the chain's nominal value range when it is finite, everything else
 /// the 0.5th to 99.5th percentile of the finite values of that level (all channels together).
 /// An empty expression is the image itself.
@@ -54,6 +55,7 @@ private:
     Nuvek::Image* output = nullptr;
     bool shareable = true;
     std::mutex mutex;
+    std::mutex hashMutex;
     long long numLevels = 1;
     std::vector<Nuvek::Vector> extents;
     std::vector<std::string> channelNames;
