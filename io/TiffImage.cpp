@@ -1,6 +1,6 @@
 #include <nuvek/io/TiffImage.h>
 
-#include <nuvek/io/TiffHandle.h>
+#include "io/internal/TiffHandle.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,7 +1,6 @@
 // Runs the nuvek program itself and compares what it wrote with the same chain opened in memory.
-#include "FilterCatalogue.h"
-
 #include <nuvek/Nuvek.h>
+#include <nuvek/NuvekChains.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
 #include <nuvek/io/TiffImage.h>
 
@@ -83,8 +82,8 @@ protected:
 std::vector<double> expectedOutput(std::string const& inputPath, std::string const& chainText, Box const& box)
 {
     Nuvek::TiffImage source(inputPath);
-    std::unique_ptr<NuvekTool::Chain> chain =
-        NuvekTool::buildChain(NuvekTool::parseChainExpression(chainText), &source);
+    std::unique_ptr<Nuvek::Chain> chain =
+        Nuvek::FilterRegistry::buildChain(Nuvek::parseChainExpression(chainText), &source);
     std::vector<double> values = NuvekTest::openWhole(*chain->output, 0, box);
     for (double& value : values)
         value = static_cast<double>(static_cast<float>(value));

@@ -1,12 +1,16 @@
 #include "Commands.h"
 
-#include "ChainExpression.h"
-#include "ChainImage.h"
-#include "FilterCatalogue.h"
 #include "OutputWriter.h"
 #include "Preview.h"
 #include "Progress.h"
 #include "SyntheticSlide.h"
+
+#include <nuvek/chains/ChainExpression.h>
+#include <nuvek/chains/ChainImage.h>
+#include <nuvek/chains/FilterRegistry.h>
+#include <nuvek/chains/NumberText.h>
+#include <nuvek/io/ImageFile.h>
+#include <nuvek/io/ImageFormats.h>
 
 #include <algorithm>
 #include <atomic>
@@ -16,6 +20,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -68,16 +73,9 @@ struct Options
         if (!has(name))
             return fallback;
         std::string const& text = values.at(name);
-        try
-        {
-            std::size_t used = 0;
-            long long const value = std::stoll(text, &used);
-            if (used == text.size() && value >= minimum)
-                return value;
-        }
-        catch (std::exception const&)
-        {
-        }
+        std::optional<long long> const value = Nuvek::NumberText::integer(text);
+        if (value && *value >= minimum)
+            return *value;
         throw std::runtime_error("--" + name + " must be a whole number of at least " + std::to_string(minimum) +
                                  ", got '" + text + "'.");
     }
@@ -132,19 +130,15 @@ Nuvek::Box parseBox(std::string const& text, Nuvek::Vector const& extent)
     std::vector<long long> numbers;
     std::stringstream stream(text);
     std::string item;
-    try
+    while (std::getline(stream, item, ','))
     {
-        while (std::getline(stream, item, ','))
+        std::optional<long long> const number = Nuvek::NumberText::integer(item);
+        if (!number)
         {
-            std::size_t used = 0;
-            numbers.push_back(std::stoll(item, &used));
-            if (used != item.size())
-                throw std::invalid_argument(item);
+            numbers.clear();
+            break;
         }
-    }
-    catch (std::exception const&)
-    {
-        numbers.clear();
+        numbers.push_back(*number);
     }
     if (numbers.size() != 4 || numbers[2] < 1 || numbers[3] < 1)
         throw std::runtime_error("--box takes X,Y,WIDTH,HEIGHT with positive width and height, got '" + text + "'.");
@@ -156,14 +150,13 @@ struct RunResult
 {
     long long voxels = 0;
     double seconds = 0.0;
-    int copies = 1;
 };
 
 // Writes the chain's result at a level and box to `output`; throws Interrupted when Ctrl-C stopped it.
 RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::string const& output, long long level,
                    Nuvek::Box const* requested, OutputSettings const& settings, bool quiet, std::string const& label)
 {
-    ChainExpression const expression = parseChainExpression(chainText);
+    Nuvek::ChainExpression const expression = Nuvek::parseChainExpression(chainText);
     if (level < 0 || level >= source.getNumLevels())
         throw std::runtime_error("--level " + std::to_string(level) + " is not among the input's " +
                                  std::to_string(source.getNumLevels()) + " levels.");
@@ -171,7 +164,7 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
     Nuvek::Box const box = requested != nullptr ? *requested : Nuvek::Box(extent);
     if (box.isEmpty())
         throw std::runtime_error("the region to process is empty.");
-    ChainImage image(expression, &source, settings.threads, level, box);
+    Nuvek::ChainImage image(expression, &source, level, box);
 
     Progress progress(label, quiet);
     std::atomic<long long> voxelsDone{0};
@@ -186,7 +179,22 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
         throw Interrupted();
     long long const voxels = box.getSize() * image.getNumChannels();
     progress.finish(voxels);
-    return RunResult{voxels, progress.elapsedSeconds(), image.getNumCopies()};
+    return RunResult{voxels, progress.elapsedSeconds()};
+}
+
+// An option whose value names an enumerator; the message names the option ("--type must be ...").
+template <typename Parse>
+auto namedOption(Options const& options, std::string const& name, std::string const& fallback, Parse parse)
+{
+    try
+    {
+        return parse(options.get(name, fallback));
+    }
+    catch (std::runtime_error const& error)
+    {
+        std::string const message = error.what();
+        throw std::runtime_error("--" + name + message.substr(message.find(" must ")));
+    }
 }
 
 OutputSettings outputSettings(Options const& options)
@@ -194,12 +202,8 @@ OutputSettings outputSettings(Options const& options)
     OutputSettings settings;
     settings.tileSize = options.integer("tile", 512, 16);
     settings.threads = static_cast<int>(options.integer("threads", defaultThreads(), 1));
-    settings.type = options.get("type", "float32");
-    settings.compression = options.get("compression", "deflate");
-    if (settings.type != "uint8" && settings.type != "uint16" && settings.type != "float32")
-        throw std::runtime_error("--type must be uint8, uint16 or float32, got '" + settings.type + "'.");
-    if (settings.compression != "none" && settings.compression != "deflate" && settings.compression != "lzw")
-        throw std::runtime_error("--compression must be none, deflate or lzw, got '" + settings.compression + "'.");
+    settings.type = namedOption(options, "type", "float32", Nuvek::ImageFormats::parseSampleType);
+    settings.compression = namedOption(options, "compression", "deflate", Nuvek::ImageFormats::parseCompression);
     return settings;
 }
 
@@ -228,10 +232,8 @@ Options:
   --preview FILE.png    also write a small PNG preview of the output
   --quiet               no progress bar and no summary
 
-Threads: the libraries create none; this tool runs tiles on its own pool. A chain whose filters may
-all serve several threads at once is built once and shared by the workers. A chain containing
-'localnorm' (whose work buffer must not serve two threads at once) or 'upsample' (which locks each
-call around its cache) is built once per worker thread instead, and each tile borrows a free copy.
+Threads: the libraries create none; this tool runs tiles on its own pool. The chain is built once
+and shared by the workers: every filter may serve several threads at once.
 
 The output appears only when complete: errors and Ctrl-C leave nothing behind. Exit status 2 for
 bad usage, unreadable input, an invalid chain or an unwritable output; 130 when interrupted.
@@ -311,6 +313,105 @@ long long matchCentres(std::vector<SyntheticSlide::Nucleus> const& truth, std::v
     return matched;
 }
 
+char const* const demoHelp = R"(Usage: nuvek demo [DIR] [--size N] [--threads N] [--slide-only] [--quiet]
+
+Makes a synthetic brightfield slide (RGB, N x N voxels, N at least 2048, 4096 by default:
+hematoxylin-stained nuclei on paler eosin-stained tissue), writes it as a tiled pyramidal TIFF,
+then finds the nuclei with one filter chain, stage by stage, each stage reading the previous
+stage's file:
+
+  unmix hematoxylin+eosin 0   amount of the nuclear stain (0..1)
+  clamp | gaussian 5          smoothing, with edge values repeated at the border
+  downsample 2 | localnorm 6  background removed against level 6 (64 x 64 means) of the same image
+  threshold 0.6               nuclei mask
+  distance 1 16               distance to the nearest background voxel, capped at 16
+  radial 12 0.5 | gaussian 9  radial symmetry votes, smoothed: peaks at nucleus centres
+
+It then counts the peaks and compares them with the nuclei the slide was made with.
+
+Every output gets a small PNG preview beside it. DIR defaults to ./nuvek-demo. --slide-only stops
+after the slide (a large test input: --size 16384 --slide-only).
+)";
+
+// Where and how the demo writes its files.
+struct DemoSettings
+{
+    std::filesystem::path directory;
+    bool quiet = false;
+    OutputSettings output;
+};
+
+// The demo's first file: the synthetic slide as 8-bit RGB, with its preview. Returns its path.
+std::string writeDemoSlide(SyntheticSlide& slide, DemoSettings const& demo)
+{
+    std::string const slidePath = (demo.directory / "0-slide.tif").string();
+    OutputSettings slideSettings = demo.output;
+    slideSettings.type = Nuvek::TiffSampleType::UInt8;
+    Progress progress("0-slide.tif", demo.quiet);
+    if (!writeOutput(slide, slidePath, slideSettings,
+                     [&](long long done, long long total, long long voxels) { progress.update(done, total, voxels); },
+                     interrupted))
+        throw Interrupted();
+    progress.finish(slide.getExtent(0).prod() * 3);
+    std::unique_ptr<Nuvek::Image> written = Nuvek::ImageFile::open(slidePath);
+    writePreview(*written, (demo.directory / "0-slide.png").string());
+    std::printf("  %-24s %6.2f s  synthetic slide with %zu nuclei\n", "0-slide.tif", progress.elapsedSeconds(),
+                slide.nuclei().size());
+    return slidePath;
+}
+
+// The nuclei-finding chain, one stage per file, each stage reading the previous stage's file, each
+// with its preview. Returns the last file's path; pipeline receives the whole chain as one expression.
+std::string runDemoStages(std::string const& slidePath, DemoSettings const& demo, std::string& pipeline)
+{
+    struct StageRun
+    {
+        char const* file;
+        char const* chain;
+        char const* what;
+    };
+    // The background is level 6 (voxels of 64 x 64, several nuclei wide), computed by block means
+    // from level 2 of the file, which every demo size has.
+    StageRun const stages[] = {
+        {"1-hematoxylin.tif", "unmix hematoxylin+eosin 0", "nuclear stain amount"},
+        {"2-smoothed.tif", "clamp | gaussian 5", "smoothed"},
+        {"3-normalized.tif", "downsample 2 | localnorm 6", "background removed"},
+        {"4-mask.tif", "threshold 0.6", "nuclei mask"},
+        {"5-distance.tif", "distance 1 16", "distance inside nuclei"},
+        {"6-centres.tif", "radial 12 0.5 | gaussian 9", "radial symmetry: nucleus centres"},
+    };
+    std::string previous = slidePath;
+    for (StageRun const& stage : stages)
+    {
+        std::string const output = (demo.directory / stage.file).string();
+        std::unique_ptr<Nuvek::Image> source = Nuvek::ImageFile::open(previous);
+        RunResult const result =
+            runChain(*source, stage.chain, output, 0, nullptr, demo.output, demo.quiet, stage.file);
+        std::unique_ptr<Nuvek::Image> written = Nuvek::ImageFile::open(output);
+        std::string const preview = (std::filesystem::path(output).replace_extension(".png")).string();
+        writePreview(*written, preview);
+        std::printf("  %-24s %6.2f s  %-34s %.1f Mvoxel/s  (nuvek run %s %s --chain '%s')\n", stage.file,
+                    result.seconds, stage.what, static_cast<double>(result.voxels) / result.seconds / 1e6,
+                    std::filesystem::path(previous).filename().string().c_str(), stage.file, stage.chain);
+        pipeline += (pipeline.empty() ? "" : " | ") + std::string(stage.chain);
+        previous = output;
+    }
+    return previous;
+}
+
+// How well the peaks of the centres file match the nuclei the slide was made with.
+void reportDemoNuclei(std::string const& centresPath, SyntheticSlide const& slide)
+{
+    std::unique_ptr<Nuvek::Image> centresImage = Nuvek::ImageFile::open(centresPath);
+    std::vector<Centre> const centres = findCentres(*centresImage, 5.0, 5);
+    std::vector<SyntheticSlide::Nucleus> const truth = slide.nuclei();
+    long long const matched = matchCentres(truth, centres, 6.0);
+    std::printf("\nNuclei: %zu centres found (peaks of at least 5, 5 voxels apart); %lld of the %zu nuclei the slide\n"
+                "was made with have one within 6 voxels (recall %.1f%%, precision %.1f%%).\n",
+                centres.size(), matched, truth.size(), 100.0 * static_cast<double>(matched) / static_cast<double>(truth.size()),
+                centres.empty() ? 0.0 : 100.0 * static_cast<double>(matched) / static_cast<double>(centres.size()));
+}
+
 } // namespace
 
 int filtersCommand(std::vector<std::string> const& arguments)
@@ -320,7 +421,7 @@ int filtersCommand(std::vector<std::string> const& arguments)
         std::printf("Usage: nuvek filters\n\nLists every filter with its parameters ([name=default] are optional).\n");
         return 0;
     }
-    std::printf("Filters (parameters in order; [name=default] may be left out):\n\n%s", describeFilters().c_str());
+    std::printf("Filters (parameters in order; [name=default] may be left out):\n\n%s", Nuvek::FilterRegistry::describe().c_str());
     return 0;
 }
 
@@ -335,7 +436,7 @@ int infoCommand(std::vector<std::string> const& arguments)
     Options const options = parseOptions(arguments, {}, {});
     if (options.positional.size() != 1)
         throw std::runtime_error("expected one file; 'nuvek info --help' shows the usage.");
-    std::unique_ptr<Nuvek::Image> image = openInput(options.positional[0]);
+    std::unique_ptr<Nuvek::Image> image = Nuvek::ImageFile::open(options.positional[0]);
     std::printf("File:        %s\n", options.positional[0].c_str());
     std::printf("Levels:      %lld\n", image->getNumLevels());
     for (long long level = 0; level < image->getNumLevels(); ++level)
@@ -371,8 +472,8 @@ int runCommand(std::vector<std::string> const& arguments)
     OutputSettings const settings = outputSettings(options);
     long long const level = options.integer("level", 0, 0);
     // Parse the chain before touching any file, so that a typo costs nothing.
-    parseChainExpression(options.get("chain", ""));
-    std::unique_ptr<Nuvek::Image> source = openInput(options.positional[0]);
+    Nuvek::parseChainExpression(options.get("chain", ""));
+    std::unique_ptr<Nuvek::Image> source = Nuvek::ImageFile::open(options.positional[0]);
     std::unique_ptr<Nuvek::Box> box;
     if (options.has("box"))
         box = std::make_unique<Nuvek::Box>(parseBox(options.get("box", ""), source->getExtent(level)));
@@ -382,7 +483,7 @@ int runCommand(std::vector<std::string> const& arguments)
              options.positional[1]);
     if (options.has("preview"))
     {
-        std::unique_ptr<Nuvek::Image> written = openInput(options.positional[1]);
+        std::unique_ptr<Nuvek::Image> written = Nuvek::ImageFile::open(options.positional[1]);
         writePreview(*written, options.get("preview", ""));
     }
     return 0;
@@ -392,112 +493,36 @@ int demoCommand(std::vector<std::string> const& arguments)
 {
     if (wantsHelp(arguments))
     {
-        std::printf(R"(Usage: nuvek demo [DIR] [--size N] [--threads N] [--slide-only] [--quiet]
-
-Makes a synthetic brightfield slide (RGB, N x N voxels, N at least 2048, 4096 by default:
-hematoxylin-stained nuclei on paler eosin-stained tissue), writes it as a tiled pyramidal TIFF,
-then finds the nuclei with one filter chain, stage by stage, each stage reading the previous
-stage's file:
-
-  unmix hematoxylin+eosin 0   amount of the nuclear stain (0..1)
-  clamp | gaussian 5          smoothing, with edge values repeated at the border
-  downsample 2 | localnorm 6  background removed against level 6 (64 x 64 means) of the same image
-  threshold 0.6               nuclei mask
-  distance 1 16               distance to the nearest background voxel, capped at 16
-  radial 12 0.5 | gaussian 9  radial symmetry votes, smoothed: peaks at nucleus centres
-
-It then counts the peaks and compares them with the nuclei the slide was made with.
-
-Every output gets a small PNG preview beside it. DIR defaults to ./nuvek-demo. --slide-only stops
-after the slide (a large test input: --size 16384 --slide-only).
-)");
+        std::fputs(demoHelp, stdout);
         return 0;
     }
     Options const options = parseOptions(arguments, {"size", "threads"}, {"quiet", "slide-only"});
     if (options.positional.size() > 1)
         throw std::runtime_error("expected at most one directory; 'nuvek demo --help' shows the usage.");
-    std::filesystem::path const directory = options.positional.empty() ? "nuvek-demo" : options.positional[0];
+    DemoSettings demo;
+    demo.directory = options.positional.empty() ? "nuvek-demo" : options.positional[0];
     long long const size = options.integer("size", 4096, 2048);
-    bool const quiet = options.flags.count("quiet") != 0;
-    OutputSettings settings;
-    settings.threads = static_cast<int>(options.integer("threads", defaultThreads(), 1));
-    std::filesystem::create_directories(directory);
+    demo.quiet = options.flags.count("quiet") != 0;
+    demo.output.threads = static_cast<int>(options.integer("threads", defaultThreads(), 1));
+    std::filesystem::create_directories(demo.directory);
     InterruptScope const interruptScope;
 
     auto const start = std::chrono::steady_clock::now();
     std::printf("Nuvek demo: a %lld x %lld brightfield slide, %d threads, output in %s\n\n", size, size,
-                settings.threads, directory.string().c_str());
-
-    // 1. The slide itself.
+                demo.output.threads, demo.directory.string().c_str());
     SyntheticSlide slide(size, 20261121);
-    std::string const slidePath = (directory / "0-slide.tif").string();
-    {
-        OutputSettings slideSettings = settings;
-        slideSettings.type = "uint8";
-        Progress progress("0-slide.tif", quiet);
-        if (!writeOutput(slide, slidePath, slideSettings,
-                         [&](long long done, long long total, long long voxels) { progress.update(done, total, voxels); },
-                         interrupted))
-            throw Interrupted();
-        progress.finish(slide.getExtent(0).prod() * 3);
-        std::unique_ptr<Nuvek::Image> written = openInput(slidePath);
-        writePreview(*written, (directory / "0-slide.png").string());
-        std::printf("  %-24s %6.2f s  synthetic slide with %zu nuclei\n", "0-slide.tif", progress.elapsedSeconds(),
-                    slide.nuclei().size());
-    }
+    std::string const slidePath = writeDemoSlide(slide, demo);
     if (options.flags.count("slide-only") != 0)
         return 0;
-
-    // 2. The nuclei-finding chain, one stage per file.
-    struct StageRun
-    {
-        char const* file;
-        char const* chain;
-        char const* what;
-    };
-    // The background is level 6 (voxels of 64 x 64, several nuclei wide), computed by block means
-    // from level 2 of the file, which every demo size has.
-    std::string const normalize = "downsample 2 | localnorm 6";
-    StageRun const stages[] = {
-        {"1-hematoxylin.tif", "unmix hematoxylin+eosin 0", "nuclear stain amount"},
-        {"2-smoothed.tif", "clamp | gaussian 5", "smoothed"},
-        {"3-normalized.tif", normalize.c_str(), "background removed"},
-        {"4-mask.tif", "threshold 0.6", "nuclei mask"},
-        {"5-distance.tif", "distance 1 16", "distance inside nuclei"},
-        {"6-centres.tif", "radial 12 0.5 | gaussian 9", "radial symmetry: nucleus centres"},
-    };
-    std::string previous = slidePath;
     std::string pipeline;
-    for (StageRun const& stage : stages)
-    {
-        std::string const output = (directory / stage.file).string();
-        std::unique_ptr<Nuvek::Image> source = openInput(previous);
-        RunResult const result = runChain(*source, stage.chain, output, 0, nullptr, settings, quiet, stage.file);
-        std::unique_ptr<Nuvek::Image> written = openInput(output);
-        std::string const preview = (std::filesystem::path(output).replace_extension(".png")).string();
-        writePreview(*written, preview);
-        std::printf("  %-24s %6.2f s  %-34s %.1f Mvoxel/s  (nuvek run %s %s --chain '%s')\n", stage.file,
-                    result.seconds, stage.what, static_cast<double>(result.voxels) / result.seconds / 1e6,
-                    std::filesystem::path(previous).filename().string().c_str(), stage.file, stage.chain);
-        pipeline += (pipeline.empty() ? "" : " | ") + std::string(stage.chain);
-        previous = output;
-    }
-
-    // 3. How well the centres match the nuclei the slide was made with.
-    std::unique_ptr<Nuvek::Image> centresImage = openInput(previous);
-    std::vector<Centre> const centres = findCentres(*centresImage, 5.0, 5);
-    std::vector<SyntheticSlide::Nucleus> const truth = slide.nuclei();
-    long long const matched = matchCentres(truth, centres, 6.0);
-    std::printf("\nNuclei: %zu centres found (peaks of at least 5, 5 voxels apart); %lld of the %zu nuclei the slide\n"
-                "was made with have one within 6 voxels (recall %.1f%%, precision %.1f%%).\n",
-                centres.size(), matched, truth.size(), 100.0 * static_cast<double>(matched) / static_cast<double>(truth.size()),
-                centres.empty() ? 0.0 : 100.0 * static_cast<double>(matched) / static_cast<double>(centres.size()));
+    std::string const centresPath = runDemoStages(slidePath, demo, pipeline);
+    reportDemoNuclei(centresPath, slide);
 
     double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("\nThe whole chain in one go: nuvek run 0-slide.tif nuclei.tif --chain '%s'\n", pipeline.c_str());
     std::printf("Look at it over the slide in a browser, computed only where you look:\n  nuvek view %s --chain '%s'\n",
                 slidePath.c_str(), pipeline.c_str());
-    std::printf("Done in %.1f s. PNG previews are beside each .tif in %s.\n", seconds, directory.string().c_str());
+    std::printf("Done in %.1f s. PNG previews are beside each .tif in %s.\n", seconds, demo.directory.string().c_str());
     return 0;
 }
 

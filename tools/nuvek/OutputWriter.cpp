@@ -1,13 +1,6 @@
 #include "OutputWriter.h"
 
 #include <nuvek/io/PyramidalTiffWriter.h>
-#include <nuvek/io/SlideImage.h>
-#include <nuvek/io/TiffImage.h>
-
-#include <algorithm>
-#include <cctype>
-#include <filesystem>
-#include <stdexcept>
 
 namespace NuvekTool {
 
@@ -17,12 +10,8 @@ bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings co
     Nuvek::PyramidalTiffOptions options;
     options.tileSize = settings.tileSize;
     options.threads = settings.threads;
-    options.compression = settings.compression == "none"  ? Nuvek::TiffCompression::None
-                          : settings.compression == "lzw" ? Nuvek::TiffCompression::LZW
-                                                          : Nuvek::TiffCompression::Deflate;
-    options.sampleType = settings.type == "uint8"    ? Nuvek::TiffSampleType::UInt8
-                         : settings.type == "uint16" ? Nuvek::TiffSampleType::UInt16
-                                                     : Nuvek::TiffSampleType::Float32;
+    options.compression = settings.compression;
+    options.sampleType = settings.type;
     long long const voxels = image.getExtent(0).prod() * image.getNumChannels();
     options.progress = [&](long long done, long long total) {
         // Level 0 holds about three quarters of all tiles; the voxel count is an estimate.
@@ -30,20 +19,6 @@ bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings co
         return !cancel.load();
     };
     return Nuvek::writePyramidalTiff(image, path, options);
-}
-
-std::unique_ptr<Nuvek::Image> openInput(std::string const& path)
-{
-    if (!std::filesystem::exists(path))
-        throw std::runtime_error("cannot read " + path + ": no such file.");
-    std::string extension = std::filesystem::path(path).extension().string();
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    static char const* const slideExtensions[] = {".svs", ".ndpi", ".mrxs", ".scn", ".vms", ".vmu", ".bif", ".svslide"};
-    for (char const* slideExtension : slideExtensions)
-        if (extension == slideExtension)
-            return std::make_unique<Nuvek::SlideImage>(path);
-    return std::make_unique<Nuvek::TiffImage>(path);
 }
 
 } // namespace NuvekTool

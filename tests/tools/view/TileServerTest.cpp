@@ -2,11 +2,11 @@
 // refusals, its cache and its faults.
 #include "ViewTestServer.h"
 
-#include "ChainExpression.h"
-#include "FilterCatalogue.h"
 #include "view/DisplayMapping.h"
 
 #include <nuvek/Nuvek.h>
+#include <nuvek/chains/ChainExpression.h>
+#include <nuvek/chains/FilterRegistry.h>
 
 #include "support/FaultyImage.h"
 #include "support/RandomImages.h"
@@ -90,9 +90,9 @@ TEST_F(TileServerTest, TilesEqualTheChainOpenedInMemoryAtEveryLevelIncludingEdge
     for (std::string const& text : chains)
     {
         int const id = text.empty() ? 0 : view.server().addLayer(text);
-        NuvekTool::ChainExpression const expression =
-            text.empty() ? NuvekTool::ChainExpression() : NuvekTool::parseChainExpression(text);
-        std::unique_ptr<NuvekTool::Chain> const chain = NuvekTool::buildChain(expression, source.get());
+        Nuvek::ChainExpression const expression =
+            text.empty() ? Nuvek::ChainExpression() : Nuvek::parseChainExpression(text);
+        std::unique_ptr<Nuvek::Chain> const chain = Nuvek::FilterRegistry::buildChain(expression, source.get());
         auto client = view.client();
         double const min = text.find("threshold") != std::string::npos ? 0.0 : 30.5;
         double const max = text.find("threshold") != std::string::npos ? 1.0 : 220.0;
@@ -143,8 +143,8 @@ TEST_F(TileServerTest, WithoutARangeTilesUseTheLayersAutomaticRangeAndOneChannel
     double const max = std::stod(info->body.substr(info->body.find(',', rangeAt) + 1));
     ASSERT_LT(min, max);
 
-    NuvekTool::ChainExpression const expression = NuvekTool::parseChainExpression("clamp | gaussian 5 | channel 0");
-    std::unique_ptr<NuvekTool::Chain> const chain = NuvekTool::buildChain(expression, source.get());
+    Nuvek::ChainExpression const expression = Nuvek::parseChainExpression("clamp | gaussian 5 | channel 0");
+    std::unique_ptr<Nuvek::Chain> const chain = Nuvek::FilterRegistry::buildChain(expression, source.get());
     Box const box(Vector(128, 0, 0), Vector(255, 127, 0));
     std::vector<unsigned char> const grey = expectedTile(*chain->output, 1, box, min, max);
     auto const plain = client->Get(("/api/layers/" + std::to_string(id) + "/tiles/1/1_0.png").c_str());
@@ -293,7 +293,7 @@ TEST_F(TileServerTest, ThePageAndItsAssetsComeFromMemory)
         {"/viewer.js", "placeholder viewer.js", "text/javascript; charset=utf-8"},
         {"/viewer.css", "placeholder viewer.css", "text/css; charset=utf-8"},
         {"/openseadragon.min.js", "placeholder openseadragon.min.js", "text/javascript; charset=utf-8"},
-        {"/api/filters", NuvekTool::describeFilters(), "text/plain; charset=utf-8"},
+        {"/api/filters", Nuvek::FilterRegistry::describe(), "text/plain; charset=utf-8"},
     };
     for (Case const& c : cases)
     {
@@ -424,8 +424,8 @@ TEST_F(TileServerTest, AChangedHashIsNeverServedStale)
     ASSERT_TRUE(after);
     EXPECT_EQ(2, view.server().getTilesComputed());
     EXPECT_NE(before->body, after->body);
-    NuvekTool::ChainExpression const expression = NuvekTool::parseChainExpression("clamp | gaussian 3");
-    std::unique_ptr<NuvekTool::Chain> const chain = NuvekTool::buildChain(expression, &changing);
+    Nuvek::ChainExpression const expression = Nuvek::parseChainExpression("clamp | gaussian 3");
+    std::unique_ptr<Nuvek::Chain> const chain = Nuvek::FilterRegistry::buildChain(expression, &changing);
     EXPECT_EQ(expectedTile(*chain->output, 0, Box(Vector(0, 0, 0), Vector(127, 127, 0)), 0, 255),
               NuvekTest::decodePng(after->body).rgba);
 }

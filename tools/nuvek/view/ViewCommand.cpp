@@ -1,8 +1,9 @@
 #include "view/ViewCommand.h"
 
-#include "OutputWriter.h"
 #include "view/TileServer.h"
 #include "view/ViewAssets.h"
+
+#include <nuvek/io/ImageFile.h>
 
 #include <algorithm>
 #include <atomic>
@@ -122,7 +123,7 @@ int viewCommand(std::vector<std::string> const& arguments)
         throw std::runtime_error("expected one INPUT; 'nuvek view --help' shows the usage.");
 
     ViewAssets assets = ViewAssets::locate();
-    std::unique_ptr<Nuvek::Image> source = openInput(inputs[0]);
+    std::unique_ptr<Nuvek::Image> source = Nuvek::ImageFile::open(inputs[0]);
     settings.title = std::filesystem::path(inputs[0]).filename().string();
     TileServer server(*source, std::move(assets), settings);
     for (std::string const& chain : chains)

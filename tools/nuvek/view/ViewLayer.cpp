@@ -1,7 +1,8 @@
 #include "view/ViewLayer.h"
 
-#include "ChainExpression.h"
-#include "FilterCatalogue.h"
+#include <nuvek/chains/Chain.h>
+#include <nuvek/chains/ChainExpression.h>
+#include <nuvek/chains/FilterRegistry.h>
 
 #include <algorithm>
 #include <cmath>
@@ -19,10 +20,10 @@ long long const rangeLevelSize = 512;
 ViewLayer::ViewLayer(std::string const& text, Nuvek::Image& source)
 {
     bool const blank = text.find_first_not_of(" \t\r\n") == std::string::npos;
-    ChainExpression const parsed = blank ? ChainExpression() : parseChainExpression(text);
-    expression = blank ? std::string() : toString(parsed);
-    shareable = NuvekTool::isShareable(parsed);
-    chain = buildChain(parsed, &source);
+    Nuvek::ChainExpression const parsed = blank ? Nuvek::ChainExpression() : Nuvek::parseChainExpression(text);
+    expression = blank ? std::string() : Nuvek::toString(parsed);
+    shareable = Nuvek::FilterRegistry::isShareable(parsed);
+    chain = Nuvek::FilterRegistry::buildChain(parsed, &source);
     output = chain->output;
     numLevels = std::max(1LL, output->getNumLevels());
     for (long long level = 0; level < numLevels; ++level)
@@ -70,7 +71,7 @@ void ViewLayer::openRegion(double* out, long long level, Nuvek::Box const& box)
 
 std::string ViewLayer::describeFilters()
 {
-    return NuvekTool::describeFilters();
+    return Nuvek::FilterRegistry::describe();
 }
 
 void ViewLayer::findDisplayRange()

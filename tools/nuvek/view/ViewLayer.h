@@ -8,9 +8,11 @@
 #include <string>
 #include <vector>
 
-namespace NuvekTool {
-
+namespace Nuvek {
 class Chain;
+}
+
+namespace NuvekTool {
 
 /// \brief One layer of `nuvek view`: a chain expression built once over the viewed image.
 ///
@@ -51,7 +53,7 @@ private:
     void findDisplayRange();
 
     std::string expression;
-    std::unique_ptr<Chain> chain;
+    std::unique_ptr<Nuvek::Chain> chain;
     Nuvek::Image* output = nullptr;
     bool shareable = true;
     std::mutex mutex;

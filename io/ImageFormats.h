@@ -1,0 +1,23 @@
+#pragma once
+
+#include <nuvek/io/PyramidalTiffWriter.h>
+
+#include <string>
+
+namespace Nuvek {
+
+/// \brief The names of the writer's sample types and compressions, as the nuvek tool's options and
+/// the Python functions spell them: "uint8", "uint16", "float32"; "none", "deflate", "lzw".
+class ImageFormats
+{
+public:
+    /// The sample type named name. Throws std::runtime_error listing the names for any other.
+    static TiffSampleType parseSampleType(std::string const& name);
+    /// The compression named name. Throws std::runtime_error listing the names for any other.
+    static TiffCompression parseCompression(std::string const& name);
+
+    static std::string toString(TiffSampleType type);
+    static std::string toString(TiffCompression compression);
+};
+
+} // namespace Nuvek
