@@ -1,7 +1,7 @@
 #include "ImageBinding.h"
 
 #include <nuvek/NuvekChains.h>
-#include <nuvek/io/ImageFile.h>
+#include <nuvek/io/ImageOpener.h>
 
 #include <pybind11/stl.h>
 
@@ -56,9 +56,10 @@ py::dict describeEntry(Nuvek::FilterEntry const& entry)
 
 void bindChains(py::module_& module)
 {
-    module.def("open_image", &Nuvek::ImageFile::open, py::arg("path"), R"doc(
-Opens an image file as the nuvek tool does: whole-slide formats (.svs, .ndpi, .mrxs, .scn, .vms,
-.vmu, .bif, .svslide) as a SlideImage, anything else as a TiffImage.
+    module.def("open_image", &Nuvek::openImage, py::arg("path"), py::arg("time") = 0, R"doc(
+Opens an image file as the nuvek tool does, choosing the reader by the file's content: a vendor
+whole-slide format that OpenSlide recognises as a SlideImage, plain, OME and ImageJ TIFF as a
+TiffImage, whatever the file's name. time picks the time point of a file with several.
 )doc");
 
     module.def(

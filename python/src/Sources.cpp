@@ -191,10 +191,11 @@ zeros. Level L holds the 2^L x 2^L block means of level 0; voxels outside the ex
 void bindFileSources(py::module_& module)
 {
     py::class_<Nuvek::TiffImage, Image>(module, "TiffImage", R"doc(
-A source image read from a TIFF or BigTIFF file: channel c is sample c, values unscaled; pages that
-halve the first page's size are its levels, full-size pages its z slices.
+A source image read from a TIFF or BigTIFF file, values unscaled; pages that halve the first page's
+size are its levels; full-size pages are channels or z slices as the file's OME or ImageJ
+description says (else z slices). time picks the time point of a file with several.
 )doc")
-        .def(py::init<std::string const&>(), py::arg("path"))
+        .def(py::init<std::string const&, long long>(), py::arg("path"), py::arg("time") = 0)
         .def("has_level", &Nuvek::TiffImage::hasLevel, py::arg("level"))
         .def("get_blocks_decoded", &Nuvek::TiffImage::getBlocksDecoded);
 

@@ -200,7 +200,8 @@ TEST_F(ToolRun, InfoAndFiltersDescribeWhatIsThere)
 {
     Outcome const info = nuvek("info " + input);
     ASSERT_EQ(info.status, 0) << info.errors;
-    EXPECT_NE(info.output.find("level 0   301 x 259 x 1 voxels"), std::string::npos) << info.output;
+    EXPECT_NE(info.output.find("Reader:      TiffImage\n"), std::string::npos) << info.output;
+    EXPECT_NE(info.output.find("level 0   301 x 259 x 1 voxels, voxel size "), std::string::npos) << info.output;
     EXPECT_NE(info.output.find("Channels:    3"), std::string::npos) << info.output;
     Outcome const filters = nuvek("filters");
     EXPECT_EQ(filters.status, 0);

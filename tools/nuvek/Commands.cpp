@@ -9,8 +9,8 @@
 #include <nuvek/chains/ChainImage.h>
 #include <nuvek/chains/FilterRegistry.h>
 #include <nuvek/chains/NumberText.h>
-#include <nuvek/io/ImageFile.h>
 #include <nuvek/io/ImageFormats.h>
+#include <nuvek/io/ImageOpener.h>
 
 #include <algorithm>
 #include <atomic>
@@ -223,6 +223,7 @@ that flows into the filter, and () is that image itself:
 Options:
   --chain EXPR          the filter chain (required)
   --level L             resolution level to process (default 0); the output's level 0 is that level
+  --time T              time point of an OME or ImageJ file with several (default 0, the first)
   --box X,Y,W,H         process only this box at that level (default: the whole image)
   --tile N              output tile size in voxels, a multiple of 16 (default 512)
   --threads N           worker threads (default: all cores)
@@ -353,7 +354,7 @@ std::string writeDemoSlide(SyntheticSlide& slide, DemoSettings const& demo)
                      interrupted))
         throw Interrupted();
     progress.finish(slide.getExtent(0).prod() * 3);
-    std::unique_ptr<Nuvek::Image> written = Nuvek::ImageFile::open(slidePath);
+    std::unique_ptr<Nuvek::Image> written = Nuvek::openImage(slidePath);
     writePreview(*written, (demo.directory / "0-slide.png").string());
     std::printf("  %-24s %6.2f s  synthetic slide with %zu nuclei\n", "0-slide.tif", progress.elapsedSeconds(),
                 slide.nuclei().size());
@@ -384,10 +385,10 @@ std::string runDemoStages(std::string const& slidePath, DemoSettings const& demo
     for (StageRun const& stage : stages)
     {
         std::string const output = (demo.directory / stage.file).string();
-        std::unique_ptr<Nuvek::Image> source = Nuvek::ImageFile::open(previous);
+        std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(previous);
         RunResult const result =
             runChain(*source, stage.chain, output, 0, nullptr, demo.output, demo.quiet, stage.file);
-        std::unique_ptr<Nuvek::Image> written = Nuvek::ImageFile::open(output);
+        std::unique_ptr<Nuvek::Image> written = Nuvek::openImage(output);
         std::string const preview = (std::filesystem::path(output).replace_extension(".png")).string();
         writePreview(*written, preview);
         std::printf("  %-24s %6.2f s  %-34s %.1f Mvoxel/s  (nuvek run %s %s --chain '%s')\n", stage.file,
@@ -402,7 +403,7 @@ std::string runDemoStages(std::string const& slidePath, DemoSettings const& demo
 // How well the peaks of the centres file match the nuclei the slide was made with.
 void reportDemoNuclei(std::string const& centresPath, SyntheticSlide const& slide)
 {
-    std::unique_ptr<Nuvek::Image> centresImage = Nuvek::ImageFile::open(centresPath);
+    std::unique_ptr<Nuvek::Image> centresImage = Nuvek::openImage(centresPath);
     std::vector<Centre> const centres = findCentres(*centresImage, 5.0, 5);
     std::vector<SyntheticSlide::Nucleus> const truth = slide.nuclei();
     long long const matched = matchCentres(truth, centres, 6.0);
@@ -429,22 +430,29 @@ int infoCommand(std::vector<std::string> const& arguments)
 {
     if (wantsHelp(arguments))
     {
-        std::printf("Usage: nuvek info FILE\n\nPrints the levels with their extents, the channels and their names, the\n"
-                    "value range, the voxel size and the tile size of an image file.\n");
+        std::printf("Usage: nuvek info FILE [--time T]\n\nPrints the reader chosen for the file, the levels with their extents, the\n"
+                    "channels and their names, the value range, the voxel size (\"unknown\" where the\n"
+                    "file does not give it) and the tile size of an image file. --time picks the time\n"
+                    "point of a file with several (default 0, the first).\n");
         return 0;
     }
-    Options const options = parseOptions(arguments, {}, {});
+    Options const options = parseOptions(arguments, {"time"}, {});
     if (options.positional.size() != 1)
         throw std::runtime_error("expected one file; 'nuvek info --help' shows the usage.");
-    std::unique_ptr<Nuvek::Image> image = Nuvek::ImageFile::open(options.positional[0]);
+    std::unique_ptr<Nuvek::Image> image = Nuvek::openImage(options.positional[0], options.integer("time", 0, 0));
+    bool const knowsSize = Nuvek::knowsVoxelSize(*image);
     std::printf("File:        %s\n", options.positional[0].c_str());
+    std::printf("Reader:      %s\n", Nuvek::describeReader(*image).c_str());
     std::printf("Levels:      %lld\n", image->getNumLevels());
     for (long long level = 0; level < image->getNumLevels(); ++level)
     {
         Nuvek::Vector const extent = image->getExtent(level);
         Nuvek::Vector const voxel = image->getVoxelSize(level);
-        std::printf("  level %-3lld %lld x %lld x %lld voxels, voxel size %lld x %lld x %lld nm\n", level, extent.x,
-                    extent.y, extent.z, voxel.x, voxel.y, voxel.z);
+        std::string const size = knowsSize ? std::to_string(voxel.x) + " x " + std::to_string(voxel.y) + " x " +
+                                                 std::to_string(voxel.z) + " nm"
+                                           : "unknown";
+        std::printf("  level %-3lld %lld x %lld x %lld voxels, voxel size %s\n", level, extent.x, extent.y, extent.z,
+                    size.c_str());
     }
     std::printf("Channels:    %lld\n", image->getNumChannels());
     for (long long c = 0; c < image->getNumChannels(); ++c)
@@ -464,7 +472,7 @@ int runCommand(std::vector<std::string> const& arguments)
         return 0;
     }
     Options const options =
-        parseOptions(arguments, {"chain", "level", "box", "tile", "threads", "type", "compression", "preview"}, {"quiet"});
+        parseOptions(arguments, {"chain", "level", "time", "box", "tile", "threads", "type", "compression", "preview"}, {"quiet"});
     if (options.positional.size() != 2)
         throw std::runtime_error("expected INPUT and OUTPUT.tif; 'nuvek run --help' shows the usage.");
     if (!options.has("chain"))
@@ -473,7 +481,7 @@ int runCommand(std::vector<std::string> const& arguments)
     long long const level = options.integer("level", 0, 0);
     // Parse the chain before touching any file, so that a typo costs nothing.
     Nuvek::parseChainExpression(options.get("chain", ""));
-    std::unique_ptr<Nuvek::Image> source = Nuvek::ImageFile::open(options.positional[0]);
+    std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(options.positional[0], options.integer("time", 0, 0));
     std::unique_ptr<Nuvek::Box> box;
     if (options.has("box"))
         box = std::make_unique<Nuvek::Box>(parseBox(options.get("box", ""), source->getExtent(level)));
@@ -483,7 +491,7 @@ int runCommand(std::vector<std::string> const& arguments)
              options.positional[1]);
     if (options.has("preview"))
     {
-        std::unique_ptr<Nuvek::Image> written = Nuvek::ImageFile::open(options.positional[1]);
+        std::unique_ptr<Nuvek::Image> written = Nuvek::openImage(options.positional[1]);
         writePreview(*written, options.get("preview", ""));
     }
     return 0;

@@ -1,5 +1,6 @@
 #include "OutputWriter.h"
 
+#include <nuvek/io/ImageOpener.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
 
 namespace NuvekTool {

@@ -3,7 +3,7 @@
 #include "view/TileServer.h"
 #include "view/ViewAssets.h"
 
-#include <nuvek/io/ImageFile.h>
+#include <nuvek/io/ImageOpener.h>
 
 #include <algorithm>
 #include <atomic>
@@ -124,7 +124,7 @@ int viewCommand(std::vector<std::string> const& arguments)
         throw std::runtime_error("expected one INPUT; 'nuvek view --help' shows the usage.");
 
     ViewAssets assets = ViewAssets::locate();
-    std::unique_ptr<Nuvek::Image> source = Nuvek::ImageFile::open(inputs[0]);
+    std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(inputs[0]);
     settings.title = std::filesystem::path(inputs[0]).filename().string();
     TileServer server(*source, std::move(assets), settings);
     for (std::string const& chain : chains)
