@@ -10,6 +10,7 @@ packages=(
     clang libclang-rt-14-dev
     pybind11-dev python3-dev python3-numpy python3-pytest python3-dask python3-distributed python3-zarr
     python3-tifffile python3-openslide
+    libcpp-httplib-dev libturbojpeg0-dev chromium
 )
 
 missing=()
@@ -19,15 +20,29 @@ for package in "${packages[@]}"; do
     fi
 done
 
-if [ ${#missing[@]} -eq 0 ]; then
-    exit 0
+# Node.js with npm installs the browser assets below; a machine that already has one (Debian's or
+# another vendor's) keeps it.
+if ! command -v npm >/dev/null 2>&1; then
+    missing+=(nodejs npm)
 fi
 
-echo "Installing: ${missing[*]}"
-sudo=""
-if [ "$(id -u)" -ne 0 ]; then
-    sudo="sudo"
+if [ ${#missing[@]} -ne 0 ]; then
+    echo "Installing: ${missing[*]}"
+    sudo=""
+    if [ "$(id -u)" -ne 0 ]; then
+        sudo="sudo"
+    fi
+    export DEBIAN_FRONTEND=noninteractive
+    $sudo apt-get update -qq
+    $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
-export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+
+# nuvek view's deep-zoom viewer and its browser test's driver, from the npm registry, into the
+# git-ignored build/web (never a browser download: the test drives Debian's chromium).
+cd "$(dirname "$0")/.."
+web=build/web
+if ! cmp -s tools/nuvek/view/package-lock.json "$web/package-lock.json" || [ ! -d "$web/node_modules" ]; then
+    mkdir -p "$web"
+    cp tools/nuvek/view/package.json tools/nuvek/view/package-lock.json "$web/"
+    npm ci --prefix "$web" --no-audit --no-fund --loglevel=error
+fi

@@ -528,6 +528,8 @@ int demoCommand(std::vector<std::string> const& arguments)
 
     double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("\nThe whole chain in one go: nuvek run 0-slide.tif nuclei.tif --chain '%s'\n", pipeline.c_str());
+    std::printf("Look at it over the slide in a browser, computed only where you look:\n  nuvek view %s --chain '%s'\n",
+                slidePath.c_str(), pipeline.c_str());
     std::printf("Done in %.1f s. PNG previews are beside each .tif in %s.\n", seconds, demo.directory.string().c_str());
     return 0;
 }

@@ -1,5 +1,6 @@
 // nuvek: runs filter chains over real images, tile by tile, on all cores.
 #include "Commands.h"
+#include "view/ViewCommand.h"
 
 #include <cstdio>
 #include <exception>
@@ -14,6 +15,8 @@ Usage:
   nuvek demo [DIR] [options]                 make a synthetic brightfield slide and find its nuclei
   nuvek run INPUT OUTPUT.tif --chain EXPR [options]
                                              run a filter chain, write a tiled pyramidal BigTIFF
+  nuvek view INPUT [--chain EXPR]... [options]
+                                             look at chains over INPUT in the browser, computed where you look
   nuvek info FILE                            levels, channels, value range, voxel and tile size
   nuvek filters                              every filter with its parameters
   nuvek COMMAND --help                       help on one command
@@ -41,6 +44,8 @@ int main(int argc, char** argv)
             return NuvekTool::infoCommand(arguments);
         if (command == "demo")
             return NuvekTool::demoCommand(arguments);
+        if (command == "view")
+            return NuvekTool::viewCommand(arguments);
         if (command == "filters")
             return NuvekTool::filtersCommand(arguments);
         std::fprintf(stderr, "nuvek: unknown command '%s'. 'nuvek --help' lists the commands.\n", command.c_str());
