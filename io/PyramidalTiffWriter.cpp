@@ -50,7 +50,9 @@ struct Plan
     long long tileSize = 256;
     TiffSampleType type = TiffSampleType::UInt8;
     long long bytesPerSample = 1;
-    ValueRange<double> range;
+    TiffCompression compression = TiffCompression::Deflate;
+    // The range of every channel; the first one for float samples.
+    std::vector<ValueRange<double>> ranges;
     Vector voxelSize;
     std::vector<LevelShape> levels;
 
@@ -78,13 +80,41 @@ std::vector<LevelShape> levelsOf(Vector const& extent, long long tileSize)
     return levels;
 }
 
-// Maps a value onto 0..maxStored: the documented mapping, NaN to 0, halves rounded up.
-double scaledSample(double value, ValueRange<double> const& range, double maxStored)
+// Maps a value onto 0..maxStored: the documented mapping, NaN to 0, halves rounded up. Counts
+// the sample in statistics.
+double scaledSample(double value, ValueRange<double> const& range, double maxStored, SampleStatistics& statistics)
 {
     if (std::isnan(value))
         return 0.0;
     double const scaled = (value - range.min) / (range.max - range.min) * maxStored;
-    return std::clamp(std::floor(scaled + 0.5), 0.0, maxStored);
+    double const rounded = std::floor(scaled + 0.5);
+    double const stored = std::clamp(rounded, 0.0, maxStored);
+    if (statistics.samples == 0)
+    {
+        statistics.lowestStored = stored;
+        statistics.highestStored = stored;
+    }
+    ++statistics.samples;
+    if (rounded != stored)
+        ++statistics.saturated;
+    statistics.lowestStored = std::min(statistics.lowestStored, stored);
+    statistics.highestStored = std::max(statistics.highestStored, stored);
+    return stored;
+}
+
+void addStatistics(SampleStatistics& total, SampleStatistics const& part)
+{
+    if (part.samples == 0)
+        return;
+    if (total.samples == 0)
+    {
+        total.lowestStored = part.lowestStored;
+        total.highestStored = part.highestStored;
+    }
+    total.samples += part.samples;
+    total.saturated += part.saturated;
+    total.lowestStored = std::min(total.lowestStored, part.lowestStored);
+    total.highestStored = std::max(total.highestStored, part.highestStored);
 }
 
 template <typename Sample>
@@ -109,7 +139,8 @@ double loadSample(unsigned char const* tile, long long index)
 // Interleaves a planar region of doubles (size width x height) into the tile, mapped to the
 // stored type; the rest of the tile is 0.
 template <typename Sample>
-void storeRegion(Plan const& plan, double const* region, long long width, long long height, unsigned char* tile)
+void storeRegion(Plan const& plan, double const* region, long long width, long long height, unsigned char* tile,
+                 SampleStatistics& statistics)
 {
     long long const tileSize = plan.tileSize;
     long long const channels = plan.channels;
@@ -125,7 +156,9 @@ void storeRegion(Plan const& plan, double const* region, long long width, long l
                 if (plan.type == TiffSampleType::Float32)
                     storeSample<Sample>(tile, index, value);
                 else
-                    storeSample<Sample>(tile, index, scaledSample(value, plan.range, maxStored));
+                    storeSample<Sample>(tile, index,
+                                        scaledSample(value, plan.ranges[static_cast<std::size_t>(c)], maxStored,
+                                                     statistics));
             }
 }
 
@@ -171,9 +204,10 @@ void averageChildren(Plan const& plan, std::vector<unsigned char> const* childre
 // One worker thread's buffers, kept from tile to tile.
 struct Worker
 {
-    Worker(TileEncoder::Method method, int level) : encoder(method, level) {}
+    explicit Worker(TileEncoder&& encoder) : encoder(std::move(encoder)) {}
 
     TileEncoder encoder;
+    SampleStatistics statistics;
     std::vector<double> region;
     std::vector<unsigned char> tile;
     std::vector<unsigned char> children[4];
@@ -202,7 +236,14 @@ public:
             computeFromImage(worker, z, tileX, tileY, width, height);
         else
             computeFromLevelAbove(worker, z, level, tileX, tileY, width, height);
-        worker.encoder.encode(worker.tile.data(), worker.tile.size(), encoded);
+        try
+        {
+            worker.encoder.encode(worker.tile.data(), worker.tile.size(), encoded);
+        }
+        catch (std::runtime_error const& error)
+        {
+            fail(error.what());
+        }
     }
 
 private:
@@ -216,13 +257,13 @@ private:
         switch (plan.type)
         {
         case TiffSampleType::UInt8:
-            storeRegion<std::uint8_t>(plan, worker.region.data(), width, height, worker.tile.data());
+            storeRegion<std::uint8_t>(plan, worker.region.data(), width, height, worker.tile.data(), worker.statistics);
             break;
         case TiffSampleType::UInt16:
-            storeRegion<std::uint16_t>(plan, worker.region.data(), width, height, worker.tile.data());
+            storeRegion<std::uint16_t>(plan, worker.region.data(), width, height, worker.tile.data(), worker.statistics);
             break;
         case TiffSampleType::Float32:
-            storeRegion<float>(plan, worker.region.data(), width, height, worker.tile.data());
+            storeRegion<float>(plan, worker.region.data(), width, height, worker.tile.data(), worker.statistics);
             break;
         }
     }
@@ -239,6 +280,8 @@ private:
             worker.reader = std::make_unique<TiffHandle>(temporaryPath, "rm", context);
             if (TIFFSetDirectory(worker.reader->get(), static_cast<tdir_t>(directory)) != 1)
                 worker.reader->fail("cannot read back page " + std::to_string(directory));
+            if (plan.compression == TiffCompression::JPEG && plan.channels == 3)
+                TIFFSetField(worker.reader->get(), TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
             worker.readerDirectory = directory;
         }
         LevelShape const& above = plan.levels[static_cast<std::size_t>(level - 1)];
@@ -390,6 +433,43 @@ struct TemporaryFile
     }
 };
 
+std::uint16_t compressionTag(TiffCompression compression)
+{
+    switch (compression)
+    {
+    case TiffCompression::Deflate:
+        return COMPRESSION_ADOBE_DEFLATE;
+    case TiffCompression::LZW:
+        return COMPRESSION_LZW;
+    case TiffCompression::JPEG:
+        return COMPRESSION_JPEG;
+    case TiffCompression::Zstd:
+        return COMPRESSION_ZSTD;
+    case TiffCompression::None:
+        break;
+    }
+    return COMPRESSION_NONE;
+}
+
+TileEncoder makeEncoder(Plan const& plan, PyramidalTiffOptions const& options)
+{
+    switch (options.compression)
+    {
+    case TiffCompression::Deflate:
+        return TileEncoder(TileEncoder::Method::Deflate, options.deflateLevel);
+    case TiffCompression::LZW:
+        return TileEncoder(TileEncoder::Method::LZW, 0);
+    case TiffCompression::JPEG:
+        return TileEncoder(TileEncoder::Method::JPEG, options.jpegQuality, plan.tileSize, plan.tileSize,
+                           plan.channels);
+    case TiffCompression::Zstd:
+        return TileEncoder(TileEncoder::Method::Zstd, options.zstdLevel);
+    case TiffCompression::None:
+        break;
+    }
+    return TileEncoder(TileEncoder::Method::None, 0);
+}
+
 void describePage(TIFF* tiff, Plan const& plan, long long z, long long level, std::string const& sliceName)
 {
     LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
@@ -405,7 +485,16 @@ void describePage(TIFF* tiff, Plan const& plan, long long z, long long level, st
     TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, static_cast<std::uint16_t>(plan.channels));
     TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
     bool const rgb = plan.channels == 3;
-    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, rgb ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
+    TIFFSetField(tiff, TIFFTAG_COMPRESSION, compressionTag(plan.compression));
+    if (rgb && plan.compression == TiffCompression::JPEG)
+    {
+        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_YCBCR);
+        TIFFSetField(tiff, TIFFTAG_YCBCRSUBSAMPLING, static_cast<std::uint16_t>(2), static_cast<std::uint16_t>(2));
+        float referenceBlackWhite[6] = {0.0f, 255.0f, 128.0f, 255.0f, 128.0f, 255.0f};
+        TIFFSetField(tiff, TIFFTAG_REFERENCEBLACKWHITE, referenceBlackWhite);
+    }
+    else
+        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, rgb ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
     if (!rgb && plan.channels > 1)
     {
         std::vector<std::uint16_t> extra(static_cast<std::size_t>(plan.channels - 1), EXTRASAMPLE_UNSPECIFIED);
@@ -420,8 +509,8 @@ void describePage(TIFF* tiff, Plan const& plan, long long z, long long level, st
     }
     if (plan.type == TiffSampleType::Float32)
     {
-        TIFFSetField(tiff, TIFFTAG_SMINSAMPLEVALUE, plan.range.min);
-        TIFFSetField(tiff, TIFFTAG_SMAXSAMPLEVALUE, plan.range.max);
+        TIFFSetField(tiff, TIFFTAG_SMINSAMPLEVALUE, plan.ranges.front().min);
+        TIFFSetField(tiff, TIFFTAG_SMAXSAMPLEVALUE, plan.ranges.front().max);
     }
     if (plan.depth > 1 && level == 0)
         TIFFSetField(tiff, TIFFTAG_PAGENUMBER, static_cast<std::uint16_t>(std::min<long long>(z, 65535)),
@@ -430,40 +519,16 @@ void describePage(TIFF* tiff, Plan const& plan, long long z, long long level, st
         TIFFSetField(tiff, TIFFTAG_PAGENAME, sliceName.c_str());
 }
 
-std::uint16_t compressionTag(TiffCompression compression)
-{
-    switch (compression)
-    {
-    case TiffCompression::Deflate:
-        return COMPRESSION_ADOBE_DEFLATE;
-    case TiffCompression::LZW:
-        return COMPRESSION_LZW;
-    case TiffCompression::None:
-        break;
-    }
-    return COMPRESSION_NONE;
-}
-
-TileEncoder::Method encoderMethod(TiffCompression compression)
-{
-    switch (compression)
-    {
-    case TiffCompression::Deflate:
-        return TileEncoder::Method::Deflate;
-    case TiffCompression::LZW:
-        return TileEncoder::Method::LZW;
-    case TiffCompression::None:
-        break;
-    }
-    return TileEncoder::Method::None;
-}
-
 Plan planFor(Image& image, PyramidalTiffOptions const& options)
 {
     if (options.tileSize < 16 || options.tileSize > 65536 || options.tileSize % 16 != 0)
         fail("the tile size must be a multiple of 16 from 16 to 65536, not " + std::to_string(options.tileSize));
     if (options.deflateLevel < 1 || options.deflateLevel > 12)
         fail("the Deflate level must be from 1 to 12, not " + std::to_string(options.deflateLevel));
+    if (options.zstdLevel < 1 || options.zstdLevel > 22)
+        fail("the zstd level must be from 1 to 22, not " + std::to_string(options.zstdLevel));
+    if (options.jpegQuality < 1 || options.jpegQuality > 100)
+        fail("the JPEG quality must be from 1 to 100, not " + std::to_string(options.jpegQuality));
     if (options.threads < 0)
         fail("the number of threads must not be negative");
     if (options.level < 0 || options.level >= image.getNumLevels())
@@ -476,6 +541,15 @@ Plan planFor(Image& image, PyramidalTiffOptions const& options)
     long long const channels = image.getNumChannels();
     if (channels < 1 || channels > 65535)
         fail("TIFF needs 1 to 65535 channels, the image has " + std::to_string(channels));
+    if (options.compression == TiffCompression::JPEG && options.sampleType != TiffSampleType::UInt8)
+        fail("JPEG compression needs uint8 samples");
+    if (options.compression == TiffCompression::JPEG && channels != 1 && channels != 3)
+        fail("JPEG compression needs 1 (grey) or 3 (RGB) channels, the image has " + std::to_string(channels));
+    if (TIFFIsCODECConfigured(compressionTag(options.compression)) != 1)
+        fail("this libtiff cannot write the chosen compression");
+    if (!options.channelRanges.empty() && static_cast<long long>(options.channelRanges.size()) != channels)
+        fail("there are " + std::to_string(options.channelRanges.size()) + " channel ranges for " +
+             std::to_string(channels) + " channels");
 
     Plan plan;
     plan.sourceLevel = options.level;
@@ -484,10 +558,15 @@ Plan planFor(Image& image, PyramidalTiffOptions const& options)
     plan.tileSize = options.tileSize;
     plan.type = options.sampleType;
     plan.bytesPerSample = plan.type == TiffSampleType::UInt8 ? 1 : (plan.type == TiffSampleType::UInt16 ? 2 : 4);
-    plan.range = options.valueRange ? *options.valueRange : image.getValueRange();
-    if (plan.type != TiffSampleType::Float32 &&
-        !(std::isfinite(plan.range.min) && std::isfinite(plan.range.max) && plan.range.max > plan.range.min))
-        fail("the value range must be finite with max > min to map onto integer samples");
+    plan.compression = options.compression;
+    plan.ranges = options.channelRanges;
+    if (plan.ranges.empty())
+        plan.ranges.assign(static_cast<std::size_t>(channels),
+                           options.valueRange ? *options.valueRange : image.getValueRange());
+    for (ValueRange<double> const& range : plan.ranges)
+        if (plan.type != TiffSampleType::Float32 &&
+            !(std::isfinite(range.min) && std::isfinite(range.max) && range.max > range.min))
+            fail("the value range must be finite with max > min to map onto integer samples");
     if (plan.tileBytes() > TiffHandle::maxAllocation)
         fail("a tile of " + std::to_string(plan.tileSize) + " x " + std::to_string(plan.tileSize) + " voxels and " +
              std::to_string(channels) + " channels is too large");
@@ -527,7 +606,7 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
     std::vector<Worker> workers;
     workers.reserve(static_cast<std::size_t>(threads));
     for (long long i = 0; i < threads; ++i)
-        workers.emplace_back(encoderMethod(options.compression), options.deflateLevel);
+        workers.emplace_back(makeEncoder(plan, options));
     TileComputer computer(plan, image, temporary.path);
 
     long long done = 0;
@@ -537,7 +616,6 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
         for (long long level = 0; level < static_cast<long long>(plan.levels.size()); ++level)
         {
             describePage(tiff, plan, z, level, sliceName);
-            TIFFSetField(tiff, TIFFTAG_COMPRESSION, compressionTag(options.compression));
             LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
             auto compute = [&, z, level](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
                 computer.compute(worker, z, level, index, encoded);
@@ -554,6 +632,13 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
             if (TIFFWriteDirectory(tiff) != 1)
                 output->fail("cannot write the page of slice " + std::to_string(z) + ", level " + std::to_string(level));
         }
+    }
+    if (options.statistics != nullptr)
+    {
+        *options.statistics = SampleStatistics();
+        if (plan.type != TiffSampleType::Float32)
+            for (Worker const& worker : workers)
+                addStatistics(*options.statistics, worker.statistics);
     }
     // Readers of the temporary file close before it is renamed.
     workers.clear();
