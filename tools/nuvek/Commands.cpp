@@ -1,5 +1,6 @@
 #include "Commands.h"
 
+#include "AutoRange.h"
 #include "ChainExpression.h"
 #include "ChainImage.h"
 #include "FilterCatalogue.h"
@@ -7,6 +8,8 @@
 #include "Preview.h"
 #include "Progress.h"
 #include "SyntheticSlide.h"
+
+#include <nuvek/io/StoredSampleType.h>
 
 #include <algorithm>
 #include <atomic>
@@ -16,6 +19,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -159,9 +163,69 @@ struct RunResult
     int copies = 1;
 };
 
+// Parses --range: "auto", "LO,HI" or "LO,HI;LO,HI;..." (one per channel). An empty result is auto.
+std::vector<Nuvek::ValueRange<double>> parseRanges(std::string const& text)
+{
+    std::vector<Nuvek::ValueRange<double>> ranges;
+    if (text == "auto")
+        return ranges;
+    std::stringstream stream(text);
+    std::string item;
+    auto const bad = [&]() {
+        return std::runtime_error("--range takes LO,HI with LO < HI, one such pair per channel separated by ';', or "
+                                  "auto; got '" + text + "'.");
+    };
+    auto const number = [&](std::string const& word) {
+        std::size_t used = 0;
+        double value = 0.0;
+        try
+        {
+            value = std::stod(word, &used);
+        }
+        catch (std::exception const&)
+        {
+            throw bad();
+        }
+        if (used != word.size() || !std::isfinite(value))
+            throw bad();
+        return value;
+    };
+    while (std::getline(stream, item, ';'))
+    {
+        std::size_t const comma = item.find(',');
+        if (comma == std::string::npos)
+            throw bad();
+        double const low = number(item.substr(0, comma));
+        double const high = number(item.substr(comma + 1));
+        if (!(high > low))
+            throw bad();
+        ranges.emplace_back(low, high);
+    }
+    if (ranges.empty() || text.back() == ';')
+        throw bad();
+    return ranges;
+}
+
+// One line on the standard error stream when integer output with the default range hides the data.
+void hintAtRange(Nuvek::SampleStatistics const& statistics, std::string const& type)
+{
+    double const top = type == "uint8" ? 255.0 : 65535.0;
+    if (statistics.samples == 0)
+        return;
+    if (statistics.saturated * 2 > statistics.samples)
+        std::fprintf(stderr, "nuvek run: hint: %.0f%% of the samples lie outside the value range and are stored as 0 "
+                             "or %.0f; --range LO,HI or --range auto sets the range to map.\n",
+                     100.0 * static_cast<double>(statistics.saturated) / static_cast<double>(statistics.samples), top);
+    else if (statistics.highestStored - statistics.lowestStored < top / 16.0)
+        std::fprintf(stderr, "nuvek run: hint: the output uses only the values %.0f to %.0f of 0 to %.0f; --range "
+                             "LO,HI or --range auto sets the range to map.\n",
+                     statistics.lowestStored, statistics.highestStored, top);
+}
+
 // Writes the chain's result at a level and box to `output`; throws Interrupted when Ctrl-C stopped it.
 RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::string const& output, long long level,
-                   Nuvek::Box const* requested, OutputSettings const& settings, bool quiet, std::string const& label)
+                   Nuvek::Box const* requested, OutputSettings const& givenSettings, bool quiet,
+                   std::string const& label, bool autoRange = false)
 {
     ChainExpression const expression = parseChainExpression(chainText);
     if (level < 0 || level >= source.getNumLevels())
@@ -171,7 +235,16 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
     Nuvek::Box const box = requested != nullptr ? *requested : Nuvek::Box(extent);
     if (box.isEmpty())
         throw std::runtime_error("the region to process is empty.");
-    ChainImage image(expression, &source, settings.threads, level, box);
+    ChainImage image(expression, &source, givenSettings.threads, level, box);
+    OutputSettings settings = givenSettings;
+    bool const integer = settings.type != "float32";
+    if (autoRange && integer)
+        settings.ranges = estimateChannelRanges(expression, source, settings.threads, level, box);
+    if (settings.ranges.size() > 1 && static_cast<long long>(settings.ranges.size()) != image.getNumChannels())
+        throw std::runtime_error("--range gives " + std::to_string(settings.ranges.size()) +
+                                 " ranges, the output has " + std::to_string(image.getNumChannels()) + " channels.");
+    Nuvek::SampleStatistics statistics;
+    settings.statistics = &statistics;
 
     Progress progress(label, quiet);
     std::atomic<long long> voxelsDone{0};
@@ -186,7 +259,27 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
         throw Interrupted();
     long long const voxels = box.getSize() * image.getNumChannels();
     progress.finish(voxels);
+    if (integer && givenSettings.ranges.empty() && !autoRange)
+        hintAtRange(statistics, settings.type);
     return RunResult{voxels, progress.elapsedSeconds(), image.getNumCopies()};
+}
+
+// Whether the chain only selects and clamps, so that its values are the input's.
+bool keepsValues(ChainExpression const& expression)
+{
+    for (Stage const& stage : expression.stages)
+        if (stage.name != "clamp" && stage.name != "channel" && stage.name != "zslice")
+            return false;
+    return true;
+}
+
+std::string sampleTypeName(std::optional<Nuvek::TiffSampleType> type)
+{
+    if (type == Nuvek::TiffSampleType::UInt8)
+        return "uint8";
+    if (type == Nuvek::TiffSampleType::UInt16)
+        return "uint16";
+    return "float32";
 }
 
 OutputSettings outputSettings(Options const& options)
@@ -198,8 +291,24 @@ OutputSettings outputSettings(Options const& options)
     settings.compression = options.get("compression", "deflate");
     if (settings.type != "uint8" && settings.type != "uint16" && settings.type != "float32")
         throw std::runtime_error("--type must be uint8, uint16 or float32, got '" + settings.type + "'.");
-    if (settings.compression != "none" && settings.compression != "deflate" && settings.compression != "lzw")
-        throw std::runtime_error("--compression must be none, deflate or lzw, got '" + settings.compression + "'.");
+    if (settings.compression != "none" && settings.compression != "deflate" && settings.compression != "lzw" &&
+        settings.compression != "jpeg" && settings.compression != "zstd")
+        throw std::runtime_error("--compression must be none, deflate, lzw, jpeg or zstd, got '" +
+                                 settings.compression + "'.");
+    settings.compressionLevel = static_cast<int>(options.integer("compression-level", 0, 1));
+    if (options.has("compression-level") && settings.compression != "deflate" && settings.compression != "zstd")
+        throw std::runtime_error("--compression-level applies to deflate (1 to 12) and zstd (1 to 22) only.");
+    if (settings.compressionLevel > (settings.compression == "zstd" ? 22 : 12))
+        throw std::runtime_error("--compression-level must be from 1 to " +
+                                 std::string(settings.compression == "zstd" ? "22" : "12") + " for " +
+                                 settings.compression + ", got " + std::to_string(settings.compressionLevel) + ".");
+    settings.quality = static_cast<int>(options.integer("quality", 90, 1));
+    if (options.has("quality") && settings.compression != "jpeg")
+        throw std::runtime_error("--quality applies to jpeg compression only.");
+    if (settings.quality > 100)
+        throw std::runtime_error("--quality must be from 1 to 100, got " + std::to_string(settings.quality) + ".");
+    if (options.has("range"))
+        settings.ranges = parseRanges(options.get("range", ""));
     return settings;
 }
 
@@ -222,9 +331,21 @@ Options:
   --box X,Y,W,H         process only this box at that level (default: the whole image)
   --tile N              output tile size in voxels, a multiple of 16 (default 512)
   --threads N           worker threads (default: all cores)
-  --type T              uint8, uint16 or float32 (default float32); integer types map the chain's
-                        value range linearly onto 0..255 or 0..65535
-  --compression C       none, deflate or lzw (default deflate)
+  --type T              uint8, uint16 or float32. Default: the input's own sample type when the chain
+                        only selects and clamps ('clamp', 'channel', 'zslice', or '()'), so that
+                        values stay as they were; float32 for every other chain
+  --range R             for uint8 and uint16: the values that map linearly onto 0..255 or
+                        0..65535 (below: 0, above: the maximum). LO,HI for every channel;
+                        LO,HI;LO,HI;... one per channel; or auto: per channel, from the 0.1st to
+                        the 99.9th percentile of the chain's finite output values, computed at the
+                        finest level of the input at which the region holds at most 4 Mvoxels (an
+                        estimate: filters then see coarser voxels). Default: the chain's value range;
+                        a hint names --range when that leaves more than half of the samples
+                        saturated or uses less than 1/16 of the integer range
+  --compression C       none, deflate, lzw, zstd or jpeg (default deflate). jpeg is lossy, for
+                        uint8 output of 1 (grey) or 3 (RGB) channels, as slide scanners store tiles
+  --compression-level N deflate: 1 (fastest) to 12 (smallest), default 6; zstd: 1 to 22, default 3
+  --quality Q           jpeg quality, 1 to 100 (default 90)
   --preview FILE.png    also write a small PNG preview of the output
   --quiet               no progress bar and no summary
 
@@ -362,24 +483,31 @@ int runCommand(std::vector<std::string> const& arguments)
         std::fputs(runHelp, stdout);
         return 0;
     }
-    Options const options =
-        parseOptions(arguments, {"chain", "level", "box", "tile", "threads", "type", "compression", "preview"}, {"quiet"});
+    Options const options = parseOptions(arguments,
+                                         {"chain", "level", "box", "tile", "threads", "type", "compression",
+                                          "compression-level", "quality", "range", "preview"},
+                                         {"quiet"});
     if (options.positional.size() != 2)
         throw std::runtime_error("expected INPUT and OUTPUT.tif; 'nuvek run --help' shows the usage.");
     if (!options.has("chain"))
         throw std::runtime_error("--chain is missing; 'nuvek run --help' shows the usage.");
-    OutputSettings const settings = outputSettings(options);
+    OutputSettings settings = outputSettings(options);
+    outputFormatOf(options.positional[1]);
     long long const level = options.integer("level", 0, 0);
     // Parse the chain before touching any file, so that a typo costs nothing.
-    parseChainExpression(options.get("chain", ""));
+    ChainExpression const expression = parseChainExpression(options.get("chain", ""));
     std::unique_ptr<Nuvek::Image> source = openInput(options.positional[0]);
+    if (!options.has("type"))
+        settings.type = keepsValues(expression) ? sampleTypeName(Nuvek::storedSampleType(*source)) : "float32";
+    if (options.has("range") && settings.type == "float32")
+        throw std::runtime_error("--range applies to uint8 and uint16 output only; float32 stores values as they are.");
     std::unique_ptr<Nuvek::Box> box;
     if (options.has("box"))
         box = std::make_unique<Nuvek::Box>(parseBox(options.get("box", ""), source->getExtent(level)));
     InterruptScope const interruptScope;
     bool const quiet = options.flags.count("quiet") != 0;
     runChain(*source, options.get("chain", ""), options.positional[1], level, box.get(), settings, quiet,
-             options.positional[1]);
+             options.positional[1], options.get("range", "") == "auto");
     if (options.has("preview"))
     {
         std::unique_ptr<Nuvek::Image> written = openInput(options.positional[1]);

@@ -11,18 +11,56 @@
 
 namespace NuvekTool {
 
+namespace {
+
+std::string lowercase(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+bool endsWith(std::string const& text, std::string const& ending)
+{
+    return text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
+}
+
+} // namespace
+
+OutputFormat outputFormatOf(std::string const& path)
+{
+    std::string const name = lowercase(path);
+    for (char const* ending : {".tif", ".tiff", ".btf", ".tf8"})
+        if (endsWith(name, ending))
+            return OutputFormat::Tiff;
+    throw std::runtime_error("the output's name must end in .tif, .tiff, .btf or .tf8, not '" + path + "'.");
+}
+
 bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings const& settings,
                  std::function<void(long long, long long, long long)> const& progress, std::atomic<bool> const& cancel)
 {
     Nuvek::PyramidalTiffOptions options;
     options.tileSize = settings.tileSize;
     options.threads = settings.threads;
-    options.compression = settings.compression == "none"  ? Nuvek::TiffCompression::None
-                          : settings.compression == "lzw" ? Nuvek::TiffCompression::LZW
-                                                          : Nuvek::TiffCompression::Deflate;
+    options.compression = settings.compression == "none"   ? Nuvek::TiffCompression::None
+                          : settings.compression == "lzw"  ? Nuvek::TiffCompression::LZW
+                          : settings.compression == "jpeg" ? Nuvek::TiffCompression::JPEG
+                          : settings.compression == "zstd" ? Nuvek::TiffCompression::Zstd
+                                                           : Nuvek::TiffCompression::Deflate;
+    if (settings.compressionLevel > 0 && options.compression == Nuvek::TiffCompression::Zstd)
+        options.zstdLevel = settings.compressionLevel;
+    else if (settings.compressionLevel > 0)
+        options.deflateLevel = settings.compressionLevel;
+    options.jpegQuality = settings.quality;
+    if (settings.ranges.size() == 1)
+        options.valueRange = settings.ranges.front();
+    else
+        options.channelRanges = settings.ranges;
+    options.statistics = settings.statistics;
     options.sampleType = settings.type == "uint8"    ? Nuvek::TiffSampleType::UInt8
                          : settings.type == "uint16" ? Nuvek::TiffSampleType::UInt16
                                                      : Nuvek::TiffSampleType::Float32;
+    outputFormatOf(path);
     long long const voxels = image.getExtent(0).prod() * image.getNumChannels();
     options.progress = [&](long long done, long long total) {
         // Level 0 holds about three quarters of all tiles; the voxel count is an estimate.
@@ -36,9 +74,7 @@ std::unique_ptr<Nuvek::Image> openInput(std::string const& path)
 {
     if (!std::filesystem::exists(path))
         throw std::runtime_error("cannot read " + path + ": no such file.");
-    std::string extension = std::filesystem::path(path).extension().string();
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::string const extension = lowercase(std::filesystem::path(path).extension().string());
     static char const* const slideExtensions[] = {".svs", ".ndpi", ".mrxs", ".scn", ".vms", ".vmu", ".bif", ".svslide"};
     for (char const* slideExtension : slideExtensions)
         if (extension == slideExtension)

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <nuvek/core/Image.h>
+#include <nuvek/io/PyramidalTiffWriter.h>
 
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace NuvekTool {
 
@@ -15,13 +17,32 @@ struct OutputSettings
     int threads = 1;
     /// uint8, uint16 or float32.
     std::string type = "float32";
-    /// none, deflate or lzw.
+    /// none, deflate, lzw, jpeg or zstd.
     std::string compression = "deflate";
+    /// The Deflate (1 to 12) or zstd (1 to 22) level; 0 takes the writer's default.
+    int compressionLevel = 0;
+    /// The JPEG quality, 1 to 100.
+    int quality = 90;
+    /// The range that integer types map from: one for every channel, or one per channel; the
+    /// image's value range when empty.
+    std::vector<Nuvek::ValueRange<double>> ranges;
+    /// When set, receives how the samples fell against the range (integer types only).
+    Nuvek::SampleStatistics* statistics = nullptr;
 };
 
-/// Writes level 0 of image as a tiled pyramidal BigTIFF, tile by tile on `threads` threads. Calls
-/// progress(tilesDone, tilesTotal, voxelsDone) as tiles complete; stops when cancel becomes true.
-/// Nothing is left at path unless the whole file was written. Returns false when cancelled.
+/// The output formats, chosen by the output file's name.
+enum class OutputFormat
+{
+    /// .tif, .tiff, .btf, .tf8: a plain pyramidal BigTIFF, which OpenSlide opens.
+    Tiff
+};
+
+/// The format a name asks for; throws std::runtime_error for any other ending.
+OutputFormat outputFormatOf(std::string const& path);
+
+/// Writes level 0 of image in the format its name asks for, tile by tile on `threads` threads.
+/// Calls progress(tilesDone, tilesTotal, voxelsDone) as tiles complete; stops when cancel becomes
+/// true. Nothing is left at path unless the whole file was written. Returns false when cancelled.
 bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings const& settings,
                  std::function<void(long long, long long, long long)> const& progress, std::atomic<bool> const& cancel);
 
