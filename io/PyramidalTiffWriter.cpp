@@ -3,6 +3,8 @@
 #include <nuvek/io/TiffHandle.h>
 #include <nuvek/io/TileEncoder.h>
 
+#include "io/internal/OmeXml.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -45,7 +47,11 @@ struct LevelShape
 struct Plan
 {
     long long sourceLevel = 0;
+    // Samples per page, and the image's channels: they differ when every channel has its own pages.
     long long channels = 1;
+    long long imageChannels = 1;
+    long long pagesPerSlice = 1;
+    bool ome = false;
     long long depth = 1;
     long long tileSize = 256;
     TiffSampleType type = TiffSampleType::UInt8;
@@ -57,10 +63,11 @@ struct Plan
     std::vector<LevelShape> levels;
 
     long long tileBytes() const { return tileSize * tileSize * channels * bytesPerSample; }
-    // The page of slice z and level L, in file order.
-    long long directoryOf(long long z, long long level) const
+    long long pages() const { return depth * pagesPerSlice; }
+    // The directory of full-resolution page p and level L in the main chain of a plain pyramid.
+    long long directoryOf(long long page, long long level) const
     {
-        return z * static_cast<long long>(levels.size()) + level;
+        return page * static_cast<long long>(levels.size()) + level;
     }
 };
 
@@ -139,8 +146,8 @@ double loadSample(unsigned char const* tile, long long index)
 // Interleaves a planar region of doubles (size width x height) into the tile, mapped to the
 // stored type; the rest of the tile is 0.
 template <typename Sample>
-void storeRegion(Plan const& plan, double const* region, long long width, long long height, unsigned char* tile,
-                 SampleStatistics& statistics)
+void storeRegion(Plan const& plan, double const* region, long long firstChannel, long long width, long long height,
+                 unsigned char* tile, SampleStatistics& statistics)
 {
     long long const tileSize = plan.tileSize;
     long long const channels = plan.channels;
@@ -151,13 +158,13 @@ void storeRegion(Plan const& plan, double const* region, long long width, long l
         for (long long x = 0; x < width; ++x)
             for (long long c = 0; c < channels; ++c)
             {
-                double const value = region[c * plane + y * width + x];
+                double const value = region[(firstChannel + c) * plane + y * width + x];
                 long long const index = (y * tileSize + x) * channels + c;
                 if (plan.type == TiffSampleType::Float32)
                     storeSample<Sample>(tile, index, value);
                 else
                     storeSample<Sample>(tile, index,
-                                        scaledSample(value, plan.ranges[static_cast<std::size_t>(c)], maxStored,
+                                        scaledSample(value, plan.ranges[static_cast<std::size_t>(firstChannel + c)], maxStored,
                                                      statistics));
             }
 }
@@ -223,8 +230,8 @@ public:
     {
     }
 
-    // Computes and compresses tile `index` of slice z at level `level` into `encoded`.
-    void compute(Worker& worker, long long z, long long level, long long index, std::vector<unsigned char>& encoded)
+    // Computes and compresses tile `index` of full-resolution page `page` at level `level` into `encoded`.
+    void compute(Worker& worker, long long page, long long level, long long index, std::vector<unsigned char>& encoded)
     {
         LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
         long long const tileX = index % shape.tilesX;
@@ -233,9 +240,9 @@ public:
         long long const height = std::min(plan.tileSize, shape.height - tileY * plan.tileSize);
         worker.tile.resize(static_cast<std::size_t>(plan.tileBytes()));
         if (level == 0)
-            computeFromImage(worker, z, tileX, tileY, width, height);
+            computeFromImage(worker, page, tileX, tileY, width, height);
         else
-            computeFromLevelAbove(worker, z, level, tileX, tileY, width, height);
+            computeFromLevelAbove(worker, page, level, tileX, tileY, width, height);
         try
         {
             worker.encoder.encode(worker.tile.data(), worker.tile.size(), encoded);
@@ -247,39 +254,44 @@ public:
     }
 
 private:
-    void computeFromImage(Worker& worker, long long z, long long tileX, long long tileY, long long width,
+    void computeFromImage(Worker& worker, long long page, long long tileX, long long tileY, long long width,
                           long long height)
     {
+        long long const z = page / plan.pagesPerSlice;
+        long long const firstChannel = plan.pagesPerSlice > 1 ? page % plan.pagesPerSlice : 0;
         Vector const min(tileX * plan.tileSize, tileY * plan.tileSize, z);
         Box const box(min, min + Vector(width - 1, height - 1, 0));
-        worker.region.assign(static_cast<std::size_t>(box.getSize() * plan.channels), 0.0);
+        worker.region.assign(static_cast<std::size_t>(box.getSize() * plan.imageChannels), 0.0);
         image.openRegion(worker.region.data(), plan.sourceLevel, box);
         switch (plan.type)
         {
         case TiffSampleType::UInt8:
-            storeRegion<std::uint8_t>(plan, worker.region.data(), width, height, worker.tile.data(), worker.statistics);
+            storeRegion<std::uint8_t>(plan, worker.region.data(), firstChannel, width, height, worker.tile.data(),
+                                 worker.statistics);
             break;
         case TiffSampleType::UInt16:
-            storeRegion<std::uint16_t>(plan, worker.region.data(), width, height, worker.tile.data(), worker.statistics);
+            storeRegion<std::uint16_t>(plan, worker.region.data(), firstChannel, width, height, worker.tile.data(),
+                                 worker.statistics);
             break;
         case TiffSampleType::Float32:
-            storeRegion<float>(plan, worker.region.data(), width, height, worker.tile.data(), worker.statistics);
+            storeRegion<float>(plan, worker.region.data(), firstChannel, width, height, worker.tile.data(),
+                                 worker.statistics);
             break;
         }
     }
 
-    void computeFromLevelAbove(Worker& worker, long long z, long long level, long long tileX, long long tileY,
+    void computeFromLevelAbove(Worker& worker, long long page, long long level, long long tileX, long long tileY,
                                long long width, long long height)
     {
-        long long const directory = plan.directoryOf(z, level - 1);
+        // Directories are told apart by page and level, whichever way the file chains them.
+        long long const directory = page * static_cast<long long>(plan.levels.size()) + level - 1;
         // The level above was finished before this level started; a handle opened now sees it.
         if (worker.readerDirectory != directory)
         {
             worker.reader.reset();
             // Not memory-mapped ("m"): mapped pages of the file would count as the process's memory.
             worker.reader = std::make_unique<TiffHandle>(temporaryPath, "rm", context);
-            if (TIFFSetDirectory(worker.reader->get(), static_cast<tdir_t>(directory)) != 1)
-                worker.reader->fail("cannot read back page " + std::to_string(directory));
+            openDirectory(*worker.reader, page, level - 1);
             if (plan.compression == TiffCompression::JPEG && plan.channels == 3)
                 TIFFSetField(worker.reader->get(), TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
             worker.readerDirectory = directory;
@@ -315,6 +327,24 @@ private:
             averageChildren<float>(plan, worker.children, width, height, worker.tile.data());
             break;
         }
+    }
+
+    // Makes level `level` of full-resolution page `page` the reader's current directory: a page of
+    // the main chain in a plain pyramid, a page and then one of its SubIFDs in OME-TIFF.
+    void openDirectory(TiffHandle& reader, long long page, long long level)
+    {
+        TIFF* tiff = reader.get();
+        tdir_t const mainDirectory = static_cast<tdir_t>(plan.ome ? page : plan.directoryOf(page, level));
+        if (TIFFSetDirectory(tiff, mainDirectory) != 1)
+            reader.fail("cannot read back page " + std::to_string(mainDirectory));
+        if (!plan.ome || level == 0)
+            return;
+        std::uint16_t count = 0;
+        toff_t* offsets = nullptr;
+        if (TIFFGetField(tiff, TIFFTAG_SUBIFD, &count, &offsets) != 1 || count < level)
+            reader.fail("cannot find level " + std::to_string(level) + " of page " + std::to_string(page));
+        if (TIFFSetSubDirectory(tiff, offsets[level - 1]) != 1)
+            reader.fail("cannot read back level " + std::to_string(level) + " of page " + std::to_string(page));
     }
 
     Plan const& plan;
@@ -473,7 +503,8 @@ TileEncoder makeEncoder(Plan const& plan, PyramidalTiffOptions const& options)
 void describePage(TIFF* tiff, Plan const& plan, long long z, long long level, std::string const& sliceName)
 {
     LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
-    std::uint32_t const subfileType = level > 0 ? FILETYPE_REDUCEDIMAGE : (plan.depth > 1 ? FILETYPE_PAGE : 0);
+    std::uint32_t const subfileType =
+        level > 0 ? FILETYPE_REDUCEDIMAGE : (plan.depth > 1 && !plan.ome ? FILETYPE_PAGE : 0);
     TIFFSetField(tiff, TIFFTAG_SUBFILETYPE, subfileType);
     TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(shape.width));
     TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, static_cast<std::uint32_t>(shape.height));
@@ -512,6 +543,14 @@ void describePage(TIFF* tiff, Plan const& plan, long long z, long long level, st
         TIFFSetField(tiff, TIFFTAG_SMINSAMPLEVALUE, plan.ranges.front().min);
         TIFFSetField(tiff, TIFFTAG_SMAXSAMPLEVALUE, plan.ranges.front().max);
     }
+    if (plan.ome && level == 0 && plan.levels.size() > 1)
+    {
+        // Placeholders: libtiff fills in the offsets of the next directories it writes.
+        std::vector<toff_t> offsets(plan.levels.size() - 1, 0);
+        TIFFSetField(tiff, TIFFTAG_SUBIFD, static_cast<std::uint16_t>(offsets.size()), offsets.data());
+    }
+    if (plan.ome)
+        return;
     if (plan.depth > 1 && level == 0)
         TIFFSetField(tiff, TIFFTAG_PAGENUMBER, static_cast<std::uint16_t>(std::min<long long>(z, 65535)),
                      static_cast<std::uint16_t>(std::min<long long>(plan.depth, 65535)));
@@ -543,7 +582,7 @@ Plan planFor(Image& image, PyramidalTiffOptions const& options)
         fail("TIFF needs 1 to 65535 channels, the image has " + std::to_string(channels));
     if (options.compression == TiffCompression::JPEG && options.sampleType != TiffSampleType::UInt8)
         fail("JPEG compression needs uint8 samples");
-    if (options.compression == TiffCompression::JPEG && channels != 1 && channels != 3)
+    if (options.compression == TiffCompression::JPEG && channels != 1 && channels != 3 && !options.omeTiff)
         fail("JPEG compression needs 1 (grey) or 3 (RGB) channels, the image has " + std::to_string(channels));
     if (TIFFIsCODECConfigured(compressionTag(options.compression)) != 1)
         fail("this libtiff cannot write the chosen compression");
@@ -554,7 +593,16 @@ Plan planFor(Image& image, PyramidalTiffOptions const& options)
     Plan plan;
     plan.sourceLevel = options.level;
     plan.channels = channels;
+    plan.imageChannels = channels;
+    plan.ome = options.omeTiff;
     plan.depth = extent.z;
+    if (plan.ome && !(channels == 3 && options.sampleType == TiffSampleType::UInt8))
+    {
+        plan.channels = 1;
+        plan.pagesPerSlice = channels;
+    }
+    if (plan.pages() > 0xfffe)
+        fail("TIFF holds at most 65534 pages, the image needs " + std::to_string(plan.pages()));
     plan.tileSize = options.tileSize;
     plan.type = options.sampleType;
     plan.bytesPerSample = plan.type == TiffSampleType::UInt8 ? 1 : (plan.type == TiffSampleType::UInt16 ? 2 : 4);
@@ -573,6 +621,36 @@ Plan planFor(Image& image, PyramidalTiffOptions const& options)
     plan.voxelSize = image.getVoxelSize(options.level);
     plan.levels = levelsOf(extent, plan.tileSize);
     return plan;
+}
+
+OmeDescription omeDescriptionOf(Image& image, Plan const& plan, std::string const& path)
+{
+    OmeDescription description;
+    std::string const file = path.substr(path.find_last_of('/') + 1);
+    description.name = file.substr(0, file.find('.'));
+    description.sizeX = plan.levels.front().width;
+    description.sizeY = plan.levels.front().height;
+    description.sizeZ = plan.depth;
+    description.sizeC = plan.imageChannels;
+    description.pixelType =
+        plan.type == TiffSampleType::UInt8 ? "uint8" : (plan.type == TiffSampleType::UInt16 ? "uint16" : "float");
+    description.interleaved = plan.pagesPerSlice == 1 && plan.imageChannels > 1;
+    for (long long c = 0; c < plan.imageChannels; ++c)
+    {
+        // Some filters cannot name a channel they made; such a channel is called by its number.
+        try
+        {
+            description.channelNames.push_back(image.getChannelName(c));
+        }
+        catch (std::runtime_error const&)
+        {
+            description.channelNames.push_back("Channel " + std::to_string(c));
+        }
+    }
+    description.voxelX = plan.voxelSize.x;
+    description.voxelY = plan.voxelSize.y;
+    description.voxelZ = plan.voxelSize.z;
+    return description;
 }
 
 std::string makeTemporaryFile(std::string const& path)
@@ -598,7 +676,7 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
         options.threads > 0 ? options.threads : std::max(1u, std::thread::hardware_concurrency());
     long long totalTiles = 0;
     for (LevelShape const& shape : plan.levels)
-        totalTiles += shape.tilesX * shape.tilesY * plan.depth;
+        totalTiles += shape.tilesX * shape.tilesY * plan.pages();
 
     TemporaryFile temporary{makeTemporaryFile(path)};
     auto output = std::make_unique<TiffHandle>(temporary.path, "w8", context);
@@ -609,16 +687,20 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
         workers.emplace_back(makeEncoder(plan, options));
     TileComputer computer(plan, image, temporary.path);
 
+    std::string const description = plan.ome ? omeXml(omeDescriptionOf(image, plan, path)) : std::string();
     long long done = 0;
-    for (long long z = 0; z < plan.depth; ++z)
+    for (long long page = 0; page < plan.pages(); ++page)
     {
+        long long const z = page / plan.pagesPerSlice;
         std::string const sliceName = image.getSliceName(z);
         for (long long level = 0; level < static_cast<long long>(plan.levels.size()); ++level)
         {
             describePage(tiff, plan, z, level, sliceName);
+            if (page == 0 && level == 0 && plan.ome)
+                TIFFSetField(tiff, TIFFTAG_IMAGEDESCRIPTION, description.c_str());
             LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
-            auto compute = [&, z, level](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
-                computer.compute(worker, z, level, index, encoded);
+            auto compute = [&, page, level](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
+                computer.compute(worker, page, level, index, encoded);
             };
             auto consume = [&](long long index, std::vector<unsigned char>& bytes) {
                 if (TIFFWriteRawTile(tiff, static_cast<ttile_t>(index), bytes.data(),
@@ -630,7 +712,7 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
             if (!runInOrder(shape.tilesX * shape.tilesY, workers, 2 * threads, compute, consume))
                 return false;
             if (TIFFWriteDirectory(tiff) != 1)
-                output->fail("cannot write the page of slice " + std::to_string(z) + ", level " + std::to_string(level));
+                output->fail("cannot write page " + std::to_string(page) + ", level " + std::to_string(level));
         }
     }
     if (options.statistics != nullptr)

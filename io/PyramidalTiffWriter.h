@@ -60,6 +60,8 @@ struct PyramidalTiffOptions
     std::vector<ValueRange<double>> channelRanges;
     /// When set, receives how the level-0 samples fell against the range (integer types only).
     SampleStatistics* statistics = nullptr;
+    /// Write OME-TIFF (see writePyramidalTiff) instead of a plain pyramid.
+    bool omeTiff = false;
     /// The image's level that becomes the file's level 0.
     long long level = 0;
     /// Worker threads that compute and compress tiles; 0 means one per processor.
@@ -83,6 +85,14 @@ struct PyramidalTiffOptions
 /// image's edge is padded with 0); coarser levels average the decoded tiles of the level above.
 /// The voxel size of options.level is stored as the
 /// resolution in pixels per centimetre, read as nanometres; level L stores 2^L times it.
+///
+/// With options.omeTiff, the file is an OME-TIFF instead, as microscopy software reads it: the
+/// full-resolution pages form the main chain and each one's coarser levels are its SubIFDs. An image
+/// of 3 channels stored as uint8 has one RGB page per z slice; any other has one single-sample page
+/// per channel and z slice, channels varying fastest. The first page's ImageDescription is OME-XML
+/// (dimension order XYCZT, SizeC, SizeZ, the channel names from getChannelName, PhysicalSizeX, Y and
+/// Z in micrometres from the voxel size). Each channel page asks the image for its tiles, so the
+/// image computes every level-0 tile once per channel.
 ///
 /// Stored values, with (min, max) the channel's value range:
 /// - UInt8, UInt16: round((v - min) / (max - min) * M), M = 255 or 65535, rounding halves up and

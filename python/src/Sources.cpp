@@ -98,7 +98,12 @@ Nuvek::TiffCompression compressionNamed(std::string const& name)
         return Nuvek::TiffCompression::Deflate;
     if (name == "lzw")
         return Nuvek::TiffCompression::LZW;
-    throw py::value_error("write_pyramidal_tiff: compression must be 'none', 'deflate' or 'lzw', got '" + name + "'.");
+    if (name == "jpeg")
+        return Nuvek::TiffCompression::JPEG;
+    if (name == "zstd")
+        return Nuvek::TiffCompression::Zstd;
+    throw py::value_error("write_pyramidal_tiff: compression must be 'none', 'deflate', 'lzw', 'jpeg' or 'zstd', got '" +
+                          name + "'.");
 }
 
 Nuvek::TiffSampleType sampleTypeNamed(std::string const& name)
@@ -207,8 +212,10 @@ with values from 0 to 255, one z slice.
         "write_pyramidal_tiff",
         [](Image& image, std::string const& path, long long tileSize, std::string const& compression,
            std::string const& sampleType, std::optional<Nuvek::ValueRange<double>> valueRange, long long level,
-           int threads, std::function<bool(long long, long long)> progress) {
+           int threads, std::function<bool(long long, long long)> progress, bool omeTiff, int quality) {
             Nuvek::PyramidalTiffOptions options;
+            options.omeTiff = omeTiff;
+            options.jpegQuality = quality;
             options.tileSize = tileSize;
             options.compression = compressionNamed(compression);
             options.sampleType = sampleTypeNamed(sampleType);
@@ -225,13 +232,16 @@ with values from 0 to 255, one z slice.
         },
         py::arg("image"), py::arg("path"), py::kw_only(), py::arg("tile_size") = 256,
         py::arg("compression") = "deflate", py::arg("sample_type") = "uint8", py::arg("value_range") = py::none(),
-        py::arg("level") = 0, py::arg("threads") = 0, py::arg("progress") = py::none(),
+        py::arg("level") = 0, py::arg("threads") = 0, py::arg("progress") = py::none(), py::arg("ome_tiff") = false,
+        py::arg("quality") = 90,
         R"doc(
 Writes image as a tiled pyramidal BigTIFF: its level `level` as the file's level 0, then coarser levels
 of 2 x 2 means down to one tile. sample_type 'uint8' or 'uint16' maps value_range (the image's own
 range when None) onto the integer range; 'float32' stores values unscaled. progress(done, total),
 when given, is called after every tile and cancels the write by returning False. Returns True when
-the file was written. The file appears at path only when complete.
+the file was written. The file appears at path only when complete. compression is 'none', 'deflate',
+'lzw', 'zstd' or 'jpeg' (uint8 grey or RGB only, at `quality`). ome_tiff=True writes OME-TIFF: full
+resolution pages with their levels as SubIFDs and OME-XML naming the axes, channels and physical sizes.
 )doc");
 }
 

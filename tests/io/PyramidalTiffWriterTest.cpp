@@ -11,6 +11,7 @@
 #include "support/VoxelCompare.h"
 
 #include <gtest/gtest.h>
+#include <tiffio.h>
 
 #include <atomic>
 #include <cmath>
@@ -371,6 +372,95 @@ TEST(PyramidalTiffWriter, BadOptionsAreRejectedBeforeAnythingIsWritten)
     EXPECT_EQ(messageOf([&] { writePyramidalTiff(image, nowhere); }).rfind("writePyramidalTiff: " + nowhere +
                                                                            ": cannot create a file beside it", 0),
               0u);
+}
+
+TEST(PyramidalTiffWriter, OmeTiffReadsBackBitForBitWithItsLevelsAsSubIfds)
+{
+    NuvekTest::TemporaryDirectory directory;
+    std::mt19937_64 random(31);
+    struct Case
+    {
+        long long channels;
+        Vector extent;
+        TiffSampleType type;
+    };
+    // One RGB page per slice, and single-channel float slices: both read as slices by TiffImage.
+    Case const cases[] = {{3, Vector(150, 100, 1), TiffSampleType::UInt8},
+                          {1, Vector(140, 110, 3), TiffSampleType::Float32}};
+    for (Case const& test : cases)
+    {
+        NuvekTest::ValueMix mix;
+        mix.low = 0.0;
+        mix.high = 255.0;
+        mix.specialShare = 0.0;
+        auto image = NuvekTest::randomImage(random, test.extent, test.channels, mix);
+        image->setValueRange(Nuvek::ValueRange<double>(0.0, 255.0));
+        image->setVoxelSize(Vector(500, 500, 3000));
+        std::string const path = directory.path("image" + std::to_string(test.channels) + ".ome.tif");
+        PyramidalTiffOptions options;
+        options.tileSize = 32;
+        options.sampleType = test.type;
+        options.omeTiff = true;
+        ASSERT_TRUE(writePyramidalTiff(*image, path, options));
+
+        TiffImage file(path);
+        ASSERT_EQ(file.getExtent(0), test.extent);
+        ASSERT_EQ(file.getNumChannels(), test.channels);
+        ASSERT_EQ(file.getNumLevels(), 4);
+        EXPECT_EQ(file.getVoxelSize(1), Vector(1000, 1000, 1));
+        Box const whole(test.extent);
+        std::vector<double> expected;
+        for (double value : image->getValues())
+            expected.push_back(storedReference(value, test.type, 0.0, 255.0));
+        EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(file, 0, whole), whole));
+        for (long long level = 1; level < 4; ++level)
+        {
+            Vector const aboveExtent = file.getExtent(level - 1);
+            Vector const extent = file.getExtent(level);
+            std::vector<double> const above = NuvekTest::openWhole(file, level - 1, Box(aboveExtent));
+            EXPECT_TRUE(NuvekTest::sameBits(halvedReference(above, aboveExtent, extent, test.channels, test.type),
+                                            NuvekTest::openWhole(file, level, Box(extent)), Box(extent)))
+                << "level " << level;
+        }
+
+        // The main chain holds only full-resolution pages; the first one describes the image.
+        TIFF* tiff = TIFFOpen(path.c_str(), "r");
+        ASSERT_NE(tiff, nullptr);
+        EXPECT_EQ(TIFFNumberOfDirectories(tiff), test.extent.z);
+        std::uint16_t count = 0;
+        toff_t* offsets = nullptr;
+        ASSERT_EQ(TIFFGetField(tiff, TIFFTAG_SUBIFD, &count, &offsets), 1);
+        EXPECT_EQ(count, 3);
+        char* description = nullptr;
+        ASSERT_EQ(TIFFGetField(tiff, TIFFTAG_IMAGEDESCRIPTION, &description), 1);
+        std::string const xml = description;
+        TIFFClose(tiff);
+        EXPECT_NE(xml.find("DimensionOrder=\"XYCZT\""), std::string::npos) << xml;
+        EXPECT_NE(xml.find("SizeZ=\"" + std::to_string(test.extent.z) + "\""), std::string::npos) << xml;
+        EXPECT_NE(xml.find("PhysicalSizeX=\"0.5\" PhysicalSizeXUnit=\"\xc2\xb5m\""), std::string::npos) << xml;
+        EXPECT_NE(xml.find("PhysicalSizeZ=\"3\""), std::string::npos) << xml;
+    }
+}
+
+TEST(PyramidalTiffWriter, OmeXmlEscapesChannelNames)
+{
+    NuvekTest::TemporaryDirectory directory;
+    MemoryImage image(Vector(20, 20, 1), 2);
+    image.setChannelNames({"a&b <c>", "\"q\" 'r'\x01"});
+    std::string const path = directory.path("names.ome.tif");
+    PyramidalTiffOptions options;
+    options.omeTiff = true;
+    options.sampleType = TiffSampleType::Float32;
+    ASSERT_TRUE(writePyramidalTiff(image, path, options));
+    TIFF* tiff = TIFFOpen(path.c_str(), "r");
+    ASSERT_NE(tiff, nullptr);
+    char* description = nullptr;
+    ASSERT_EQ(TIFFGetField(tiff, TIFFTAG_IMAGEDESCRIPTION, &description), 1);
+    std::string const xml = description;
+    TIFFClose(tiff);
+    EXPECT_NE(xml.find("Name=\"a&amp;b &lt;c&gt;\""), std::string::npos) << xml;
+    EXPECT_NE(xml.find("Name=\"&quot;q&quot; &apos;r&apos; \""), std::string::npos) << xml;
+    EXPECT_NE(xml.find("Name=\"names\""), std::string::npos) << xml;
 }
 
 TEST(PyramidalTiffWriter, ChannelRangesMapEachChannelAndTheStatisticsCountWhatWasClipped)

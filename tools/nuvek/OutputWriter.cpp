@@ -30,10 +30,14 @@ bool endsWith(std::string const& text, std::string const& ending)
 OutputFormat outputFormatOf(std::string const& path)
 {
     std::string const name = lowercase(path);
+    for (char const* ending : {".ome.tif", ".ome.tiff"})
+        if (endsWith(name, ending))
+            return OutputFormat::OmeTiff;
     for (char const* ending : {".tif", ".tiff", ".btf", ".tf8"})
         if (endsWith(name, ending))
             return OutputFormat::Tiff;
-    throw std::runtime_error("the output's name must end in .tif, .tiff, .btf or .tf8, not '" + path + "'.");
+    throw std::runtime_error("the output's name must end in .tif, .tiff, .btf, .tf8 (a plain pyramid), .ome.tif or "
+                             ".ome.tiff (OME-TIFF), not '" + path + "'.");
 }
 
 bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings const& settings,
@@ -60,7 +64,7 @@ bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings co
     options.sampleType = settings.type == "uint8"    ? Nuvek::TiffSampleType::UInt8
                          : settings.type == "uint16" ? Nuvek::TiffSampleType::UInt16
                                                      : Nuvek::TiffSampleType::Float32;
-    outputFormatOf(path);
+    options.omeTiff = outputFormatOf(path) == OutputFormat::OmeTiff;
     long long const voxels = image.getExtent(0).prod() * image.getNumChannels();
     options.progress = [&](long long done, long long total) {
         // Level 0 holds about three quarters of all tiles; the voxel count is an estimate.

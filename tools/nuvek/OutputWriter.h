@@ -34,7 +34,9 @@ struct OutputSettings
 enum class OutputFormat
 {
     /// .tif, .tiff, .btf, .tf8: a plain pyramidal BigTIFF, which OpenSlide opens.
-    Tiff
+    Tiff,
+    /// .ome.tif, .ome.tiff: OME-TIFF, which microscopy software opens with its metadata.
+    OmeTiff
 };
 
 /// The format a name asks for; throws std::runtime_error for any other ending.
