@@ -4,6 +4,8 @@
 #include <nuvek/io/TileEncoder.h>
 
 #include "io/internal/OmeXml.h"
+#include "io/internal/OrderedWork.h"
+#include "io/internal/TileSamples.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -61,6 +63,8 @@ struct Plan
     std::vector<ValueRange<double>> ranges;
     Vector voxelSize;
     std::vector<LevelShape> levels;
+    // The same, as the tile functions take it.
+    TileLayout layout;
 
     long long tileBytes() const { return tileSize * tileSize * channels * bytesPerSample; }
     long long pages() const { return depth * pagesPerSlice; }
@@ -85,127 +89,6 @@ std::vector<LevelShape> levelsOf(Vector const& extent, long long tileSize)
         height /= 2;
     }
     return levels;
-}
-
-// Maps a value onto 0..maxStored: the documented mapping, NaN to 0, halves rounded up. Counts
-// the sample in statistics.
-double scaledSample(double value, ValueRange<double> const& range, double maxStored, SampleStatistics& statistics)
-{
-    if (std::isnan(value))
-        return 0.0;
-    double const scaled = (value - range.min) / (range.max - range.min) * maxStored;
-    double const rounded = std::floor(scaled + 0.5);
-    double const stored = std::clamp(rounded, 0.0, maxStored);
-    if (statistics.samples == 0)
-    {
-        statistics.lowestStored = stored;
-        statistics.highestStored = stored;
-    }
-    ++statistics.samples;
-    if (rounded != stored)
-        ++statistics.saturated;
-    statistics.lowestStored = std::min(statistics.lowestStored, stored);
-    statistics.highestStored = std::max(statistics.highestStored, stored);
-    return stored;
-}
-
-void addStatistics(SampleStatistics& total, SampleStatistics const& part)
-{
-    if (part.samples == 0)
-        return;
-    if (total.samples == 0)
-    {
-        total.lowestStored = part.lowestStored;
-        total.highestStored = part.highestStored;
-    }
-    total.samples += part.samples;
-    total.saturated += part.saturated;
-    total.lowestStored = std::min(total.lowestStored, part.lowestStored);
-    total.highestStored = std::max(total.highestStored, part.highestStored);
-}
-
-template <typename Sample>
-void storeSample(unsigned char* tile, long long index, double value)
-{
-    // Finite doubles beyond float's range become infinities, as a float conversion rounds them.
-    if (std::is_floating_point<Sample>::value && std::isfinite(value) &&
-        std::fabs(value) > static_cast<double>(std::numeric_limits<float>::max()))
-        value = value > 0 ? std::numeric_limits<double>::infinity() : -std::numeric_limits<double>::infinity();
-    Sample const sample = static_cast<Sample>(value);
-    std::memcpy(tile + index * static_cast<long long>(sizeof(Sample)), &sample, sizeof(Sample));
-}
-
-template <typename Sample>
-double loadSample(unsigned char const* tile, long long index)
-{
-    Sample sample;
-    std::memcpy(&sample, tile + index * static_cast<long long>(sizeof(Sample)), sizeof(Sample));
-    return static_cast<double>(sample);
-}
-
-// Interleaves a planar region of doubles (size width x height) into the tile, mapped to the
-// stored type; the rest of the tile is 0.
-template <typename Sample>
-void storeRegion(Plan const& plan, double const* region, long long firstChannel, long long width, long long height,
-                 unsigned char* tile, SampleStatistics& statistics)
-{
-    long long const tileSize = plan.tileSize;
-    long long const channels = plan.channels;
-    long long const plane = width * height;
-    double const maxStored = static_cast<double>(std::numeric_limits<Sample>::max());
-    std::memset(tile, 0, static_cast<std::size_t>(plan.tileBytes()));
-    for (long long y = 0; y < height; ++y)
-        for (long long x = 0; x < width; ++x)
-            for (long long c = 0; c < channels; ++c)
-            {
-                double const value = region[(firstChannel + c) * plane + y * width + x];
-                long long const index = (y * tileSize + x) * channels + c;
-                if (plan.type == TiffSampleType::Float32)
-                    storeSample<Sample>(tile, index, value);
-                else
-                    storeSample<Sample>(tile, index,
-                                        scaledSample(value, plan.ranges[static_cast<std::size_t>(firstChannel + c)], maxStored,
-                                                     statistics));
-            }
-}
-
-// Fills the tile with 2 x 2 means of the level above. children[j * 2 + i] is the decoded tile
-// (2 tx + i, 2 ty + j) of that level, or empty beyond its edge.
-template <typename Sample>
-void averageChildren(Plan const& plan, std::vector<unsigned char> const* children, long long width, long long height,
-                     unsigned char* tile)
-{
-    long long const tileSize = plan.tileSize;
-    long long const channels = plan.channels;
-    double const maxStored = static_cast<double>(std::numeric_limits<Sample>::max());
-    std::memset(tile, 0, static_cast<std::size_t>(plan.tileBytes()));
-    for (long long y = 0; y < height; ++y)
-    {
-        long long const childY = 2 * y / tileSize;
-        long long const sourceY = 2 * y % tileSize;
-        for (long long x = 0; x < width; ++x)
-        {
-            long long const childX = 2 * x / tileSize;
-            long long const sourceX = 2 * x % tileSize;
-            unsigned char const* child = children[childY * 2 + childX].data();
-            for (long long c = 0; c < channels; ++c)
-            {
-                long long const topLeft = (sourceY * tileSize + sourceX) * channels + c;
-                long long const bottomLeft = topLeft + tileSize * channels;
-                double sum = 0.0;
-                sum += loadSample<Sample>(child, topLeft);
-                sum += loadSample<Sample>(child, topLeft + channels);
-                sum += loadSample<Sample>(child, bottomLeft);
-                sum += loadSample<Sample>(child, bottomLeft + channels);
-                double const mean = sum / 4.0;
-                long long const index = (y * tileSize + x) * channels + c;
-                if (plan.type == TiffSampleType::Float32)
-                    storeSample<Sample>(tile, index, mean);
-                else
-                    storeSample<Sample>(tile, index, std::clamp(std::floor(mean + 0.5), 0.0, maxStored));
-            }
-        }
-    }
 }
 
 // One worker thread's buffers, kept from tile to tile.
@@ -263,21 +146,8 @@ private:
         Box const box(min, min + Vector(width - 1, height - 1, 0));
         worker.region.assign(static_cast<std::size_t>(box.getSize() * plan.imageChannels), 0.0);
         image.openRegion(worker.region.data(), plan.sourceLevel, box);
-        switch (plan.type)
-        {
-        case TiffSampleType::UInt8:
-            storeRegion<std::uint8_t>(plan, worker.region.data(), firstChannel, width, height, worker.tile.data(),
-                                 worker.statistics);
-            break;
-        case TiffSampleType::UInt16:
-            storeRegion<std::uint16_t>(plan, worker.region.data(), firstChannel, width, height, worker.tile.data(),
-                                 worker.statistics);
-            break;
-        case TiffSampleType::Float32:
-            storeRegion<float>(plan, worker.region.data(), firstChannel, width, height, worker.tile.data(),
-                                 worker.statistics);
-            break;
-        }
+        storeRegion(plan.layout, worker.region.data(), firstChannel, width, height, worker.tile.data(),
+                    worker.statistics);
     }
 
     void computeFromLevelAbove(Worker& worker, long long page, long long level, long long tileX, long long tileY,
@@ -315,18 +185,7 @@ private:
                     static_cast<tmsize_t>(child.size()))
                     worker.reader->fail("cannot read back tile " + std::to_string(childIndex));
             }
-        switch (plan.type)
-        {
-        case TiffSampleType::UInt8:
-            averageChildren<std::uint8_t>(plan, worker.children, width, height, worker.tile.data());
-            break;
-        case TiffSampleType::UInt16:
-            averageChildren<std::uint16_t>(plan, worker.children, width, height, worker.tile.data());
-            break;
-        case TiffSampleType::Float32:
-            averageChildren<float>(plan, worker.children, width, height, worker.tile.data());
-            break;
-        }
+        averageChildren(plan.layout, worker.children, width, height, worker.tile.data());
     }
 
     // Makes level `level` of full-resolution page `page` the reader's current directory: a page of
@@ -351,104 +210,6 @@ private:
     Image& image;
     std::string temporaryPath;
 };
-
-// Runs compute(index, worker) for indices 0..count-1 on the workers and hands the results to
-// consume(index, bytes) on the calling thread, in index order. At most `window` results wait to
-// be consumed. Returns false when consume asked to stop; rethrows the first exception.
-template <typename Compute, typename Consume>
-bool runInOrder(long long count, std::vector<Worker>& workers, long long window, Compute compute, Consume consume)
-{
-    std::mutex mutex;
-    std::condition_variable changed;
-    long long handedOut = 0;
-    long long consumed = 0;
-    bool stop = false;
-    std::exception_ptr error;
-    std::vector<std::vector<unsigned char>> ring(static_cast<std::size_t>(window));
-    std::vector<bool> ready(static_cast<std::size_t>(window), false);
-
-    auto work = [&](Worker& worker) {
-        std::vector<unsigned char> encoded;
-        while (true)
-        {
-            long long index;
-            {
-                std::unique_lock<std::mutex> lock(mutex);
-                changed.wait(lock, [&] { return stop || handedOut >= count || handedOut < consumed + window; });
-                if (stop || handedOut >= count)
-                    return;
-                index = handedOut++;
-            }
-            try
-            {
-                compute(worker, index, encoded);
-            }
-            catch (...)
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                if (!error)
-                    error = std::current_exception();
-                stop = true;
-                changed.notify_all();
-                return;
-            }
-            std::lock_guard<std::mutex> lock(mutex);
-            std::size_t const slot = static_cast<std::size_t>(index % window);
-            ring[slot].swap(encoded);
-            ready[slot] = true;
-            changed.notify_all();
-        }
-    };
-
-    std::vector<std::thread> threads;
-    threads.reserve(workers.size());
-    for (Worker& worker : workers)
-        threads.emplace_back(work, std::ref(worker));
-
-    bool completed = true;
-    std::vector<unsigned char> bytes;
-    for (long long index = 0; index < count; ++index)
-    {
-        {
-            std::unique_lock<std::mutex> lock(mutex);
-            std::size_t const slot = static_cast<std::size_t>(index % window);
-            changed.wait(lock, [&] { return stop || ready[slot]; });
-            if (stop)
-                break;
-            bytes.swap(ring[slot]);
-            ready[slot] = false;
-            consumed = index + 1;
-            changed.notify_all();
-        }
-        bool keepGoing = false;
-        try
-        {
-            keepGoing = consume(index, bytes);
-        }
-        catch (...)
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            if (!error)
-                error = std::current_exception();
-            stop = true;
-            changed.notify_all();
-            break;
-        }
-        if (!keepGoing)
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            stop = true;
-            completed = false;
-            changed.notify_all();
-            break;
-        }
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    if (error)
-        std::rethrow_exception(error);
-    return completed;
-}
 
 // Removes the temporary file unless the write succeeded and renamed it.
 struct TemporaryFile
@@ -620,6 +381,10 @@ Plan planFor(Image& image, PyramidalTiffOptions const& options)
              std::to_string(channels) + " channels is too large");
     plan.voxelSize = image.getVoxelSize(options.level);
     plan.levels = levelsOf(extent, plan.tileSize);
+    plan.layout.type = plan.type;
+    plan.layout.tileSize = plan.tileSize;
+    plan.layout.samples = plan.channels;
+    plan.layout.ranges = plan.ranges;
     return plan;
 }
 
