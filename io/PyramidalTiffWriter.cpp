@@ -37,13 +37,7 @@ constexpr char const* context = "writePyramidalTiff";
     throw std::runtime_error(std::string(context) + ": " + problem);
 }
 
-struct LevelShape
-{
-    long long width;
-    long long height;
-    long long tilesX;
-    long long tilesY;
-};
+using LevelShape = PyramidLevel;
 
 // Everything fixed before the first tile: the geometry of every level and how samples are stored.
 struct Plan
@@ -75,21 +69,6 @@ struct Plan
     }
 };
 
-std::vector<LevelShape> levelsOf(Vector const& extent, long long tileSize)
-{
-    std::vector<LevelShape> levels;
-    long long width = extent.x;
-    long long height = extent.y;
-    while (true)
-    {
-        levels.push_back({width, height, (width + tileSize - 1) / tileSize, (height + tileSize - 1) / tileSize});
-        if ((width <= tileSize && height <= tileSize) || width < 2 || height < 2)
-            break;
-        width /= 2;
-        height /= 2;
-    }
-    return levels;
-}
 
 // One worker thread's buffers, kept from tile to tile.
 struct Worker
@@ -380,7 +359,7 @@ Plan planFor(Image& image, PyramidalTiffOptions const& options)
         fail("a tile of " + std::to_string(plan.tileSize) + " x " + std::to_string(plan.tileSize) + " voxels and " +
              std::to_string(channels) + " channels is too large");
     plan.voxelSize = image.getVoxelSize(options.level);
-    plan.levels = levelsOf(extent, plan.tileSize);
+    plan.levels = pyramidLevels(extent, plan.tileSize);
     plan.layout.type = plan.type;
     plan.layout.tileSize = plan.tileSize;
     plan.layout.samples = plan.channels;

@@ -3,6 +3,7 @@
 #include <nuvek/io/SlideImage.h>
 #include <nuvek/io/TiffHandle.h>
 #include <nuvek/io/TiffImage.h>
+#include <nuvek/io/ZarrImage.h>
 
 namespace Nuvek {
 
@@ -10,6 +11,17 @@ std::optional<TiffSampleType> storedSampleType(Image& image)
 {
     if (dynamic_cast<SlideImage*>(&image) != nullptr)
         return TiffSampleType::UInt8;
+    if (auto* zarr = dynamic_cast<ZarrImage*>(&image))
+    {
+        std::string const type = zarr->getDataType();
+        if (type == "|u1")
+            return TiffSampleType::UInt8;
+        if (type == "<u2" || type == ">u2")
+            return TiffSampleType::UInt16;
+        if (type == "<f4" || type == ">f4")
+            return TiffSampleType::Float32;
+        return std::nullopt;
+    }
     if (dynamic_cast<TiffImage*>(&image) == nullptr)
         return std::nullopt;
     // The first page fixes the sample format of every page TiffImage uses.

@@ -135,6 +135,22 @@ void addStatistics(SampleStatistics& total, SampleStatistics const& part)
     total.highestStored = std::max(total.highestStored, part.highestStored);
 }
 
+std::vector<PyramidLevel> pyramidLevels(Vector const& extent, long long tileSize)
+{
+    std::vector<PyramidLevel> levels;
+    long long width = extent.x;
+    long long height = extent.y;
+    while (true)
+    {
+        levels.push_back({width, height, (width + tileSize - 1) / tileSize, (height + tileSize - 1) / tileSize});
+        if ((width <= tileSize && height <= tileSize) || width < 2 || height < 2)
+            break;
+        width /= 2;
+        height /= 2;
+    }
+    return levels;
+}
+
 void storeRegion(TileLayout const& layout, double const* region, long long firstChannel, long long width,
                  long long height, unsigned char* tile, SampleStatistics& statistics)
 {

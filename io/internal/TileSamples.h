@@ -22,6 +22,20 @@ struct TileLayout
     long long tileBytes() const { return tileSize * tileSize * samples * bytesPerSample(); }
 };
 
+/// The extent of one level of a pyramid and its number of tiles along x and y.
+struct PyramidLevel
+{
+    long long width;
+    long long height;
+    long long tilesX;
+    long long tilesY;
+};
+
+/// The levels the pyramid writers store for a level-0 extent: each halves x and y of the one
+/// above, rounded down, down to the first that fits in one tile (or whose x or y extent would fall
+/// below 1 by halving again).
+std::vector<PyramidLevel> pyramidLevels(Vector const& extent, long long tileSize);
+
 /// Interleaves channels firstChannel to firstChannel + samples - 1 of a planar region of doubles
 /// (width x height voxels per channel) into the tile, stored as the writers document it: integers
 /// as round((v - min) / (max - min) * M) with halves up, clamped to 0..M, NaN as 0, counted in

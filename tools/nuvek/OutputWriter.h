@@ -36,7 +36,9 @@ enum class OutputFormat
     /// .tif, .tiff, .btf, .tf8: a plain pyramidal BigTIFF, which OpenSlide opens.
     Tiff,
     /// .ome.tif, .ome.tiff: OME-TIFF, which microscopy software opens with its metadata.
-    OmeTiff
+    OmeTiff,
+    /// .ome.zarr, .zarr: an OME-Zarr multiscale group (a folder).
+    OmeZarr
 };
 
 /// The format a name asks for; throws std::runtime_error for any other ending.
@@ -48,7 +50,8 @@ OutputFormat outputFormatOf(std::string const& path);
 bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings const& settings,
                  std::function<void(long long, long long, long long)> const& progress, std::atomic<bool> const& cancel);
 
-/// Opens an image file: whole-slide formats through the slide reader, everything else as TIFF.
+/// Opens an image file: zarr folders as ZarrImage, whole-slide formats through the slide reader,
+/// everything else as TIFF.
 std::unique_ptr<Nuvek::Image> openInput(std::string const& path);
 
 } // namespace NuvekTool
