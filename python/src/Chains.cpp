@@ -46,8 +46,8 @@ struct PythonChain
 void bindChains(py::module_& module)
 {
     module.def("open_image", &NuvekTool::openInput, py::arg("path"), R"doc(
-Opens an image file as the nuvek tool does: whole-slide formats (.svs, .ndpi, .mrxs, .scn, .vms,
-.vmu, .bif, .svslide) as a SlideImage, anything else as a TiffImage.
+Opens an image file as the nuvek tool does: a zarr folder as a ZarrImage, whole-slide formats (.svs,
+.ndpi, .mrxs, .scn, .vms, .vmu, .bif, .svslide) as a SlideImage, anything else as a TiffImage.
 )doc");
 
     module.def(

@@ -3,7 +3,9 @@
 #include <nuvek/core/MemoryImage.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
 #include <nuvek/io/SlideImage.h>
+#include <nuvek/io/OmeZarrWriter.h>
 #include <nuvek/io/TiffImage.h>
+#include <nuvek/io/ZarrImage.h>
 
 #include <pybind11/functional.h>
 #include <pybind11/stl.h>
@@ -106,6 +108,17 @@ Nuvek::TiffCompression compressionNamed(std::string const& name)
                           name + "'.");
 }
 
+Nuvek::ZarrCompression zarrCompressionNamed(std::string const& name)
+{
+    if (name == "none")
+        return Nuvek::ZarrCompression::None;
+    if (name == "zlib")
+        return Nuvek::ZarrCompression::Zlib;
+    if (name == "zstd")
+        return Nuvek::ZarrCompression::Zstd;
+    throw py::value_error("write_ome_zarr: compression must be 'none', 'zlib' or 'zstd', got '" + name + "'.");
+}
+
 Nuvek::TiffSampleType sampleTypeNamed(std::string const& name)
 {
     if (name == "uint8")
@@ -200,6 +213,13 @@ halve the first page's size are its levels, full-size pages its z slices.
         .def("has_level", &Nuvek::TiffImage::hasLevel, py::arg("level"))
         .def("get_blocks_decoded", &Nuvek::TiffImage::getBlocksDecoded);
 
+    py::class_<Nuvek::ZarrImage, Image>(module, "ZarrImage", R"doc(
+A source image read from a zarr (version 2) folder: an OME-Zarr multiscale group (one level per
+dataset) or a plain array of 2 to 5 dimensions (from the last: x, y, z, c, t); values unscaled.
+)doc")
+        .def(py::init<std::string const&>(), py::arg("path"))
+        .def("get_data_type", &Nuvek::ZarrImage::getDataType);
+
     py::class_<Nuvek::SlideImage, Image>(module, "SlideImage", R"doc(
 A source image read from a whole-slide file through OpenSlide: channels "Red", "Green" and "Blue"
 with values from 0 to 255, one z slice.
@@ -242,6 +262,36 @@ when given, is called after every tile and cancels the write by returning False.
 the file was written. The file appears at path only when complete. compression is 'none', 'deflate',
 'lzw', 'zstd' or 'jpeg' (uint8 grey or RGB only, at `quality`). ome_tiff=True writes OME-TIFF: full
 resolution pages with their levels as SubIFDs and OME-XML naming the axes, channels and physical sizes.
+)doc");
+
+    module.def(
+        "write_ome_zarr",
+        [](Image& image, std::string const& path, long long chunkSize, std::string const& compression,
+           int compressionLevel, std::string const& sampleType, std::optional<Nuvek::ValueRange<double>> valueRange,
+           long long level, int threads, std::function<bool(long long, long long)> progress) {
+            Nuvek::OmeZarrOptions options;
+            options.chunkSize = chunkSize;
+            options.compression = zarrCompressionNamed(compression);
+            options.compressionLevel = compressionLevel;
+            options.sampleType = sampleTypeNamed(sampleType);
+            options.valueRange = valueRange;
+            options.level = level;
+            options.threads = threads;
+            if (progress)
+                options.progress = [&progress](long long done, long long total) {
+                    py::gil_scoped_acquire gil;
+                    return progress(done, total);
+                };
+            py::gil_scoped_release release;
+            return Nuvek::writeOmeZarr(image, path, options);
+        },
+        py::arg("image"), py::arg("path"), py::kw_only(), py::arg("chunk_size") = 256, py::arg("compression") = "zstd",
+        py::arg("compression_level") = 0, py::arg("sample_type") = "float32", py::arg("value_range") = py::none(),
+        py::arg("level") = 0, py::arg("threads") = 0, py::arg("progress") = py::none(),
+        R"doc(
+Writes image as an OME-Zarr (NGFF 0.4, zarr v2) multiscale group: arrays "0", "1", ... of axes
+(c, z, y, x), chunks (1, 1, chunk_size, chunk_size), levels of 2 x 2 means as write_pyramidal_tiff
+makes them, compression 'none', 'zlib' or 'zstd'. The group appears at path only when complete.
 )doc");
 }
 

@@ -4,6 +4,7 @@
 #include <nuvek/Nuvek.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
 #include <nuvek/io/TiffImage.h>
+#include <nuvek/io/ZarrImage.h>
 
 #include "support/RandomImages.h"
 #include "support/Tiling.h"
@@ -172,6 +173,8 @@ TEST_F(ToolRun, BadUsageExitsWithTwoAndLeavesNoOutput)
         {"run " + input + " " + output + " --chain clamp --type float32 --range 0,1",
          "--range applies to uint8 and uint16 output only"},
         {"run " + input + " " + path("never.png") + " --chain clamp", "the output's name must end in"},
+        {"run " + input + " " + path("never.ome.zarr") + " --chain clamp --compression jpeg",
+         "zarr output takes --compression none, deflate (zarr's zlib) or zstd, not jpeg."},
         {"run " + input + " " + path("no/such/dir/out.tif") + " --chain clamp", "writePyramidalTiff"},
         {"frobnicate", "unknown command 'frobnicate'"},
     };
@@ -182,6 +185,7 @@ TEST_F(ToolRun, BadUsageExitsWithTwoAndLeavesNoOutput)
         EXPECT_NE(outcome.errors.find(test.message), std::string::npos) << test.arguments << ": " << outcome.errors;
         EXPECT_FALSE(std::filesystem::exists(output)) << test.arguments;
     }
+    EXPECT_FALSE(std::filesystem::exists(path("never.ome.zarr")));
     // Nothing but the input is left in the folder (no temporary files either).
     for (auto const& entry : std::filesystem::directory_iterator(directory))
         EXPECT_EQ(entry.path().filename(), "input.tif");
@@ -285,6 +289,29 @@ TEST_F(ToolRun, TheTypeDefaultsToTheInputsWhereTheChainKeepsItsValues)
     }
     Outcome const help = nuvek("run --help");
     EXPECT_NE(help.output.find("Default: the input's own sample type when the chain"), std::string::npos);
+}
+
+TEST_F(ToolRun, OmeZarrIsWrittenByNameAndReadAsInput)
+{
+    Box const whole(Vector(301, 259, 1));
+    std::vector<double> const expected = expectedOutput(input, "clamp | gaussian 3", whole);
+    std::string const group = path("out.ome.zarr");
+    Outcome const outcome =
+        nuvek("run " + input + " " + group + " --quiet --chain 'clamp | gaussian 3' --tile 64 --compression zstd");
+    ASSERT_EQ(outcome.status, 0) << outcome.errors;
+    Nuvek::ZarrImage written(group);
+    EXPECT_EQ(written.getNumLevels(), 4);
+    EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(written, 0, whole), whole));
+
+    Outcome const info = nuvek("info " + group);
+    ASSERT_EQ(info.status, 0) << info.errors;
+    EXPECT_NE(info.output.find("level 3   37 x 32 x 1 voxels"), std::string::npos) << info.output;
+
+    // The group as input: clamp keeps its float32 values, written as a plain pyramid.
+    Outcome const again = nuvek("run " + group + " " + path("again.tif") + " --quiet --chain clamp");
+    ASSERT_EQ(again.status, 0) << again.errors;
+    Nuvek::TiffImage tiff(path("again.tif"));
+    EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(tiff, 0, whole), whole));
 }
 
 TEST_F(ToolRun, InterruptStopsCleanlyAndLeavesNoOutput)
