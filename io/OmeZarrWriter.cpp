@@ -329,6 +329,8 @@ std::string groupAttributes(Image& image, Plan const& plan, std::string const& n
         try
         {
             label = image.getChannelName(c);
+            if (label.empty())
+                label = "Channel " + std::to_string(c);
         }
         catch (std::runtime_error const&)
         {

@@ -53,7 +53,8 @@ struct OmeZarrOptions
 /// writePyramidalTiff maps it. ".zattrs" holds "multiscales" (axes c of type channel and z, y, x of
 /// type space in micrometres; per level a scale of (1, voxel z, voxel y, voxel x) from the image's
 /// voxel size at options.level, times 2^L along x and y) and an "omero" block naming the channels
-/// (getChannelName) with the value range as their window, which ZarrImage reads back.
+/// (getChannelName, or "Channel c" for an empty name) with the value range as their window, which
+/// ZarrImage reads back.
 ///
 /// Work and memory are as in writePyramidalTiff: a worker computes the chunks of one (z, y, x)
 /// position for all channels at once (one openRegion call on the image for level 0; the four

@@ -384,7 +384,8 @@ OmeDescription omeDescriptionOf(Image& image, Plan const& plan, std::string cons
         // Some filters cannot name a channel they made; such a channel is called by its number.
         try
         {
-            description.channelNames.push_back(image.getChannelName(c));
+            std::string const name = image.getChannelName(c);
+            description.channelNames.push_back(name.empty() ? "Channel " + std::to_string(c) : name);
         }
         catch (std::runtime_error const&)
         {

@@ -90,7 +90,8 @@ struct PyramidalTiffOptions
 /// full-resolution pages form the main chain and each one's coarser levels are its SubIFDs. An image
 /// of 3 channels stored as uint8 has one RGB page per z slice; any other has one single-sample page
 /// per channel and z slice, channels varying fastest. The first page's ImageDescription is OME-XML
-/// (dimension order XYCZT, SizeC, SizeZ, the channel names from getChannelName, PhysicalSizeX, Y and
+/// (dimension order XYCZT, SizeC, SizeZ, the channel names from getChannelName ("Channel c" for an
+/// empty name or one the image cannot give), PhysicalSizeX, Y and
 /// Z in micrometres from the voxel size). Each channel page asks the image for its tiles, so the
 /// image computes every level-0 tile once per channel.
 ///

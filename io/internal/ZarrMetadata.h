@@ -28,7 +28,8 @@ struct ZarrArrayMetadata
 };
 
 /// Parses a ".zarray" document. Throws std::runtime_error saying what is missing or not
-/// supported: 1 to 5 dimensions, positive chunks, shapes from 0 up, at most 2^40 voxels per chunk.
+/// supported: 1 to 5 dimensions, positive chunks, shapes from 0 up to 2^40, at most 2^27 voxels per
+/// chunk (1 GiB of 8-byte samples).
 ZarrArrayMetadata parseZarrArray(std::string const& text);
 
 /// The first multiscale image of an NGFF (0.4) group's ".zattrs", and what its "omero" block adds.
