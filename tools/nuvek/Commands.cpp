@@ -314,9 +314,9 @@ OutputSettings outputSettings(Options const& options)
 
 char const* const runHelp = R"(Usage: nuvek run INPUT OUTPUT --chain EXPR [options]
 
-Runs a filter chain over INPUT (TIFF, BigTIFF, a whole-slide file or a zarr folder) and writes the result as a tiled
-pyramidal BigTIFF. Tiles are computed on a pool of worker threads and written in order. The output's
-name chooses the format: .tif, .tiff, .btf or .tf8 a plain pyramid (which OpenSlide opens); .ome.tif
+Runs a filter chain over INPUT (TIFF, BigTIFF, a whole-slide file or a zarr folder) and writes the
+result as a tiled pyramid. Tiles are computed on a pool of worker threads and written in order. The
+output's name chooses the format: .tif, .tiff, .btf or .tf8 a plain pyramid (which OpenSlide opens); .ome.tif
 or .ome.tiff OME-TIFF (levels as SubIFDs, OME-XML with channel names and physical sizes; channels
 and z slices as separate pages unless the output is 3-channel uint8, stored as RGB); .ome.zarr or
 .zarr an OME-Zarr group (NGFF 0.4, zarr v2; --compression none, deflate or zstd).
