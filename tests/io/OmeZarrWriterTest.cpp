@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <filesystem>
 #include <map>
 #include <random>
@@ -54,7 +56,62 @@ std::shared_ptr<MemoryImage> testImage(std::mt19937_64& random, Vector const& ex
     return image;
 }
 
+// A large image whose values are computed, so that only what the writers keep takes memory.
+class ComputedImage : public Nuvek::Image
+{
+public:
+    explicit ComputedImage(Vector const& extent) : extent(extent) {}
+
+    Vector getExtent(long long level) const override { return Vector(extent.x >> level, extent.y >> level, extent.z); }
+    long long getNumChannels() const override { return 2; }
+    long long getNumLevels() const override { return 1; }
+    Nuvek::ValueRange<double> getValueRange() const override { return Nuvek::ValueRange<double>(0.0, 255.0); }
+    Vector getVoxelSize(long long) const override { return Vector(1, 1, 1); }
+    std::string getChannelName(long long index) override { return "c" + std::to_string(index); }
+    std::uint64_t getHash() override { return 7; }
+    void openRegion(double* out, long long, Box const& box) override
+    {
+        long long index = 0;
+        for (long long c = 0; c < 2; ++c)
+            for (long long z = box.min.z; z <= box.max.z; ++z)
+                for (long long y = box.min.y; y <= box.max.y; ++y)
+                    for (long long x = box.min.x; x <= box.max.x; ++x)
+                        out[index++] = static_cast<double>((x * 7 + y * 13 + c * 101) % 256);
+    }
+
+private:
+    Vector extent;
+};
+
+long long peakMegabytes()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss / 1024;
+}
+
 } // namespace
+
+TEST(OmeZarrWriter, MemoryStaysFlatInImageSize)
+{
+    // 8192 x 8192 x 2 channels: 1 GiB as doubles, 128 MiB as bytes. Both writers stay far below.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "sanitizers keep freed memory in quarantine and shadow it: the peak says nothing here";
+#endif
+    NuvekTest::TemporaryDirectory directory;
+    ComputedImage image(Vector(8192, 8192, 1));
+    long long const before = peakMegabytes();
+    OmeZarrOptions options;
+    options.sampleType = TiffSampleType::UInt8;
+    options.threads = 2;
+    ASSERT_TRUE(writeOmeZarr(image, directory.path("large.ome.zarr"), options));
+    Nuvek::PyramidalTiffOptions tiffOptions;
+    tiffOptions.omeTiff = true;
+    tiffOptions.threads = 2;
+    tiffOptions.compression = Nuvek::TiffCompression::Zstd;
+    ASSERT_TRUE(Nuvek::writePyramidalTiff(image, directory.path("large.ome.tif"), tiffOptions));
+    EXPECT_LT(peakMegabytes() - before, 64);
+}
 
 TEST(OmeZarrWriter, EveryLevelEqualsTheTiffWritersForEverySampleType)
 {
