@@ -15,6 +15,7 @@
 
 #include <sys/resource.h>
 
+#include <atomic>
 #include <filesystem>
 #include <map>
 #include <random>
@@ -81,6 +82,23 @@ public:
 
 private:
     Vector extent;
+};
+
+// Fails on its third openRegion call, as a chain whose filter throws would.
+class FailingImage : public ComputedImage
+{
+public:
+    FailingImage() : ComputedImage(Vector(100, 100, 1)) {}
+
+    void openRegion(double* out, long long level, Box const& box) override
+    {
+        if (++calls == 3)
+            throw std::runtime_error("the source failed");
+        ComputedImage::openRegion(out, level, box);
+    }
+
+private:
+    std::atomic<int> calls{0};
 };
 
 long long peakMegabytes()
@@ -213,6 +231,11 @@ TEST(OmeZarrWriter, CancellingOrFailingLeavesNothingAndAnExistingTargetAlone)
     EXPECT_EQ(directory.files(), std::vector<std::string>{"out.ome.zarr"});
     EXPECT_FALSE(std::filesystem::exists(path + "/old"));
     EXPECT_EQ(ZarrImage(path).getExtent(0), Vector(100, 100, 1));
+    FailingImage failing;
+    EXPECT_EQ(messageOf([&] { writeOmeZarr(failing, path, options); }), "the source failed");
+    EXPECT_EQ(directory.files(), std::vector<std::string>{"out.ome.zarr"});
+    // Still the one-channel group written before.
+    EXPECT_EQ(ZarrImage(path).getNumChannels(), 1);
 
     MemoryImage empty(Vector(0, 4, 1), 1);
     EXPECT_EQ(messageOf([&] { writeOmeZarr(empty, directory.path("empty.ome.zarr")); }),
