@@ -6,8 +6,8 @@ function(nuvek_target_options target)
     endif()
 endfunction()
 
-# Adds sources to a library target and installs its headers under include/nuvek/, keeping the
-# source tree. Every header listed here also goes into the umbrella header <nuvek/Nuvek.h>, or, after
+# Adds sources to a library target and makes its headers public: installed under include/nuvek/,
+# keeping the source tree, and linked into the build tree's include/nuvek/ the same way. Every header listed here also goes into the umbrella header <nuvek/Nuvek.h>, or, after
 # an optional leading `UMBRELLA <Name>`, into <nuvek/<Name>.h> instead: a library with dependencies of
 # its own gets its own umbrella, so that <nuvek/Nuvek.h> stays usable with Nuvek::Filters alone.
 function(nuvek_library_sources target)
@@ -26,6 +26,8 @@ function(nuvek_library_sources target)
             file(RELATIVE_PATH relative ${PROJECT_SOURCE_DIR} ${path})
             get_filename_component(folder ${relative} DIRECTORY)
             install(FILES ${path} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/nuvek/${folder})
+            file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/include/nuvek/${folder})
+            file(CREATE_LINK ${path} ${PROJECT_BINARY_DIR}/include/nuvek/${relative} SYMBOLIC)
             set_property(GLOBAL APPEND PROPERTY ${property} ${relative})
         endif()
     endforeach()
@@ -69,6 +71,8 @@ function(nuvek_add_library target exportName)
         $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
         $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    # Internal headers: "core/internal/...", "filters/internal/..." from the source root.
+    target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
     target_compile_features(${target} PUBLIC cxx_std_17)
     nuvek_target_options(${target})
     install(TARGETS ${target} EXPORT NuvekFiltersTargets

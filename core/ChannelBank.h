@@ -2,7 +2,7 @@
 
 #include <nuvek/core/Box.h>
 #include <nuvek/core/Image.h>
-#include <nuvek/filters/framework/Buffer.h>
+#include <nuvek/core/Buffer.h>
 
 #include <memory>
 #include <string>

@@ -78,8 +78,7 @@ std::string Filter::getGroupId() const
 
 std::uint64_t Filter::getHash()
 {
-    lastInputHash = input->getHash();
-    return lastInputHash;
+    return input->getHash();
 }
 
 Image* Filter::getViewableRepresentation()

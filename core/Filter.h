@@ -36,10 +36,6 @@ public:
 protected:
     Image* input;
     bool ownsInput;
-
-private:
-    // The input's stamp as last seen by getHash.
-    std::uint64_t lastInputHash = 0;
 };
 
 } // namespace Nuvek

@@ -2,7 +2,7 @@
 
 #include <nuvek/core/Box.h>
 #include <nuvek/core/Vector.h>
-#include <nuvek/filters/framework/ValueRange.h>
+#include <nuvek/core/ValueRange.h>
 
 #include <cstdint>
 #include <string>

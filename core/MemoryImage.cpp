@@ -1,5 +1,7 @@
 #include <nuvek/core/MemoryImage.h>
 
+#include "core/internal/BlockMeans.h"
+
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
@@ -31,33 +33,12 @@ Vector extentAtLevel(Vector const& extent, long long level)
     return Vector(extent.x >> level, extent.y >> level, extent.z);
 }
 
-// Level `level` from level 0: the mean of each whole 2^level x 2^level block, rows of the block
-// outer, columns inner, summed from 0.0 and divided by the block's voxel count.
-std::vector<double> averageBlocks(std::vector<double> const& source, Vector const& sourceExtent, long long numChannels,
-                                  long long level)
+// Level `level` from level 0: the means of its blocks, exactly as the downsample filter takes them.
+std::vector<double> averageBlocksOfLevelZero(std::vector<double> const& source, Vector const& sourceExtent,
+                                             long long numChannels, long long level)
 {
-    long long const factor = 1LL << level;
-    Vector const target = extentAtLevel(sourceExtent, level);
-    std::vector<double> result(static_cast<std::size_t>(target.prod() * numChannels));
-    double const divisor = static_cast<double>(factor * factor);
-    long long const sourcePlane = sourceExtent.prod();
-    long long const targetPlane = target.prod();
-    for (long long c = 0; c < numChannels; ++c)
-        for (long long z = 0; z < target.z; ++z)
-            for (long long y = 0; y < target.y; ++y)
-            {
-                double const* sourceRow = source.data() + c * sourcePlane + z * sourceExtent.x * sourceExtent.y +
-                                          y * factor * sourceExtent.x;
-                double* targetRow = result.data() + c * targetPlane + z * target.x * target.y + y * target.x;
-                for (long long x = 0; x < target.x; ++x)
-                {
-                    double sum = 0.0;
-                    for (long long by = 0; by < factor; ++by)
-                        for (long long bx = 0; bx < factor; ++bx)
-                            sum += sourceRow[by * sourceExtent.x + x * factor + bx];
-                    targetRow[x] = sum / divisor;
-                }
-            }
+    std::vector<double> result(static_cast<std::size_t>(extentAtLevel(sourceExtent, level).prod() * numChannels));
+    averageBlocks(source.data(), result.data(), sourceExtent, numChannels, level);
     return result;
 }
 
@@ -230,7 +211,7 @@ void MemoryImage::rebuildLevels()
         Vector const levelExtent = extentAtLevel(extent, level);
         if (levelExtent.x < 1 || levelExtent.y < 1)
             break;
-        rebuilt.push_back(averageBlocks(rebuilt[0], extent, numChannels, level));
+        rebuilt.push_back(averageBlocksOfLevelZero(rebuilt[0], extent, numChannels, level));
     }
     levels = std::move(rebuilt);
     std::vector<double> const& base = levels[0];

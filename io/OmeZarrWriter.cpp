@@ -1,8 +1,7 @@
 #include <nuvek/io/OmeZarrWriter.h>
 
-#include <nuvek/io/TileEncoder.h>
-
 #include "io/internal/OrderedWork.h"
+#include "io/internal/TileEncoder.h"
 #include "io/internal/TileSamples.h"
 #include "io/internal/ZarrCodec.h"
 

@@ -1,7 +1,7 @@
 #include <nuvek/io/PyramidalTiffWriter.h>
 
-#include <nuvek/io/TiffHandle.h>
-#include <nuvek/io/TileEncoder.h>
+#include "io/internal/TiffHandle.h"
+#include "io/internal/TileEncoder.h"
 
 #include "io/internal/OmeXml.h"
 #include "io/internal/OrderedWork.h"

@@ -1,5 +1,8 @@
 #include <nuvek/io/SlideImage.h>
 
+#include "io/internal/TiffHandle.h"
+#include <nuvek/io/TiffImage.h>
+
 #include <openslide.h>
 
 #include <algorithm>
@@ -61,6 +64,43 @@ long long nanometresFromTiff(openslide_t* slide, char const* resolutionName)
     return std::max(1LL, static_cast<long long>(std::llround(perUnit / pixels)));
 }
 
+// The compression of the tiled TIFF page of this size, or 0 when the file has none (not a TIFF).
+std::uint16_t compressionOfPage(std::string const& path, std::int64_t width, std::int64_t height)
+{
+    try
+    {
+        TiffHandle handle(path, "r", "SlideImage");
+        do
+        {
+            std::uint32_t pageWidth = 0;
+            std::uint32_t pageHeight = 0;
+            std::uint16_t compression = COMPRESSION_NONE;
+            TIFFGetField(handle.get(), TIFFTAG_IMAGEWIDTH, &pageWidth);
+            TIFFGetField(handle.get(), TIFFTAG_IMAGELENGTH, &pageHeight);
+            TIFFGetFieldDefaulted(handle.get(), TIFFTAG_COMPRESSION, &compression);
+            if (TIFFIsTiled(handle.get()) != 0 && pageWidth == width && pageHeight == height)
+                return compression;
+        } while (TIFFReadDirectory(handle.get()) == 1);
+    }
+    catch (std::runtime_error const&)
+    {
+    }
+    return 0;
+}
+
+// OpenSlide 3 decodes TIFF tiles that are neither JPEG nor Aperio's JPEG 2000 through libtiff's
+// RGBA interface, which since libtiff 4.4 places a tile taller than its level at the bottom of the
+// raster instead of the top; OpenSlide 3 then returns the level's rows shifted and partly blank.
+// Its own JPEG and JPEG 2000 decoders place such a tile correctly.
+bool misreadsShortLevel(std::string const& path, openslide_t* slide, int level, std::int64_t width,
+                        std::int64_t height)
+{
+    if (std::string(openslide_get_version()).rfind("3.", 0) != 0 || height >= tileHeightOf(slide, level))
+        return false;
+    std::uint16_t const compression = compressionOfPage(path, width, height);
+    return compression != 0 && compression != COMPRESSION_JPEG && compression != 33003 && compression != 33005;
+}
+
 } // namespace
 
 struct SlideImage::Internals
@@ -71,8 +111,12 @@ struct SlideImage::Internals
     std::vector<int> openslideLevel;
     std::vector<double> downsample;
     std::vector<Vector> extents;
+    // Levels read through the file's TIFF pages rather than OpenSlide.
+    std::vector<bool> throughTiff;
+    std::unique_ptr<TiffImage> tiff;
     Vector levelZero;
     Vector voxelSize{1, 1, 1};
+    bool voxelSizeGiven = false;
     Vector tileExtent{256, 256, 1};
 
     [[noreturn]] void fail(std::string const& problem) const
@@ -85,81 +129,139 @@ struct SlideImage::Internals
         if (slide != nullptr)
             openslide_close(slide);
     }
+
+    void open();
+    void findLevels();
+    bool readable(std::size_t level);
+    void findVoxelSize();
+    void findTileExtent();
 };
 
-SlideImage::SlideImage(std::string const& path) : internals(std::make_unique<Internals>())
+void SlideImage::Internals::open()
 {
-    Internals& state = *internals;
-    state.path = path;
     if (openslide_detect_vendor(path.c_str()) == nullptr)
-        state.fail("not a slide that OpenSlide can read");
-    state.slide = openslide_open(path.c_str());
-    if (state.slide == nullptr)
-        state.fail("not a slide that OpenSlide can read");
-    if (char const* error = openslide_get_error(state.slide))
-        state.fail(error);
+        fail("not a slide that OpenSlide can read");
+    slide = openslide_open(path.c_str());
+    if (slide == nullptr)
+        fail("not a slide that OpenSlide can read");
+    if (char const* error = openslide_get_error(slide))
+        fail(error);
+}
 
-    // OpenSlide 3 decodes tiles that are not JPEG through libtiff's RGBA interface, which since
-    // libtiff 4.4 places a tile taller than its level at the bottom of the raster instead of the
-    // top; OpenSlide 3 then returns the level's rows shifted and partly blank.
-    bool const misreadsShortLevels = std::string(openslide_get_version()).rfind("3.", 0) == 0;
-    int const count = openslide_get_level_count(state.slide);
+// Level L is OpenSlide's level whose downsample is nearest 2^L, within 1% of it.
+void SlideImage::Internals::findLevels()
+{
+    int const count = openslide_get_level_count(slide);
     if (count < 1)
-        state.fail("the slide has no levels");
+        fail("the slide has no levels");
+    std::vector<double> distance;
     for (int k = 0; k < count; ++k)
     {
         std::int64_t width = 0;
         std::int64_t height = 0;
-        openslide_get_level_dimensions(state.slide, k, &width, &height);
-        double const factor = openslide_get_level_downsample(state.slide, k);
+        openslide_get_level_dimensions(slide, k, &width, &height);
+        double const factor = openslide_get_level_downsample(slide, k);
         if (width < 1 || height < 1 || !(factor >= 1.0))
             continue;
-        if (misreadsShortLevels && height < tileHeightOf(state.slide, k))
-        {
-            if (k == 0)
-                state.fail("the full-resolution level is shorter than one tile, which OpenSlide " +
-                           std::string(openslide_get_version()) + " misreads");
-            continue;
-        }
         long long const level = std::llround(std::log2(factor));
-        if (level > 40 || std::fabs(factor - std::ldexp(1.0, static_cast<int>(level))) > 0.01 * std::ldexp(1.0, static_cast<int>(level)))
+        double const off = level > 40 ? 1.0 : std::fabs(factor / std::ldexp(1.0, static_cast<int>(level)) - 1.0);
+        if (off > 0.01)
             continue;
-        if (static_cast<long long>(state.openslideLevel.size()) <= level)
-        {
-            state.openslideLevel.resize(static_cast<std::size_t>(level) + 1, -1);
-            state.downsample.resize(static_cast<std::size_t>(level) + 1, 0.0);
-            state.extents.resize(static_cast<std::size_t>(level) + 1);
-        }
         std::size_t const index = static_cast<std::size_t>(level);
-        if (state.openslideLevel[index] != -1)
+        if (openslideLevel.size() <= index)
+        {
+            openslideLevel.resize(index + 1, -1);
+            downsample.resize(index + 1, 0.0);
+            extents.resize(index + 1);
+            distance.resize(index + 1, 2.0);
+        }
+        if (off >= distance[index])
             continue;
-        state.openslideLevel[index] = k;
-        state.downsample[index] = factor;
-        state.extents[index] = Vector(width, height, 1);
+        distance[index] = off;
+        openslideLevel[index] = k;
+        downsample[index] = factor;
+        extents[index] = Vector(width, height, 1);
     }
-    if (state.openslideLevel.empty() || state.openslideLevel[0] == -1)
-        state.fail("the slide has no full-resolution level");
-    state.levelZero = state.extents[0];
-    if (char const* error = openslide_get_error(state.slide))
-        state.fail(error);
+    if (openslideLevel.empty() || openslideLevel[0] == -1)
+        fail("the slide has no full-resolution level");
+    throughTiff.assign(openslideLevel.size(), false);
+    for (std::size_t level = 0; level < openslideLevel.size(); ++level)
+        if (openslideLevel[level] != -1 && !readable(level))
+            openslideLevel[level] = -1;
+    if (openslideLevel[0] == -1)
+        fail("the full-resolution level is shorter than one tile, which OpenSlide " +
+             std::string(openslide_get_version()) + " misreads, and its TIFF page cannot be read instead");
+    while (openslideLevel.back() == -1)
+        openslideLevel.pop_back();
+    levelZero = extents[0];
+    if (char const* error = openslide_get_error(slide))
+        fail(error);
+}
 
-    char const* micronsX = openslide_get_property_value(state.slide, OPENSLIDE_PROPERTY_NAME_MPP_X);
-    char const* micronsY = openslide_get_property_value(state.slide, OPENSLIDE_PROPERTY_NAME_MPP_Y);
-    long long const tiffX = nanometresFromTiff(state.slide, "tiff.XResolution");
-    long long const tiffY = nanometresFromTiff(state.slide, "tiff.YResolution");
+// Whether the level can be read exactly, deciding whether through OpenSlide or through the TIFF
+// page. OpenSlide places a region of a level at level-0 coordinates; its pixels come out exactly
+// only where the downsample is the power of two itself and OpenSlide does not misread the level.
+// Else the level's own TIFF page is read, when the file is a TIFF whose page of that size libtiff
+// decodes as 8-bit RGB.
+bool SlideImage::Internals::readable(std::size_t level)
+{
+    Vector const extent = extents[level];
+    bool const exact = downsample[level] == std::ldexp(1.0, static_cast<int>(level));
+    if (exact && !misreadsShortLevel(path, slide, openslideLevel[level], extent.x, extent.y))
+        return true;
+    if (!tiff)
+    {
+        try
+        {
+            tiff = std::make_unique<TiffImage>(path);
+        }
+        catch (std::runtime_error const&)
+        {
+            return false;
+        }
+    }
+    long long const index = static_cast<long long>(level);
+    bool const usable = tiff->getNumChannels() == 3 && tiff->getValueRange().max == 255.0 && tiff->hasLevel(index) &&
+                        tiff->getExtent(index) == extent;
+    throughTiff[level] = usable;
+    return usable;
+}
+
+void SlideImage::Internals::findVoxelSize()
+{
+    char const* micronsX = openslide_get_property_value(slide, OPENSLIDE_PROPERTY_NAME_MPP_X);
+    char const* micronsY = openslide_get_property_value(slide, OPENSLIDE_PROPERTY_NAME_MPP_Y);
+    long long const tiffX = nanometresFromTiff(slide, "tiff.XResolution");
+    long long const tiffY = nanometresFromTiff(slide, "tiff.YResolution");
+    voxelSizeGiven = true;
     if (micronsX != nullptr && micronsY != nullptr)
-        state.voxelSize = Vector(nanometresFrom(micronsX), nanometresFrom(micronsY), 1);
+        voxelSize = Vector(nanometresFrom(micronsX), nanometresFrom(micronsY), 1);
     else if (tiffX > 0 && tiffY > 0)
-        state.voxelSize = Vector(tiffX, tiffY, 1);
-    char const* tileWidth = openslide_get_property_value(state.slide, "openslide.level[0].tile-width");
-    char const* tileHeight = openslide_get_property_value(state.slide, "openslide.level[0].tile-height");
+        voxelSize = Vector(tiffX, tiffY, 1);
+    else
+        voxelSizeGiven = false;
+}
+
+void SlideImage::Internals::findTileExtent()
+{
+    char const* tileWidth = openslide_get_property_value(slide, "openslide.level[0].tile-width");
+    char const* tileHeight = openslide_get_property_value(slide, "openslide.level[0].tile-height");
     if (tileWidth != nullptr && tileHeight != nullptr)
     {
         long long const width = std::atoll(tileWidth);
         long long const height = std::atoll(tileHeight);
         if (width > 0 && height > 0)
-            state.tileExtent = Vector(width, height, 1);
+            tileExtent = Vector(width, height, 1);
     }
+}
+
+SlideImage::SlideImage(std::string const& path) : internals(std::make_unique<Internals>())
+{
+    internals->path = path;
+    internals->open();
+    internals->findLevels();
+    internals->findVoxelSize();
+    internals->findTileExtent();
 }
 
 SlideImage::~SlideImage() = default;
@@ -227,6 +329,11 @@ bool SlideImage::hasLevel(long long level) const
     return level >= 0 && level < getNumLevels() && internals->openslideLevel[static_cast<std::size_t>(level)] != -1;
 }
 
+bool SlideImage::knowsVoxelSize() const
+{
+    return internals->voxelSizeGiven;
+}
+
 std::string SlideImage::getProperty(std::string const& name) const
 {
     char const* value = openslide_get_property_value(internals->slide, name.c_str());
@@ -248,8 +355,9 @@ void SlideImage::openRegion(double* out, long long level, Box const& box)
         return;
 
     std::size_t const index = static_cast<std::size_t>(level);
+    if (internals->throughTiff[index])
+        return internals->tiff->openRegion(out, level, box);
     int const openslideLevel = internals->openslideLevel[index];
-    double const factor = internals->downsample[index];
     Vector const extent = box.getExtent();
     long long const width = inside.max.x - inside.min.x + 1;
     long long const bandRows = std::max(1LL, bandVoxels / width);
@@ -258,8 +366,9 @@ void SlideImage::openRegion(double* out, long long level, Box const& box)
     {
         long long const rows = std::min(bandRows, inside.max.y - bandY + 1);
         band.resize(static_cast<std::size_t>(width * rows));
-        openslide_read_region(internals->slide, band.data(), std::llround(static_cast<double>(inside.min.x) * factor),
-                              std::llround(static_cast<double>(bandY) * factor), openslideLevel, width, rows);
+        // The downsample is 2^level exactly (else the level is read through its TIFF page).
+        openslide_read_region(internals->slide, band.data(), inside.min.x << level, bandY << level, openslideLevel,
+                              width, rows);
         if (char const* error = openslide_get_error(internals->slide))
             internals->fail(error);
         // The single z slice of the box: every slice of the request beyond it stays 0.

@@ -1,9 +1,10 @@
 #include <nuvek/io/StoredSampleType.h>
 
 #include <nuvek/io/SlideImage.h>
-#include <nuvek/io/TiffHandle.h>
 #include <nuvek/io/TiffImage.h>
 #include <nuvek/io/ZarrImage.h>
+
+#include "io/internal/TiffHandle.h"
 
 namespace Nuvek {
 

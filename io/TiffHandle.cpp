@@ -1,4 +1,4 @@
-#include <nuvek/io/TiffHandle.h>
+#include "io/internal/TiffHandle.h"
 
 #include <cstdio>
 #include <memory>

@@ -1,12 +1,17 @@
 #include <nuvek/io/TiffImage.h>
 
-#include <nuvek/io/TiffHandle.h>
+#include "io/internal/TiffHandle.h"
+
+#include "io/internal/ImageJDescriptionParser.h"
+#include "io/internal/Jpeg2000Decoder.h"
+#include "io/internal/OmeXmlParser.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <mutex>
 #include <stdexcept>
 #include <vector>
@@ -36,6 +41,19 @@ struct Page
     std::uint32_t rowsPerStrip = 0;
     std::string name;
     std::vector<std::uint64_t> subOffsets;
+
+    // JPEG 2000 (Aperio's two kinds included), which libtiff cannot decode: through libopenjp2.
+    bool jpeg2000() const { return compression == 33003 || compression == 33005 || compression == 34712; }
+
+    // Old-style JPEG and YCbCr that is not JPEG-compressed are decoded through libtiff's RGBA
+    // interface, as 8-bit red, green and blue.
+    bool throughRgba() const
+    {
+        return !jpeg2000() && (compression == COMPRESSION_OJPEG ||
+                               (photometric == PHOTOMETRIC_YCBCR && compression != COMPRESSION_JPEG));
+    }
+
+    long long channels() const { return throughRgba() ? 3 : samples; }
 };
 
 bool sameSamples(Page const& a, Page const& b)
@@ -82,28 +100,58 @@ Page readPage(TiffHandle& handle)
     return page;
 }
 
+std::string formatName(std::uint16_t format)
+{
+    switch (format)
+    {
+    case SAMPLEFORMAT_UINT: return "unsigned integer";
+    case SAMPLEFORMAT_INT: return "signed integer";
+    case SAMPLEFORMAT_IEEEFP: return "floating point";
+    case SAMPLEFORMAT_COMPLEXINT: return "complex integer";
+    case SAMPLEFORMAT_COMPLEXIEEEFP: return "complex floating point";
+    default: return "sample format " + std::to_string(format);
+    }
+}
+
+std::string compressionName(std::uint16_t compression)
+{
+    static std::pair<std::uint16_t, char const*> const names[] = {
+        {2, "CCITT RLE"},          {3, "CCITT Group 3 fax"},  {4, "CCITT Group 4 fax"},   {5, "LZW"},
+        {6, "old-style JPEG"},     {7, "JPEG"},               {8, "Deflate"},             {32773, "PackBits"},
+        {32946, "Deflate"},        {33003, "Aperio JPEG 2000 YCbCr"},                     {33005, "Aperio JPEG 2000 RGB"},
+        {34712, "JPEG 2000"},      {34887, "LERC"},           {34892, "lossy JPEG"},      {34925, "LZMA"},
+        {50000, "Zstandard"},      {50001, "WebP"},           {50002, "JPEG XL"},         {52546, "JPEG XL"},
+    };
+    for (auto const& entry : names)
+        if (entry.first == compression)
+            return std::to_string(compression) + " (" + entry.second + ")";
+    return std::to_string(compression);
+}
+
+bool supportedSamples(Page const& page)
+{
+    if (page.format == SAMPLEFORMAT_UINT || page.format == SAMPLEFORMAT_INT)
+        return page.bits == 8 || page.bits == 16 || page.bits == 32;
+    return page.format == SAMPLEFORMAT_IEEEFP && (page.bits == 32 || page.bits == 64);
+}
+
 // Everything a page must satisfy before a voxel is read from it.
 void checkPage(TiffHandle& handle, Page const& page)
 {
     if (page.width == 0 || page.height == 0)
         handle.fail("the image is empty (width or length 0)");
-    bool const integer = page.format == SAMPLEFORMAT_UINT && (page.bits == 8 || page.bits == 16);
-    bool const floating = page.format == SAMPLEFORMAT_IEEEFP && page.bits == 32;
-    if (!integer && !floating)
-        handle.fail("unsupported sample format: " + std::to_string(page.bits) + "-bit " +
-                    (page.format == SAMPLEFORMAT_UINT     ? "unsigned integer"
-                     : page.format == SAMPLEFORMAT_INT    ? "signed integer"
-                     : page.format == SAMPLEFORMAT_IEEEFP ? "floating point"
-                                                          : "sample format " + std::to_string(page.format)) +
-                    " (8 and 16-bit unsigned and 32-bit floating point are supported)");
+    if (!supportedSamples(page))
+        handle.fail("unsupported sample format: " + std::to_string(page.bits) + "-bit " + formatName(page.format) +
+                    " (8, 16 and 32-bit integers and 32 and 64-bit floating point are supported)");
     if (page.samples == 0)
         handle.fail("the image has no samples per pixel");
-    if (TIFFIsCODECConfigured(page.compression) == 0)
-        handle.fail("unsupported compression " + std::to_string(page.compression));
-    if (page.photometric == PHOTOMETRIC_PALETTE)
-        handle.fail("palette images are not supported");
-    if (page.photometric == PHOTOMETRIC_YCBCR && page.compression != COMPRESSION_JPEG)
-        handle.fail("YCbCr images are only supported with JPEG compression");
+    if (!page.jpeg2000() && TIFFIsCODECConfigured(page.compression) == 0)
+        handle.fail("unsupported compression " + compressionName(page.compression));
+    if (page.jpeg2000() && (page.format != SAMPLEFORMAT_UINT || page.bits > 16 || page.planar != PLANARCONFIG_CONTIG ||
+                            (page.compression == 33003 && (page.samples != 3 || page.bits != 8))))
+        handle.fail("JPEG 2000 is supported with contiguous 8 or 16-bit unsigned samples (33003: three of 8 bits)");
+    if (page.throughRgba() && (page.bits != 8 || page.format != SAMPLEFORMAT_UINT || page.samples < 3))
+        handle.fail("YCbCr and old-style JPEG are supported with three 8-bit samples only");
     if (page.planar != PLANARCONFIG_CONTIG && page.planar != PLANARCONFIG_SEPARATE)
         handle.fail("unsupported planar configuration " + std::to_string(page.planar));
     if (page.tiled && (page.tileWidth == 0 || page.tileHeight == 0))
@@ -129,34 +177,62 @@ long long levelOf(Page const& page, Page const& levelZero)
     return 0;
 }
 
-long long nanometresFrom(float resolution, std::uint16_t unit)
+// Nanometres per pixel from a resolution in pixels per unit of `unitNanometres`; 0.0 when unusable.
+double nanometresFrom(float resolution, double unitNanometres)
 {
-    double const perUnit = unit == RESUNIT_CENTIMETER ? 1e7 : 2.54e7;
-    if (!(resolution > 0.0f) || !std::isfinite(resolution))
-        return 1;
-    double const size = std::round(perUnit / static_cast<double>(resolution));
-    if (!(size < 1e15))
-        return 1;
-    return std::max(1LL, static_cast<long long>(size));
+    if (!(resolution > 0.0f) || !std::isfinite(resolution) || !(unitNanometres > 0.0))
+        return 0.0;
+    double const size = unitNanometres / static_cast<double>(resolution);
+    return size < 1e15 ? size : 0.0;
+}
+
+// A voxel size in whole nanometres, at least 1.
+long long roundedSize(double nanometres)
+{
+    return std::max(1LL, static_cast<long long>(std::llround(nanometres)));
+}
+
+// The microns per pixel of an Aperio description ("... |MPP = 0.4990|..."), 0.0 when it has none.
+double aperioMicrons(std::string const& description)
+{
+    if (description.rfind("Aperio", 0) != 0)
+        return 0.0;
+    std::size_t const key = description.find("|MPP = ");
+    if (key == std::string::npos)
+        return 0.0;
+    char const* text = description.c_str() + key + 7;
+    char* end = nullptr;
+    double const microns = std::strtod(text, &end);
+    return end != text && microns > 0.0 && microns < 1e9 ? microns : 0.0;
 }
 
 // Converts one row of samples to doubles: count samples, taken every `step` samples.
 template <typename Sample>
 void convertRow(unsigned char const* source, long long step, long long count, double* target)
 {
-    Sample const* samples = reinterpret_cast<Sample const*>(source);
     for (long long i = 0; i < count; ++i)
-        target[i] = static_cast<double>(samples[i * step]);
+    {
+        Sample sample;
+        std::memcpy(&sample, source + i * step * static_cast<long long>(sizeof(Sample)), sizeof(Sample));
+        target[i] = static_cast<double>(sample);
+    }
 }
 
 void convertRowOf(Page const& page, unsigned char const* source, long long step, long long count, double* target)
 {
-    if (page.bits == 8)
-        convertRow<std::uint8_t>(source, step, count, target);
+    bool const isSigned = page.format == SAMPLEFORMAT_INT;
+    if (page.format == SAMPLEFORMAT_IEEEFP)
+        page.bits == 32 ? convertRow<float>(source, step, count, target)
+                        : convertRow<double>(source, step, count, target);
+    else if (page.bits == 8)
+        isSigned ? convertRow<std::int8_t>(source, step, count, target)
+                 : convertRow<std::uint8_t>(source, step, count, target);
     else if (page.bits == 16)
-        convertRow<std::uint16_t>(source, step, count, target);
+        isSigned ? convertRow<std::int16_t>(source, step, count, target)
+                 : convertRow<std::uint16_t>(source, step, count, target);
     else
-        convertRow<float>(source, step, count, target);
+        isSigned ? convertRow<std::int32_t>(source, step, count, target)
+                 : convertRow<std::uint32_t>(source, step, count, target);
 }
 
 // One libtiff handle with the page it currently reads and a decode buffer.
@@ -191,21 +267,73 @@ struct Reader
     TiffHandle handle;
     std::uint64_t selected = 0;
     std::vector<unsigned char> scratch;
+    std::vector<unsigned char> raw;
 };
 
-// The part of `out` that one z slice of the request fills.
+// The bytes one decoded tile or strip takes.
+tmsize_t blockSize(Reader& reader, Page const& page)
+{
+    if (!page.jpeg2000())
+        return page.tiled ? TIFFTileSize(reader.handle.get()) : TIFFStripSize(reader.handle.get());
+    long long const width = page.tiled ? page.tileWidth : page.width;
+    long long const height = page.tiled ? page.tileHeight : page.rowsPerStrip;
+    long long const size = width * height * page.samples * (page.bits / 8);
+    return size > TiffHandle::maxAllocation ? 0 : static_cast<tmsize_t>(size);
+}
+
+// Decodes one JPEG 2000 tile or strip, which libtiff hands over as it is stored.
+void decodeJpeg2000(Reader& reader, Page const& page, std::uint32_t index, unsigned char* block)
+{
+    TIFF* tiff = reader.handle.get();
+    std::uint64_t const bytes = TIFFGetStrileByteCount(tiff, index);
+    if (bytes == 0 || bytes > static_cast<std::uint64_t>(TiffHandle::maxAllocation))
+        reader.handle.fail("block " + std::to_string(index) + " has no data or too much (" + std::to_string(bytes) +
+                           " bytes)");
+    reader.raw.resize(static_cast<std::size_t>(bytes));
+    tmsize_t const read = page.tiled ? TIFFReadRawTile(tiff, index, reader.raw.data(), static_cast<tmsize_t>(bytes))
+                                     : TIFFReadRawStrip(tiff, index, reader.raw.data(), static_cast<tmsize_t>(bytes));
+    if (read <= 0)
+        reader.handle.fail("cannot read block " + std::to_string(index));
+    try
+    {
+        Jpeg2000Decoder::decode(reader.raw.data(), static_cast<std::size_t>(read),
+                                page.tiled ? page.tileWidth : page.width, page.tiled ? page.tileHeight : page.rowsPerStrip,
+                                page.samples, page.bits / 8, page.compression == 33003, block);
+    }
+    catch (std::runtime_error const& error)
+    {
+        reader.handle.fail("cannot decode block " + std::to_string(index) + ": " + error.what());
+    }
+}
+
+// Decodes tile or strip `index` into `block` (size bytes, zeroed first: a damaged block may decode
+// short without an error, and what it lacks then reads as 0 rather than as what the buffer held).
+void decodeBlock(Reader& reader, Page const& page, std::uint32_t index, unsigned char* block, tmsize_t size)
+{
+    std::memset(block, 0, static_cast<std::size_t>(size));
+    reader.handle.clearError();
+    if (page.jpeg2000())
+        decodeJpeg2000(reader, page, index, block);
+    else if (page.tiled && TIFFReadEncodedTile(reader.handle.get(), index, block, size) < 0)
+        reader.handle.fail("cannot decode tile " + std::to_string(index));
+    else if (!page.tiled && TIFFReadEncodedStrip(reader.handle.get(), index, block, size) < 0)
+        reader.handle.fail("cannot decode strip " + std::to_string(index));
+}
+
+// The part of `out` that one page of the request fills: slice z, channels from firstChannel on.
 struct Target
 {
     double* out;
     Box box;
     long long voxels;
     long long z;
+    long long firstChannel;
 
     double* at(long long channel, long long x, long long y) const
     {
         Vector const extent = box.getExtent();
-        return out + channel * voxels + (z - box.min.z) * extent.x * extent.y + (y - box.min.y) * extent.x +
-               (x - box.min.x);
+        return out + (firstChannel + channel) * voxels + (z - box.min.z) * extent.x * extent.y +
+               (y - box.min.y) * extent.x + (x - box.min.x);
     }
 };
 
@@ -228,13 +356,12 @@ void copyBlock(Page const& page, unsigned char const* block, long long blockX, l
             convertRowOf(page, block + sample * bytes, step, count, target.at(c, inside.min.x, y));
         }
 }
-
 void readTiles(Reader& reader, Page const& page, Box const& inside, Target const& target, std::uint64_t& decoded)
 {
     TIFF* tiff = reader.handle.get();
     long long const tileWidth = page.tileWidth;
     long long const tileHeight = page.tileHeight;
-    tmsize_t const tileSize = TIFFTileSize(tiff);
+    tmsize_t const tileSize = blockSize(reader, page);
     unsigned char* tile = reader.scratchOf(tileSize);
     long long const planes = page.planar == PLANARCONFIG_SEPARATE ? page.samples : 1;
     for (long long tileY = inside.min.y / tileHeight * tileHeight; tileY <= inside.max.y; tileY += tileHeight)
@@ -248,12 +375,7 @@ void readTiles(Reader& reader, Page const& page, Box const& inside, Target const
                 ttile_t const index = TIFFComputeTile(tiff, static_cast<std::uint32_t>(tileX),
                                                       static_cast<std::uint32_t>(tileY), 0,
                                                       static_cast<std::uint16_t>(plane));
-                // A damaged block may decode short without an error; what it lacks then reads as 0
-                // rather than as whatever the buffer held before.
-                std::memset(tile, 0, static_cast<std::size_t>(tileSize));
-                reader.handle.clearError();
-                if (TIFFReadEncodedTile(tiff, index, tile, tileSize) < 0)
-                    reader.handle.fail("cannot decode tile " + std::to_string(index));
+                decodeBlock(reader, page, index, tile, tileSize);
                 ++decoded;
                 copyBlock(page, tile, tileX, tileY, tileWidth, part, target, plane);
             }
@@ -264,7 +386,7 @@ void readStrips(Reader& reader, Page const& page, Box const& inside, Target cons
 {
     TIFF* tiff = reader.handle.get();
     long long const rows = page.rowsPerStrip;
-    tmsize_t const stripSize = TIFFStripSize(tiff);
+    tmsize_t const stripSize = blockSize(reader, page);
     unsigned char* strip = reader.scratchOf(stripSize);
     long long const planes = page.planar == PLANARCONFIG_SEPARATE ? page.samples : 1;
     for (long long stripY = inside.min.y / rows * rows; stripY <= inside.max.y; stripY += rows)
@@ -275,14 +397,224 @@ void readStrips(Reader& reader, Page const& page, Box const& inside, Target cons
         {
             tstrip_t const index =
                 TIFFComputeStrip(tiff, static_cast<std::uint32_t>(stripY), static_cast<std::uint16_t>(plane));
-            std::memset(strip, 0, static_cast<std::size_t>(stripSize));
-            reader.handle.clearError();
-            if (TIFFReadEncodedStrip(tiff, index, strip, stripSize) < 0)
-                reader.handle.fail("cannot decode strip " + std::to_string(index));
+            decodeBlock(reader, page, index, strip, stripSize);
             ++decoded;
             copyBlock(page, strip, 0, stripY, page.width, part, target, plane);
         }
     }
+}
+
+// The tiles or strips that cover `inside`: the RGBA interface decodes subsampled blocks correctly
+// only from their first row and column.
+Box alignedToBlocks(Page const& page, Box const& inside)
+{
+    long long const blockWidth = page.tiled ? page.tileWidth : page.width;
+    long long const blockHeight = page.tiled ? page.tileHeight : page.rowsPerStrip;
+    Vector const min(inside.min.x / blockWidth * blockWidth, inside.min.y / blockHeight * blockHeight, inside.min.z);
+    Vector const max(std::min<long long>(page.width, (inside.max.x / blockWidth + 1) * blockWidth) - 1,
+                     std::min<long long>(page.height, (inside.max.y / blockHeight + 1) * blockHeight) - 1, inside.max.z);
+    return Box(min, max);
+}
+
+// Decodes the part `inside` of a page through libtiff's RGBA interface, top row first, as red,
+// green and blue 0 to 255 (alpha, when the page has it, is not delivered).
+void readRgba(Reader& reader, Page const& page, Box const& inside, Target const& target, std::uint64_t& decoded)
+{
+    TIFF* tiff = reader.handle.get();
+    char message[1024] = "";
+    TIFFRGBAImage image;
+    reader.handle.clearError();
+    if (TIFFRGBAImageOK(tiff, message) != 1 || TIFFRGBAImageBegin(&image, tiff, 0, message) != 1)
+        reader.handle.fail(std::string("cannot decode the page through the RGBA interface: ") + message);
+    Box const region = alignedToBlocks(page, inside);
+    long long const width = region.max.x - region.min.x + 1;
+    long long const height = region.max.y - region.min.y + 1;
+    image.req_orientation = ORIENTATION_TOPLEFT;
+    image.col_offset = static_cast<int>(region.min.x);
+    image.row_offset = static_cast<int>(region.min.y);
+    std::uint32_t* raster =
+        reinterpret_cast<std::uint32_t*>(reader.scratchOf(static_cast<tmsize_t>(width * height * 4)));
+    std::fill(raster, raster + width * height, 0u);
+    int const done =
+        TIFFRGBAImageGet(&image, raster, static_cast<std::uint32_t>(width), static_cast<std::uint32_t>(height));
+    TIFFRGBAImageEnd(&image);
+    if (done != 1)
+        reader.handle.fail("cannot decode the page through the RGBA interface");
+    ++decoded;
+    for (long long y = inside.min.y; y <= inside.max.y; ++y)
+        for (long long c = 0; c < 3; ++c)
+        {
+            double* row = target.at(c, inside.min.x, y);
+            std::uint32_t const* source = raster + (y - region.min.y) * width + (inside.min.x - region.min.x);
+            for (long long x = 0; x <= inside.max.x - inside.min.x; ++x)
+                row[x] = static_cast<double>((source[x] >> (8 * c)) & 0xff);
+        }
+}
+
+// The pages of a file as read in pass 1: the main chain, and the SubIFDs of each of its pages.
+struct Directories
+{
+    std::vector<Page> main;
+    std::vector<std::vector<Page>> sub;
+};
+
+// A page of level 0 with its levels (indices into the image's pages, SIZE_MAX where absent), and
+// its index in the main chain.
+struct Stack
+{
+    std::size_t mainIndex;
+    std::vector<std::size_t> levels;
+};
+
+Directories readDirectories(TiffHandle& handle)
+{
+    Directories directories;
+    do
+    {
+        directories.main.push_back(readPage(handle));
+        if (directories.main.size() > 100000)
+            handle.fail("too many pages");
+    } while (TIFFReadDirectory(handle.get()) == 1);
+    directories.sub.resize(directories.main.size());
+    for (std::size_t p = 0; p < directories.main.size(); ++p)
+        for (std::uint64_t offset : directories.main[p].subOffsets)
+        {
+            // Like a damaged page of the main chain, a damaged SubIFD is not used.
+            handle.clearError();
+            if (TIFFSetSubDirectory(handle.get(), offset) == 1)
+                directories.sub[p].push_back(readPage(handle));
+        }
+    return directories;
+}
+
+// Sorts the pages into stacks of levels; every page used is checked and copied into `pages`.
+std::vector<Stack> sortPages(TiffHandle& handle, Directories const& directories, std::vector<Page>& pages)
+{
+    Page const& first = directories.main.front();
+    checkPage(handle, first);
+    std::vector<Stack> stacks;
+    auto addLevel = [&](Page const& page) {
+        long long const level = levelOf(page, first);
+        if (level == 0 || !sameSamples(page, first) || stacks.empty())
+            return;
+        std::vector<std::size_t>& levels = stacks.back().levels;
+        if (levels.size() <= static_cast<std::size_t>(level))
+            levels.resize(static_cast<std::size_t>(level) + 1, SIZE_MAX);
+        if (levels[static_cast<std::size_t>(level)] != SIZE_MAX)
+            return;
+        checkPage(handle, page);
+        levels[static_cast<std::size_t>(level)] = pages.size();
+        pages.push_back(page);
+    };
+    for (std::size_t p = 0; p < directories.main.size(); ++p)
+    {
+        Page const& page = directories.main[p];
+        bool const levelZero = p == 0 || (page.width == first.width && page.height == first.height && !page.reduced);
+        if (levelZero && sameSamples(page, first))
+        {
+            checkPage(handle, page);
+            stacks.push_back({p, {pages.size()}});
+            pages.push_back(page);
+            for (Page const& sub : directories.sub[p])
+                addLevel(sub);
+        }
+        else
+            addLevel(page);
+    }
+    return stacks;
+}
+
+// Which stack holds each plane (c, z) of one time point, at c + channels * z; the channels and
+// slices are the description's when its counts and pages agree with the file, else one channel
+// and one slice per stack.
+struct Arrangement
+{
+    long long channels = 1;
+    long long slices = 1;
+    long long frames = 1;
+    std::vector<std::size_t> stackOfPlane;
+};
+
+Arrangement arrangeAsSlices(std::vector<Stack> const& stacks)
+{
+    Arrangement arrangement;
+    arrangement.slices = static_cast<long long>(stacks.size());
+    for (std::size_t s = 0; s < stacks.size(); ++s)
+        arrangement.stackOfPlane.push_back(s);
+    return arrangement;
+}
+
+// The stack that holds page `page`, or SIZE_MAX. Pages in order (ImageJ, OME without TiffData)
+// count the stacks; OME's TiffData numbers count the pages of the main chain.
+std::size_t stackOfPage(long long page, bool mainChainNumbers, std::vector<std::size_t> const& stackOfMain,
+                        std::size_t stacks)
+{
+    if (page < 0)
+        return SIZE_MAX;
+    std::size_t const index = static_cast<std::size_t>(page);
+    if (mainChainNumbers)
+        return index < stackOfMain.size() ? stackOfMain[index] : SIZE_MAX;
+    return index < stacks ? index : SIZE_MAX;
+}
+
+// The stack of each plane of time point `time` as the description places them; empty when a plane
+// has no stack.
+std::vector<std::size_t> stacksOfPlanes(FileMetadata const& metadata, std::vector<Stack> const& stacks, long long time)
+{
+    std::vector<std::size_t> stackOfMain(stacks.empty() ? 0 : stacks.back().mainIndex + 1, SIZE_MAX);
+    for (std::size_t s = 0; s < stacks.size(); ++s)
+        stackOfMain[stacks[s].mainIndex] = s;
+    bool const placed = !metadata.pageOfPlane.empty();
+    long long const planes = metadata.channels * metadata.slices;
+    std::vector<std::size_t> result;
+    for (long long plane = 0; plane < planes; ++plane)
+    {
+        long long const index = plane + planes * time;
+        long long const page = placed ? metadata.pageOfPlane[static_cast<std::size_t>(index)] : index;
+        std::size_t const stack = stackOfPage(page, placed, stackOfMain, stacks.size());
+        if (stack == SIZE_MAX)
+            return {};
+        result.push_back(stack);
+    }
+    return result;
+}
+
+Arrangement arrangePlanes(FileMetadata const& metadata, std::vector<Stack> const& stacks, long long time,
+                          TiffHandle& handle)
+{
+    long long const frames = std::max(1LL, metadata.frames);
+    if (time < 0 || time >= frames)
+        handle.fail("there is no time point " + std::to_string(time) + " (the file has " + std::to_string(frames) +
+                    ")");
+    if (metadata.channels < 1)
+        return arrangeAsSlices(stacks);
+    Arrangement arrangement;
+    arrangement.channels = metadata.channels;
+    arrangement.slices = metadata.slices;
+    arrangement.frames = metadata.frames;
+    arrangement.stackOfPlane = stacksOfPlanes(metadata, stacks, time);
+    if (!arrangement.stackOfPlane.empty())
+        return arrangement;
+    if (time != 0)
+        handle.fail("the pages do not hold time point " + std::to_string(time) + " as the description says");
+    return arrangeAsSlices(stacks);
+}
+
+std::string descriptionOf(TiffHandle& handle)
+{
+    char const* text = nullptr;
+    if (TIFFGetField(handle.get(), TIFFTAG_IMAGEDESCRIPTION, &text) == 1 && text != nullptr)
+        return text;
+    return "";
+}
+
+// The description of the first page as OME-XML or as ImageJ's, whichever it is.
+FileMetadata metadataOf(std::string const& description)
+{
+    FileMetadata metadata = OmeXmlParser::parse(description);
+    if (metadata.channels > 0)
+        return metadata;
+    return ImageJDescriptionParser::parse(description);
 }
 
 } // namespace
@@ -291,17 +623,27 @@ struct TiffImage::Internals
 {
     std::string path;
     Page first;
-    // slices[z][level]: the page of that slice and level, or null.
-    std::vector<std::vector<Page const*>> slices;
+    // planes[c + pageChannels * z][level]: the page of that plane and level, or null.
+    std::vector<std::vector<Page const*>> planes;
     std::vector<Page> pages;
+    long long pageChannels = 1;
+    long long depth = 1;
     long long numLevels = 1;
     std::vector<bool> present;
+    std::vector<std::string> channelNames;
     ValueRange<double> valueRange;
+    bool rangeGiven = false;
     Vector voxelSize{1, 1, 1};
+    bool voxelSizeGiven = false;
 
     std::atomic<std::uint64_t> blocksDecoded{0};
     std::mutex poolMutex;
     std::vector<std::unique_ptr<Reader>> idle;
+
+    [[noreturn]] void fail(std::string const& problem) const
+    {
+        throw std::runtime_error("TiffImage: " + path + ": " + problem);
+    }
 
     std::unique_ptr<Reader> borrow()
     {
@@ -323,124 +665,203 @@ struct TiffImage::Internals
         idle.push_back(std::move(reader));
     }
 
-    Page const& pageAt(long long z, long long level) const
+    Page const& pageAt(long long z, long long pageChannel, long long level) const
     {
-        return *slices[static_cast<std::size_t>(z)][static_cast<std::size_t>(level)];
+        return *planes[static_cast<std::size_t>(pageChannel + pageChannels * z)][static_cast<std::size_t>(level)];
     }
+
+    void readMetadata(TiffHandle& handle, Page const& firstPage, std::vector<Stack> const& stacks, long long time);
+    void findLevels(std::vector<Stack> const& stacks, Arrangement const& arrangement);
+    void findVoxelSize(TiffHandle& handle, FileMetadata const& metadata, std::string const& description);
+    void findValueRange(TiffHandle& handle, FileMetadata const& metadata);
+    void nameChannels(std::vector<std::string> const& givenNames);
+    void measureValueRange();
+    void readPlanes(Reader& reader, double* out, long long level, Box const& box, Box const& inside);
 };
 
-TiffImage::TiffImage(std::string const& path) : internals(std::make_unique<Internals>())
+// Pass 3: what the first page's tags and description say: which pages are which planes, the
+// channel names, the voxel size and the value range.
+void TiffImage::Internals::readMetadata(TiffHandle& handle, Page const& firstPage, std::vector<Stack> const& stacks,
+                                        long long time)
+{
+    handle.clearError();
+    if (TIFFSetSubDirectory(handle.get(), firstPage.offset) != 1)
+        handle.fail("cannot read the first image directory again");
+    std::string const description = descriptionOf(handle);
+    FileMetadata const metadata = metadataOf(description);
+    Arrangement const arrangement = arrangePlanes(metadata, stacks, time, handle);
+    pageChannels = arrangement.channels;
+    depth = arrangement.slices;
+    findLevels(stacks, arrangement);
+    nameChannels(arrangement.channels == metadata.channels ? metadata.channelNames : std::vector<std::string>());
+    findVoxelSize(handle, metadata, description);
+    findValueRange(handle, metadata);
+}
+
+// A level is present when every plane used has it, with one extent.
+void TiffImage::Internals::findLevels(std::vector<Stack> const& stacks, Arrangement const& arrangement)
+{
+    std::vector<Stack const*> used;
+    for (std::size_t stack : arrangement.stackOfPlane)
+        used.push_back(&stacks[stack]);
+    std::size_t levels = SIZE_MAX;
+    for (Stack const* stack : used)
+        levels = std::min(levels, stack->levels.size());
+    present.assign(levels, false);
+    for (std::size_t level = 0; level < levels; ++level)
+    {
+        bool all = true;
+        for (Stack const* stack : used)
+        {
+            std::size_t const index = stack->levels[level];
+            std::size_t const reference = used[0]->levels[level];
+            all = all && index != SIZE_MAX && reference != SIZE_MAX && pages[index].width == pages[reference].width &&
+                  pages[index].height == pages[reference].height;
+        }
+        present[level] = all;
+    }
+    while (!present.back())
+        present.pop_back();
+    numLevels = static_cast<long long>(present.size());
+    for (Stack const* stack : used)
+    {
+        std::vector<Page const*> pointers;
+        for (std::size_t level = 0; level < present.size(); ++level)
+            pointers.push_back(present[level] ? &pages[stack->levels[level]] : nullptr);
+        planes.push_back(pointers);
+    }
+    first = *planes[0][0];
+}
+
+// The voxel size from the first source that gives it: OME, ImageJ (its unit with the resolution
+// tags, its spacing), Aperio's MPP, the resolution tags in inch or centimetre.
+void TiffImage::Internals::findVoxelSize(TiffHandle& handle, FileMetadata const& metadata,
+                                         std::string const& description)
+{
+    std::uint16_t unit = RESUNIT_NONE;
+    float resolutionX = 0.0f;
+    float resolutionY = 0.0f;
+    TIFFGetFieldDefaulted(handle.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
+    bool const tags = TIFFGetField(handle.get(), TIFFTAG_XRESOLUTION, &resolutionX) == 1 &&
+                      TIFFGetField(handle.get(), TIFFTAG_YRESOLUTION, &resolutionY) == 1;
+    double const tagUnit = unit == RESUNIT_CENTIMETER ? 1e7 : (unit == RESUNIT_INCH ? 2.54e7 : 0.0);
+    double const aperio = aperioMicrons(description) * 1000.0;
+    double x = 0.0;
+    double y = 0.0;
+    if (metadata.sizeX > 0.0 && metadata.sizeY > 0.0)
+        x = metadata.sizeX, y = metadata.sizeY;
+    else if (tags && metadata.resolutionUnit > 0.0 && unit == RESUNIT_NONE)
+        x = nanometresFrom(resolutionX, metadata.resolutionUnit), y = nanometresFrom(resolutionY, metadata.resolutionUnit);
+    else if (aperio > 0.0)
+        x = aperio, y = aperio;
+    else if (tags)
+        x = nanometresFrom(resolutionX, tagUnit), y = nanometresFrom(resolutionY, tagUnit);
+    voxelSizeGiven = x > 0.0 && y > 0.0;
+    if (voxelSizeGiven)
+        voxelSize = Vector(roundedSize(x), roundedSize(y), metadata.sizeZ > 0.0 ? roundedSize(metadata.sizeZ) : 1);
+}
+
+void TiffImage::Internals::findValueRange(TiffHandle& handle, FileMetadata const& metadata)
+{
+    double low = 0.0;
+    double high = 0.0;
+    rangeGiven = true;
+    if (TIFFGetField(handle.get(), TIFFTAG_SMINSAMPLEVALUE, &low) == 1 &&
+        TIFFGetField(handle.get(), TIFFTAG_SMAXSAMPLEVALUE, &high) == 1 && low < high)
+        valueRange = ValueRange<double>(low, high);
+    else if (metadata.hasRange && first.format != SAMPLEFORMAT_IEEEFP)
+        valueRange = ValueRange<double>(metadata.min, metadata.max);
+    else if (first.throughRgba())
+        valueRange = ValueRange<double>(0.0, 255.0);
+    else if (first.format == SAMPLEFORMAT_UINT)
+        valueRange = ValueRange<double>(0.0, std::ldexp(1.0, first.bits) - 1.0);
+    else if (first.format == SAMPLEFORMAT_INT)
+        valueRange = ValueRange<double>(-std::ldexp(1.0, first.bits - 1), std::ldexp(1.0, first.bits - 1) - 1.0);
+    else
+        rangeGiven = false;
+}
+
+void TiffImage::Internals::nameChannels(std::vector<std::string> const& givenNames)
+{
+    long long const samples = first.channels();
+    bool const rgb = first.photometric == PHOTOMETRIC_RGB || first.photometric == PHOTOMETRIC_YCBCR;
+    for (long long pageChannel = 0; pageChannel < pageChannels; ++pageChannel)
+        for (long long sample = 0; sample < samples; ++sample)
+        {
+            long long const index = pageChannel * samples + sample;
+            std::string const given = static_cast<std::size_t>(pageChannel) < givenNames.size()
+                                          ? givenNames[static_cast<std::size_t>(pageChannel)]
+                                          : "";
+            static char const* const colours[] = {"Red", "Green", "Blue"};
+            std::string name = rgb && sample < 3 ? colours[sample] : "Channel " + std::to_string(index);
+            if (!given.empty())
+                name = samples == 1 ? given : given + " " + name;
+            channelNames.push_back(name);
+        }
+}
+
+// The range of the finite values of the coarsest level, read in bands of rows; (0, 1) when it
+// holds none.
+void TiffImage::Internals::measureValueRange()
+{
+    long long const level = numLevels - 1;
+    Page const& page = pageAt(0, 0, level);
+    long long const channels = pageChannels * first.channels();
+    long long const rows = std::max(1LL, (1LL << 20) / (static_cast<long long>(page.width) * channels));
+    double low = std::numeric_limits<double>::infinity();
+    double high = -low;
+    std::vector<double> band;
+    std::unique_ptr<Reader> reader = borrow();
+    for (long long z = 0; z < depth; ++z)
+        for (long long y = 0; y < page.height; y += rows)
+        {
+            Box const box(Vector(0, y, z), Vector(page.width - 1LL, std::min<long long>(y + rows, page.height) - 1, z));
+            band.assign(static_cast<std::size_t>(box.getSize() * channels), 0.0);
+            readPlanes(*reader, band.data(), level, box, box);
+            for (double value : band)
+                if (std::isfinite(value))
+                    low = std::min(low, value), high = std::max(high, value);
+        }
+    giveBack(std::move(reader));
+    valueRange = low <= high ? ValueRange<double>(low, high) : ValueRange<double>(0.0, 1.0);
+}
+
+// Reads the part `inside` of the box (within the extent) of every plane into the region buffer.
+void TiffImage::Internals::readPlanes(Reader& reader, double* out, long long level, Box const& box, Box const& inside)
+{
+    long long const voxels = box.getSize();
+    std::uint64_t decoded = 0;
+    for (long long z = inside.min.z; z <= inside.max.z; ++z)
+        for (long long pageChannel = 0; pageChannel < pageChannels; ++pageChannel)
+        {
+            Page const& page = pageAt(z, pageChannel, level);
+            reader.select(page);
+            Target const target{out, box, voxels, z, pageChannel * first.channels()};
+            Box const slice(Vector(inside.min.x, inside.min.y, z), Vector(inside.max.x, inside.max.y, z));
+            if (page.throughRgba())
+                readRgba(reader, page, slice, target, decoded);
+            else if (page.tiled)
+                readTiles(reader, page, slice, target, decoded);
+            else
+                readStrips(reader, page, slice, target, decoded);
+        }
+    blocksDecoded += decoded;
+}
+
+TiffImage::TiffImage(std::string const& path, long long timePoint) : internals(std::make_unique<Internals>())
 {
     Internals& state = *internals;
     state.path = path;
     auto reader = std::make_unique<Reader>(path);
     TiffHandle& handle = reader->handle;
+    Directories const directories = readDirectories(handle);
+    std::vector<Stack> const stacks = sortPages(handle, directories, state.pages);
 
-    // Pass 1: every page of the main chain, then the SubIFDs of each.
-    std::vector<Page> mainPages;
-    do
-    {
-        mainPages.push_back(readPage(handle));
-        if (mainPages.size() > 100000)
-            handle.fail("too many pages");
-    } while (TIFFReadDirectory(handle.get()) == 1);
-    std::vector<std::vector<Page>> subPages(mainPages.size());
-    for (std::size_t p = 0; p < mainPages.size(); ++p)
-        for (std::uint64_t offset : mainPages[p].subOffsets)
-        {
-            // Like a damaged page of the main chain, a damaged SubIFD is not used.
-            handle.clearError();
-            if (TIFFSetSubDirectory(handle.get(), offset) == 1)
-                subPages[p].push_back(readPage(handle));
-        }
-
-    // Pass 2: sort the pages into slices and levels.
-    Page const& first = mainPages.front();
-    checkPage(handle, first);
-    std::vector<std::vector<std::size_t>> slices;
-    auto addLevel = [&](Page const& page) {
-        long long const level = levelOf(page, first);
-        if (level == 0 || !sameSamples(page, first))
-            return;
-        std::vector<std::size_t>& slice = slices.back();
-        if (slice.size() <= static_cast<std::size_t>(level))
-            slice.resize(static_cast<std::size_t>(level) + 1, SIZE_MAX);
-        if (slice[static_cast<std::size_t>(level)] != SIZE_MAX)
-            return;
-        checkPage(handle, page);
-        slice[static_cast<std::size_t>(level)] = state.pages.size();
-        state.pages.push_back(page);
-    };
-    for (std::size_t p = 0; p < mainPages.size(); ++p)
-    {
-        Page const& page = mainPages[p];
-        bool const levelZero = p == 0 || (page.width == first.width && page.height == first.height && !page.reduced);
-        if (levelZero && sameSamples(page, first))
-        {
-            checkPage(handle, page);
-            slices.push_back({state.pages.size()});
-            state.pages.push_back(page);
-            for (Page const& sub : subPages[p])
-                addLevel(sub);
-        }
-        else
-            addLevel(page);
-    }
-
-    // A level is present when every slice has it, with one extent.
-    std::size_t levels = SIZE_MAX;
-    for (auto const& slice : slices)
-        levels = std::min(levels, slice.size());
-    state.present.assign(levels, false);
-    for (std::size_t level = 0; level < levels; ++level)
-    {
-        bool present = true;
-        for (auto const& slice : slices)
-        {
-            std::size_t const index = slice[level];
-            present = present && index != SIZE_MAX && state.pages[index].width == state.pages[slices[0][level]].width &&
-                      state.pages[index].height == state.pages[slices[0][level]].height;
-        }
-        state.present[level] = present;
-    }
-    while (!state.present.back())
-        state.present.pop_back();
-    state.numLevels = static_cast<long long>(state.present.size());
-    for (auto const& slice : slices)
-    {
-        std::vector<Page const*> pointers;
-        for (std::size_t level = 0; level < state.present.size(); ++level)
-            pointers.push_back(state.present[level] ? &state.pages[slice[level]] : nullptr);
-        state.slices.push_back(pointers);
-    }
-    state.first = state.pages[slices[0][0]];
-
-    // Pass 3: metadata from the first page.
-    handle.clearError();
-    if (TIFFSetSubDirectory(handle.get(), state.first.offset) != 1)
-        handle.fail("cannot read the first image directory again");
-    if (first.format == SAMPLEFORMAT_IEEEFP)
-    {
-        double low = 0.0;
-        double high = 0.0;
-        if (TIFFGetField(handle.get(), TIFFTAG_SMINSAMPLEVALUE, &low) == 1 &&
-            TIFFGetField(handle.get(), TIFFTAG_SMAXSAMPLEVALUE, &high) == 1)
-            state.valueRange = ValueRange<double>(low, high);
-        else
-            state.valueRange = ValueRange<double>(0.0, 1.0);
-    }
-    else
-        state.valueRange = ValueRange<double>(0.0, first.bits == 8 ? 255.0 : 65535.0);
-    std::uint16_t unit = RESUNIT_NONE;
-    float resolutionX = 0.0f;
-    float resolutionY = 0.0f;
-    TIFFGetFieldDefaulted(handle.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
-    if ((unit == RESUNIT_INCH || unit == RESUNIT_CENTIMETER) &&
-        TIFFGetField(handle.get(), TIFFTAG_XRESOLUTION, &resolutionX) == 1 &&
-        TIFFGetField(handle.get(), TIFFTAG_YRESOLUTION, &resolutionY) == 1)
-        state.voxelSize = Vector(nanometresFrom(resolutionX, unit), nanometresFrom(resolutionY, unit), 1);
+    state.readMetadata(handle, directories.main.front(), stacks, timePoint);
     reader->selected = 0;
     state.giveBack(std::move(reader));
+    if (!state.rangeGiven)
+        state.measureValueRange();
 }
 
 TiffImage::~TiffImage() = default;
@@ -453,11 +874,11 @@ std::string TiffImage::getURL() const
 Vector TiffImage::getExtent(long long level) const
 {
     if (level < 0)
-        throw std::runtime_error("TiffImage: " + internals->path + ": the level must not be negative");
-    long long const depth = static_cast<long long>(internals->slices.size());
+        internals->fail("the level must not be negative");
+    long long const depth = internals->depth;
     if (hasLevel(level))
     {
-        Page const& page = internals->pageAt(0, level);
+        Page const& page = internals->pageAt(0, 0, level);
         return Vector(page.width, page.height, depth);
     }
     if (level > 62)
@@ -468,7 +889,7 @@ Vector TiffImage::getExtent(long long level) const
 
 long long TiffImage::getNumChannels() const
 {
-    return internals->first.samples;
+    return internals->pageChannels * internals->first.channels();
 }
 
 long long TiffImage::getNumLevels() const
@@ -484,10 +905,14 @@ ValueRange<double> TiffImage::getValueRange() const
 Vector TiffImage::getVoxelSize(long long level) const
 {
     if (level < 0 || level > 40)
-        throw std::runtime_error("TiffImage: " + internals->path + ": the level " + std::to_string(level) +
-                                 " has no voxel size");
+        internals->fail("the level " + std::to_string(level) + " has no voxel size");
     Vector const size = internals->voxelSize;
     return Vector(size.x << level, size.y << level, size.z);
+}
+
+bool TiffImage::knowsVoxelSize() const
+{
+    return internals->voxelSizeGiven;
 }
 
 Vector TiffImage::getTileExtent() const
@@ -500,23 +925,16 @@ Vector TiffImage::getTileExtent() const
 
 std::string TiffImage::getSliceName(long long index)
 {
-    if (index < 0 || index >= static_cast<long long>(internals->slices.size()))
-        throw std::runtime_error("TiffImage: " + internals->path + ": there is no slice " + std::to_string(index));
-    return internals->pageAt(index, 0).name;
+    if (index < 0 || index >= internals->depth)
+        internals->fail("there is no slice " + std::to_string(index));
+    return internals->pageAt(index, 0, 0).name;
 }
 
 std::string TiffImage::getChannelName(long long index)
 {
     if (index < 0 || index >= getNumChannels())
         throw std::runtime_error("Invalid channel index. Cannot determine its name.");
-    std::uint16_t const photometric = internals->first.photometric;
-    bool const rgb = photometric == PHOTOMETRIC_RGB || photometric == PHOTOMETRIC_YCBCR;
-    if (rgb && index < 3)
-    {
-        static char const* const names[] = {"Red", "Green", "Blue"};
-        return names[index];
-    }
-    return "Channel " + std::to_string(index);
+    return internals->channelNames[static_cast<std::size_t>(index)];
 }
 
 std::uint64_t TiffImage::getHash()
@@ -540,29 +958,15 @@ void TiffImage::openRegion(double* out, long long level, Box const& box)
     if (voxels == 0)
         return;
     if (!hasLevel(level))
-        throw std::runtime_error("TiffImage: " + internals->path + ": level " + std::to_string(level) +
-                                 " is not present in the file");
+        internals->fail("level " + std::to_string(level) + " is not present in the file");
     Box const inside = box.intersected(Box(getExtent(level)));
     // Only voxels outside the extent need zeros: everything inside is overwritten.
     if (inside != box)
         std::fill(out, out + voxels * getNumChannels(), 0.0);
     if (inside.isEmpty())
         return;
-
     std::unique_ptr<Reader> reader = internals->borrow();
-    std::uint64_t decoded = 0;
-    for (long long z = inside.min.z; z <= inside.max.z; ++z)
-    {
-        Page const& page = internals->pageAt(z, level);
-        reader->select(page);
-        Target const target{out, box, voxels, z};
-        Box const slice(Vector(inside.min.x, inside.min.y, z), Vector(inside.max.x, inside.max.y, z));
-        if (page.tiled)
-            readTiles(*reader, page, slice, target, decoded);
-        else
-            readStrips(*reader, page, slice, target, decoded);
-    }
-    internals->blocksDecoded += decoded;
+    internals->readPlanes(*reader, out, level, box, inside);
     internals->giveBack(std::move(reader));
 }
 

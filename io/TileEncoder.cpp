@@ -1,4 +1,4 @@
-#include <nuvek/io/TileEncoder.h>
+#include "io/internal/TileEncoder.h"
 
 #include <libdeflate.h>
 #include <zstd.h>

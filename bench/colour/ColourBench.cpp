@@ -3,7 +3,7 @@
 // the exponential alone, the library's against the C library's pow.
 #include <nuvek/core/ChannelBank.h>
 #include <nuvek/core/MemoryImage.h>
-#include <nuvek/filters/colour/Absorptance.h>
+#include "filters/internal/Absorptance.h"
 #include <nuvek/filters/colour/ColorUnmixingFilter.h>
 
 #include "support/BenchImages.h"

@@ -1,12 +1,13 @@
-#include <nuvek/filters/colour/Absorptance.h>
+#include "filters/internal/Absorptance.h"
 
-#include <nuvek/filters/framework/TargetClones.h>
+#include "filters/internal/TargetClones.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <vector>
 
 namespace Nuvek {
 
@@ -223,26 +224,106 @@ NUVEK_TARGET_CLONES void settleBlock(Block& block)
     }
 }
 
-} // namespace
-
-double absorptance(double density)
+// 1.0 - min(1.0, 10^-density) by the fast exponential into value; false where pow must decide.
+bool settledAbsorptance(double density, double& value)
 {
     // One voxel at a time the branches are cheaper than the masks of the block passes.
     if (!(density > 0.0))
-        return 0.0;
+    {
+        value = 0.0;
+        return true;
+    }
     if (density > saturatingDensity)
-        return 1.0;
+    {
+        value = 1.0;
+        return true;
+    }
     std::int64_t k;
     double const r = reduce(density, k);
     Power const power = lookUp(k);
-    double value;
-    if (settle(r, power.hi, power.lo, power.scale, power.tabled, value) != 0)
+    return settle(r, power.hi, power.lo, power.scale, power.tabled, value) != 0;
+}
+
+// The self-check's sample: a fixed sequence, the same on every platform.
+std::vector<double> checkedDensities()
+{
+    std::vector<double> densities;
+    // Spread over (0, 16.5] and over (0, log10(2)], by the golden ratio's fractional parts.
+    double const golden = 0.6180339887498949;
+    for (int i = 1; i <= 3000; ++i)
+    {
+        double const fraction = std::fmod(i * golden, 1.0);
+        densities.push_back(saturatingDensity * fraction);
+        densities.push_back(0.30102999566398120 * fraction);
+    }
+    // Around the powers of two (m log10(2)) and a spread of the table steps (j log10(2) / 1024).
+    double const log10Of2 = 0.30102999566398120;
+    std::vector<double> edges;
+    for (int m = 0; m <= 54; ++m)
+        edges.push_back(m * log10Of2);
+    for (int j = 1; j < 56 * 1024; j += 37)
+        edges.push_back(j * log10Of2 / 1024.0);
+    for (double edge : edges)
+    {
+        double below = edge;
+        double above = edge;
+        for (int ulps = 0; ulps < 2; ++ulps)
+        {
+            densities.push_back(below);
+            densities.push_back(above);
+            below = std::nextafter(below, 0.0);
+            above = std::nextafter(above, 100.0);
+        }
+    }
+    return densities;
+}
+
+} // namespace
+
+bool fastExponentialAgreesWith(double (*power)(double base, double exponent))
+{
+    for (double density : checkedDensities())
+    {
+        double fast = 0.0;
+        if (!settledAbsorptance(density, fast))
+            continue;
+        double const expected = 1.0 - std::min(1.0, power(10.0, -density));
+        if (bitsOf(expected) != bitsOf(fast))
+            return false;
+    }
+    return true;
+}
+
+bool fastExponentialIsUsed()
+{
+    // A function-local static: initialised once, and other threads wait for it.
+    static bool const used = fastExponentialAgreesWith([](double base, double exponent) {
+        return std::pow(base, exponent);
+    });
+    return used;
+}
+
+double absorptance(double density)
+{
+    double value = 0.0;
+    if (fastExponentialIsUsed() && settledAbsorptance(density, value))
         return value;
     return absorptanceByPow(density);
 }
 
 void absorptanceOfBlock(double const* density, double* out, std::size_t count)
 {
+    absorptanceOfBlockUsing(fastExponentialIsUsed(), density, out, count);
+}
+
+void absorptanceOfBlockUsing(bool fastExponential, double const* density, double* out, std::size_t count)
+{
+    if (!fastExponential)
+    {
+        for (std::size_t i = 0; i < count; ++i)
+            out[i] = absorptanceByPow(density[i]);
+        return;
+    }
     Block block;
     std::copy(density, density + count, block.density);
     std::fill(block.density + count, block.density + Block::size, placeholderDensity);

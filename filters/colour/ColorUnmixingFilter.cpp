@@ -1,6 +1,6 @@
 #include <nuvek/filters/colour/ColorUnmixingFilter.h>
 
-#include <nuvek/filters/colour/Absorptance.h>
+#include "filters/internal/Absorptance.h"
 #include <nuvek/filters/colour/Matrix.h>
 
 #include <algorithm>

@@ -1,5 +1,7 @@
 #include <nuvek/filters/neighbourhood/BoxFilter.h>
-#include <nuvek/filters/framework/TargetClones.h>
+#include "filters/internal/TargetClones.h"
+
+#include "filters/internal/SimdQuad.h"
 
 #include <cmath>
 #include <stdexcept>
@@ -90,12 +92,6 @@ constexpr long long minimumFastWidth = 8;
 // Rows whose running sums along x run side by side: each sum depends on its own previous step, so
 // interleaving independent rows hides the latency of the additions.
 constexpr long long rowsPerGroup = 6;
-
-// Four doubles that the compiler keeps in one AVX register, or two SSE registers on processors
-// without AVX2. Every operation on them is the IEEE operation on each of the four lanes.
-typedef double Quad __attribute__((vector_size(4 * sizeof(double))));
-// The same, read from or written to any double in memory (aligned to a double, not to the vector).
-typedef double UnalignedQuad __attribute__((vector_size(4 * sizeof(double)), aligned(alignof(double)), may_alias));
 
 // Running sums along x of `count` consecutive rows, in place. The sum for output i is stored at
 // row[i], once row[i] has been read as the value leaving the window, so the row needs no copy: the

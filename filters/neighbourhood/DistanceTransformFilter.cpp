@@ -1,5 +1,5 @@
 #include <nuvek/filters/neighbourhood/DistanceTransformFilter.h>
-#include <nuvek/filters/framework/TargetClones.h>
+#include "filters/internal/TargetClones.h"
 
 #include <algorithm>
 #include <cmath>

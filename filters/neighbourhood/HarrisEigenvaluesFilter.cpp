@@ -1,5 +1,5 @@
 #include <nuvek/filters/neighbourhood/HarrisEigenvaluesFilter.h>
-#include <nuvek/filters/framework/TargetClones.h>
+#include "filters/internal/TargetClones.h"
 
 #include <nuvek/filters/neighbourhood/SobelFilter.h>
 

@@ -1,7 +1,8 @@
 #include <nuvek/filters/neighbourhood/LocalNormalizationFilter.h>
 
-#include <nuvek/filters/framework/BilinearRowPair.h>
-#include <nuvek/filters/framework/CacheTrim.h>
+#include "filters/internal/BilinearRowPair.h"
+#include "filters/internal/SourcePlanes.h"
+#include "filters/internal/WorkBufferPool.h"
 
 #include <algorithm>
 #include <cmath>
@@ -11,7 +12,7 @@ namespace Nuvek {
 
 namespace {
 
-// Between calls the cache holds at most this many values.
+// Between calls a cache holds at most this many values.
 constexpr std::size_t retainedCacheValues = 100000;
 
 // Conversion toward zero, refusing values whose box corners would not fit a 64-bit coordinate.
@@ -44,44 +45,32 @@ struct Geometry
 void normalizeSharingRows(double* out, Box const& box, double f, std::vector<double> const& cache, long long numChannels,
                           Geometry const& geometry, Normalization const& normalization)
 {
-    Vector const boxExtent = box.getExtent();
     Box const& background = geometry.backgroundBox;
-    Vector const& backgroundExtent = geometry.backgroundExtent;
-    long long const slice = backgroundExtent.x * backgroundExtent.y;
-    long long const channelSize = slice * backgroundExtent.z;
-    std::size_t const width = static_cast<std::size_t>(boxExtent.x);
+    long long const backgroundWidth = geometry.backgroundExtent.x;
+    std::size_t const width = static_cast<std::size_t>(box.getExtent().x);
     BilinearRowPair rows(geometry.columns);
 
-    double* target = out;
-    for (long long c = 0; c < numChannels; ++c)
-        for (long long z = box.min.z; z <= box.max.z; ++z)
+    forEachPlaneWithSource(out, box, cache.data(), geometry.backgroundExtent, numChannels,
+                           [&](double* target, double const* plane) {
+        rows.reset();
+        auto rowOf = [&](long long row, long long keep) {
+            return rows.get(row, plane + (row - background.min.y) * backgroundWidth, keep);
+        };
+        for (long long y = box.min.y; y <= box.max.y; ++y)
         {
-            long long const backgroundSlice = z - box.min.z;
-            if (backgroundSlice >= backgroundExtent.z)
+            Between const along(y, f, background.min.y, background.max.y);
+            double const wy = along.weight;
+            double const complement = 1 - wy;
+            double const* lower = rowOf(along.low, along.high);
+            double const* upper = rowOf(along.high, along.low);
+            for (std::size_t i = 0; i < width; ++i)
             {
-                target += boxExtent.x * boxExtent.y;
-                continue;
+                double const b = upper[i] * wy + lower[i] * complement;
+                target[i] = (target[i] - b + normalization.rangeWidth) * 0.5 + normalization.rangeMin;
             }
-            double const* plane = cache.data() + c * channelSize + backgroundSlice * slice;
-            rows.reset();
-            auto rowOf = [&](long long row, long long keep) {
-                return rows.get(row, plane + (row - background.min.y) * backgroundExtent.x, keep);
-            };
-            for (long long y = box.min.y; y <= box.max.y; ++y)
-            {
-                Between const along(y, f, background.min.y, background.max.y);
-                double const wy = along.weight;
-                double const complement = 1 - wy;
-                double const* lower = rowOf(along.low, along.high);
-                double const* upper = rowOf(along.high, along.low);
-                for (std::size_t i = 0; i < width; ++i)
-                {
-                    double const b = upper[i] * wy + lower[i] * complement;
-                    target[i] = (target[i] - b + normalization.rangeWidth) * 0.5 + normalization.rangeMin;
-                }
-                target += boxExtent.x;
-            }
+            target += width;
         }
+    });
 }
 
 // Pass for f < 2, where hardly any background row serves two output rows: the four background
@@ -89,56 +78,47 @@ void normalizeSharingRows(double* out, Box const& box, double f, std::vector<dou
 void normalizePerVoxel(double* out, Box const& box, double f, std::vector<double> const& cache, long long numChannels,
                        Geometry const& geometry, Normalization const& normalization)
 {
-    Vector const boxExtent = box.getExtent();
     Box const& background = geometry.backgroundBox;
-    Vector const& backgroundExtent = geometry.backgroundExtent;
-    long long const slice = backgroundExtent.x * backgroundExtent.y;
-    long long const channelSize = slice * backgroundExtent.z;
-    std::size_t const width = static_cast<std::size_t>(boxExtent.x);
+    long long const backgroundWidth = geometry.backgroundExtent.x;
+    std::size_t const width = static_cast<std::size_t>(box.getExtent().x);
     BilinearColumns const& columns = geometry.columns;
 
-    double* target = out;
-    for (long long c = 0; c < numChannels; ++c)
-        for (long long z = box.min.z; z <= box.max.z; ++z)
+    forEachPlaneWithSource(out, box, cache.data(), geometry.backgroundExtent, numChannels,
+                           [&](double* target, double const* plane) {
+        for (long long y = box.min.y; y <= box.max.y; ++y)
         {
-            long long const backgroundSlice = z - box.min.z;
-            if (backgroundSlice >= backgroundExtent.z)
+            Between const along(y, f, background.min.y, background.max.y);
+            double const wy = along.weight;
+            double const complement = 1 - wy;
+            double const* lower = plane + (along.low - background.min.y) * backgroundWidth;
+            double const* upper = plane + (along.high - background.min.y) * backgroundWidth;
+            for (std::size_t i = 0; i < width; ++i)
             {
-                target += boxExtent.x * boxExtent.y;
-                continue;
+                long long const x0 = columns.low[i];
+                long long const x1 = columns.high[i];
+                double const wx = columns.weight[i];
+                double const b = (wx * upper[x1] + columns.complement[i] * upper[x0]) * wy +
+                                 (wx * lower[x1] + columns.complement[i] * lower[x0]) * complement;
+                target[i] = (target[i] - b + normalization.rangeWidth) * 0.5 + normalization.rangeMin;
             }
-            double const* plane = cache.data() + c * channelSize + backgroundSlice * slice;
-            for (long long y = box.min.y; y <= box.max.y; ++y)
-            {
-                Between const along(y, f, background.min.y, background.max.y);
-                double const wy = along.weight;
-                double const complement = 1 - wy;
-                double const* lower = plane + (along.low - background.min.y) * backgroundExtent.x;
-                double const* upper = plane + (along.high - background.min.y) * backgroundExtent.x;
-                for (std::size_t i = 0; i < width; ++i)
-                {
-                    long long const x0 = columns.low[i];
-                    long long const x1 = columns.high[i];
-                    double const wx = columns.weight[i];
-                    double const b = (wx * upper[x1] + columns.complement[i] * upper[x0]) * wy +
-                                     (wx * lower[x1] + columns.complement[i] * lower[x0]) * complement;
-                    target[i] = (target[i] - b + normalization.rangeWidth) * 0.5 + normalization.rangeMin;
-                }
-                target += boxExtent.x;
-            }
+            target += width;
         }
+    });
 }
 
 } // namespace
 
 LocalNormalizationFilter::LocalNormalizationFilter(Image* input, long long backgroundLevel, bool ownsInput)
-    : Filter(input, ownsInput), backgroundLevel(backgroundLevel)
+    : Filter(input, ownsInput), backgroundLevel(backgroundLevel),
+      caches(std::make_unique<WorkBufferPool>(retainedCacheValues))
 {
 }
 
+LocalNormalizationFilter::~LocalNormalizationFilter() = default;
+
 long long LocalNormalizationFilter::getCacheSize() const
 {
-    return static_cast<long long>(cache.size());
+    return static_cast<long long>(caches->getLastReturnedSize());
 }
 
 void LocalNormalizationFilter::openRegion(double* out, long long level, Box const& box)
@@ -159,7 +139,9 @@ void LocalNormalizationFilter::openRegion(double* out, long long level, Box cons
     Geometry const geometry{backgroundBox, backgroundBox.getExtent(),
                             BilinearColumns(box.min.x, box.max.x, f, backgroundBox.min.x, backgroundBox.max.x)};
 
-    CacheTrim trim(cache, retainedCacheValues);
+    // The borrowed cache goes back, cut to its retained size, also when the input throws.
+    WorkBufferPool::Loan loan = caches->take();
+    std::vector<double>& cache = loan.buffer();
     std::size_t const needed = static_cast<std::size_t>(backgroundBox.getSize() * numChannels);
     if (cache.size() < needed)
         cache.resize(needed);

@@ -2,9 +2,11 @@
 
 #include <nuvek/core/Filter.h>
 
-#include <vector>
+#include <memory>
 
 namespace Nuvek {
+
+class WorkBufferPool;
 
 /// \brief Removes slowly varying background: subtracts from every voxel the input's values at a
 /// coarser background level, bilinearly interpolated at the voxel, and maps the difference back
@@ -29,22 +31,25 @@ namespace Nuvek {
 /// operations in the same order. The level L is not validated: what the input does at a level it
 /// does not have is its own business.
 ///
-/// Not thread-safe: the background values are read into a work cache that belongs to the filter and
-/// is written without a lock, so one LocalNormalizationFilter must not serve openRegion on two
-/// threads at once (use one filter per thread). The cache keeps at most 100000 values between calls.
+/// openRegion may serve several threads at once, and calls do not wait for each other: every call
+/// reads the background values into a work cache of its own, taken from the filter's idle caches and
+/// given back afterwards (a lock is held only to take or give back one). Between calls each cache
+/// keeps at most 100000 values; one thread at a time is always served by the same cache.
 class LocalNormalizationFilter : public Filter
 {
 public:
     LocalNormalizationFilter(Image* input, long long backgroundLevel, bool ownsInput);
+    ~LocalNormalizationFilter() override;
 
     void openRegion(double* out, long long level, Box const& box) override;
 
-    /// The number of values the work cache holds between calls (at most 100000).
+    /// The number of values the work cache given back last holds (at most 100000; 0 before any call
+    /// that read background values).
     long long getCacheSize() const;
 
 private:
     long long backgroundLevel;
-    std::vector<double> cache;
+    std::unique_ptr<WorkBufferPool> caches;
 };
 
 } // namespace Nuvek

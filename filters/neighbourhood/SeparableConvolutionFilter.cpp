@@ -1,5 +1,7 @@
 #include <nuvek/filters/neighbourhood/SeparableConvolutionFilter.h>
-#include <nuvek/filters/framework/TargetClones.h>
+#include "filters/internal/TargetClones.h"
+
+#include "filters/internal/SimdQuad.h"
 
 #include <stdexcept>
 
@@ -80,50 +82,15 @@ void correlateAlongYInto(double* out, double const* work, Vector const& outputEx
 // together and where the row results are kept, so the results are the same to the bit.
 constexpr long long minimumFastWidth = 8;
 
-// Four doubles that the compiler keeps in one AVX register, or two SSE registers on processors
-// without AVX2. Every operation on them is the IEEE operation on each of the four lanes.
-typedef double Quad __attribute__((vector_size(4 * sizeof(double))));
-// The same, read from or written to any double in memory (aligned to a double, not to the vector).
-typedef double UnalignedQuad __attribute__((vector_size(4 * sizeof(double)), aligned(alignof(double)), may_alias));
 constexpr long long quadsPerBlock = 8;
 // Outputs computed together: enough independent sums to hide the latency of the additions.
 constexpr long long blockWidth = 4 * quadsPerBlock;
 
-// One row, in place: row[i] = sum over j of kernel[j] * row[i + j]. Each block of outputs is
-// computed from values at or right of its first position before it is stored, and later blocks
-// read only further right, so the row needs no copy. The results are thus kept h places left of
-// the voxels they belong to.
-NUVEK_TARGET_CLONES void correlateRowInPlace(double* row, long long outputWidth,
-                                             double const* kernel, long long n)
-{
-    long long i = 0;
-    for (; i + blockWidth <= outputWidth; i += blockWidth)
-    {
-        Quad sums[quadsPerBlock];
-        for (Quad& sum : sums)
-            sum = Quad{0.0, 0.0, 0.0, 0.0};
-        for (long long j = 0; j < n; ++j)
-        {
-            double const weight = kernel[j];
-            for (long long q = 0; q < quadsPerBlock; ++q)
-            {
-                sums[q] += weight * *reinterpret_cast<UnalignedQuad const*>(row + i + j + 4 * q);
-            }
-        }
-        for (long long q = 0; q < quadsPerBlock; ++q)
-            *reinterpret_cast<UnalignedQuad*>(row + i + 4 * q) = sums[q];
-    }
-    for (; i < outputWidth; ++i)
-    {
-        double sum = 0.0;
-        for (long long j = 0; j < n; ++j)
-            sum += kernel[j] * row[i + j];
-        row[i] = sum;
-    }
-}
-
-// One output row: out[x] = sum over j of kernel[j] * rows[j * stride + x], from the n row results
-// below each other in the work buffer.
+// One output row: out[x] = sum over j of kernel[j] * rows[j * stride + x]. Pass 2 reads the n row
+// results below each other in the work buffer (stride: a row). Pass 1 runs it along one row in place
+// (stride 1, out = rows): each block of outputs is computed from values at or right of its first
+// position before it is stored, and later blocks read only further right, so the row needs no copy;
+// the results are kept h places left of the voxels they belong to.
 NUVEK_TARGET_CLONES void correlateRowsInto(double* out, double const* rows,
                                            long long stride, long long outputWidth,
                                            double const* kernel, long long n)
@@ -166,10 +133,14 @@ void correlateFast(double* out, double* work, Vector const& outputExtent, Vector
         double* plane = work + p * planeSize;
         double* outPlane = out + p * outputExtent.x * outputExtent.y;
         for (long long r = 0; r < n - 1; ++r)
-            correlateRowInPlace(plane + r * inputExtent.x, outputExtent.x, kernelX.data(), n);
+        {
+            double* row = plane + r * inputExtent.x;
+            correlateRowsInto(row, row, 1, outputExtent.x, kernelX.data(), n);
+        }
         for (long long y = 0; y < outputExtent.y; ++y)
         {
-            correlateRowInPlace(plane + (y + n - 1) * inputExtent.x, outputExtent.x, kernelX.data(), n);
+            double* entering = plane + (y + n - 1) * inputExtent.x;
+            correlateRowsInto(entering, entering, 1, outputExtent.x, kernelX.data(), n);
             correlateRowsInto(outPlane + y * outputExtent.x, plane + y * inputExtent.x, inputExtent.x, outputExtent.x,
                               kernelY.data(), n);
         }

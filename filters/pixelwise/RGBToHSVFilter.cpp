@@ -1,5 +1,5 @@
 #include <nuvek/filters/pixelwise/RGBToHSVFilter.h>
-#include <nuvek/filters/framework/TargetClones.h>
+#include "filters/internal/TargetClones.h"
 
 #include <nuvek/core/Conversions.h>
 

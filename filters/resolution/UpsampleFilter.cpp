@@ -1,8 +1,8 @@
 #include <nuvek/filters/resolution/UpsampleFilter.h>
 
-#include <nuvek/core/LockGuard.h>
-#include <nuvek/filters/framework/BilinearRowPair.h>
-#include <nuvek/filters/framework/CacheTrim.h>
+#include "filters/internal/BilinearRowPair.h"
+#include "filters/internal/SourcePlanes.h"
+#include "filters/internal/WorkBufferPool.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -12,7 +12,7 @@ namespace Nuvek {
 
 namespace {
 
-// Between calls the cache holds at most this many values.
+// Between calls a cache holds at most this many values.
 constexpr std::size_t retainedCacheValues = 100000;
 
 long long clampTo(long long value, long long low, long long high)
@@ -30,17 +30,20 @@ double scaleFor(long long levelDifference)
 } // namespace
 
 UpsampleFilter::UpsampleFilter(Image* input, long long sourceLevel, Interpolation interpolation, bool ownsInput)
-    : Filter(input, ownsInput), sourceLevel(sourceLevel), interpolation(interpolation)
+    : Filter(input, ownsInput), sourceLevel(sourceLevel), interpolation(interpolation),
+      caches(std::make_unique<WorkBufferPool>(retainedCacheValues))
 {
 }
+
+UpsampleFilter::~UpsampleFilter() = default;
 
 long long UpsampleFilter::getCacheSize() const
 {
-    LockGuard guard(lock);
-    return static_cast<long long>(cache.size());
+    return static_cast<long long>(caches->getLastReturnedSize());
 }
 
-bool UpsampleFilter::readSource(long long level, Box const& box, double& scale, Box& sourceBox)
+bool UpsampleFilter::readSource(long long level, Box const& box, std::vector<double>& cache, double& scale,
+                                Box& sourceBox)
 {
     long long const numChannels = input->getNumChannels();
     scale = scaleFor(sourceLevel - level);
@@ -73,100 +76,74 @@ void UpsampleFilter::openRegion(double* out, long long level, Box const& box)
     if (sourceLevel - level >= 31)
         throw std::runtime_error("UpsampleFilter: cannot upsample by 31 or more levels.");
 
-    LockGuard guard(lock);
-    CacheTrim trim(cache, retainedCacheValues);
+    // The borrowed cache goes back, cut to its retained size, also when the input throws.
+    WorkBufferPool::Loan loan = caches->take();
     if (interpolation == Bilinear)
-        openRegionBilinear(out, level, box);
+        openRegionBilinear(out, level, box, loan.buffer());
     else if (interpolation == NearestNeighbor)
-        openRegionNearestNeighbor(out, level, box);
+        openRegionNearestNeighbor(out, level, box, loan.buffer());
 }
 
-void UpsampleFilter::openRegionNearestNeighbor(double* out, long long level, Box const& box)
+void UpsampleFilter::openRegionNearestNeighbor(double* out, long long level, Box const& box,
+                                               std::vector<double>& cache)
 {
     double scale = 1.0;
     Box sourceBox;
-    if (!readSource(level, box, scale, sourceBox))
+    if (!readSource(level, box, cache, scale, sourceBox))
         return;
-    long long const numChannels = input->getNumChannels();
-    Vector const boxExtent = box.getExtent();
-    Vector const sourceExtent = sourceBox.getExtent();
-    long long const slice = sourceExtent.x * sourceExtent.y;
-    long long const channelSize = slice * sourceExtent.z;
+    long long const sourceWidth = sourceBox.getExtent().x;
+    long long const width = box.getExtent().x;
 
     // Source column of every output column, as an offset in a cache row.
-    std::vector<long long> columns(static_cast<std::size_t>(boxExtent.x));
+    std::vector<long long> columns(static_cast<std::size_t>(width));
     for (long long x = box.min.x; x <= box.max.x; ++x)
         columns[static_cast<std::size_t>(x - box.min.x)] =
             clampTo(static_cast<long long>(static_cast<double>(x) / scale), sourceBox.min.x, sourceBox.max.x) -
             sourceBox.min.x;
 
-    double* target = out;
-    for (long long c = 0; c < numChannels; ++c)
-        for (long long z = box.min.z; z <= box.max.z; ++z)
+    forEachPlaneWithSource(out, box, cache.data(), sourceBox.getExtent(), input->getNumChannels(),
+                           [&](double* target, double const* plane) {
+        for (long long y = box.min.y; y <= box.max.y; ++y)
         {
-            long long const sourceSlice = z - box.min.z;
-            if (sourceSlice >= sourceExtent.z)
-            {
-                target += boxExtent.x * boxExtent.y;
-                continue;
-            }
-            double const* planeOfSlice = cache.data() + c * channelSize + sourceSlice * slice;
-            for (long long y = box.min.y; y <= box.max.y; ++y)
-            {
-                long long const row =
-                    clampTo(static_cast<long long>(static_cast<double>(y) / scale), sourceBox.min.y, sourceBox.max.y);
-                double const* sourceRow = planeOfSlice + (row - sourceBox.min.y) * sourceExtent.x;
-                for (long long i = 0; i < boxExtent.x; ++i)
-                    target[i] = sourceRow[columns[static_cast<std::size_t>(i)]];
-                target += boxExtent.x;
-            }
+            long long const row =
+                clampTo(static_cast<long long>(static_cast<double>(y) / scale), sourceBox.min.y, sourceBox.max.y);
+            double const* sourceRow = plane + (row - sourceBox.min.y) * sourceWidth;
+            for (long long i = 0; i < width; ++i)
+                target[i] = sourceRow[columns[static_cast<std::size_t>(i)]];
+            target += width;
         }
+    });
 }
 
-void UpsampleFilter::openRegionBilinear(double* out, long long level, Box const& box)
+void UpsampleFilter::openRegionBilinear(double* out, long long level, Box const& box, std::vector<double>& cache)
 {
     double scale = 1.0;
     Box sourceBox;
-    if (!readSource(level, box, scale, sourceBox))
+    if (!readSource(level, box, cache, scale, sourceBox))
         return;
-    long long const numChannels = input->getNumChannels();
-    Vector const boxExtent = box.getExtent();
-    Vector const sourceExtent = sourceBox.getExtent();
-    long long const slice = sourceExtent.x * sourceExtent.y;
-    long long const channelSize = slice * sourceExtent.z;
-
+    long long const sourceWidth = sourceBox.getExtent().x;
+    long long const width = box.getExtent().x;
     BilinearColumns const columns(box.min.x, box.max.x, scale, sourceBox.min.x, sourceBox.max.x);
     BilinearRowPair rows(columns);
 
-    double* target = out;
-    for (long long c = 0; c < numChannels; ++c)
-        for (long long z = box.min.z; z <= box.max.z; ++z)
+    forEachPlaneWithSource(out, box, cache.data(), sourceBox.getExtent(), input->getNumChannels(),
+                           [&](double* target, double const* plane) {
+        rows.reset();
+        for (long long y = box.min.y; y <= box.max.y; ++y)
         {
-            long long const sourceSlice = z - box.min.z;
-            if (sourceSlice >= sourceExtent.z)
-            {
-                target += boxExtent.x * boxExtent.y;
-                continue;
-            }
-            double const* planeOfSlice = cache.data() + c * channelSize + sourceSlice * slice;
-            rows.reset();
-            for (long long y = box.min.y; y <= box.max.y; ++y)
-            {
-                Between const along(y, scale, sourceBox.min.y, sourceBox.max.y);
-                long long const y0 = along.low;
-                long long const y1 = along.high;
-                double const wy = along.weight;
-                double const complement = 1 - wy;
-                double const* lower =
-                    rows.get(y0, planeOfSlice + (y0 - sourceBox.min.y) * sourceExtent.x, y1);
-                double const* upper =
-                    rows.get(y1, planeOfSlice + (y1 - sourceBox.min.y) * sourceExtent.x, y0);
-                // (wx v(x1, y1) + (1 - wx) v(x0, y1)) wy + (wx v(x1, y0) + (1 - wx) v(x0, y0)) (1 - wy)
-                for (long long i = 0; i < boxExtent.x; ++i)
-                    target[i] = upper[i] * wy + lower[i] * complement;
-                target += boxExtent.x;
-            }
+            Between const along(y, scale, sourceBox.min.y, sourceBox.max.y);
+            long long const y0 = along.low;
+            long long const y1 = along.high;
+            double const wy = along.weight;
+            double const complement = 1 - wy;
+            double const* lower = rows.get(y0, plane + (y0 - sourceBox.min.y) * sourceWidth, y1);
+            double const* upper = rows.get(y1, plane + (y1 - sourceBox.min.y) * sourceWidth, y0);
+            // (wx v(x1, y1) + (1 - wx) v(x0, y1)) wy + (wx v(x1, y0) + (1 - wx) v(x0, y0)) (1 - wy)
+            for (long long i = 0; i < width; ++i)
+                target[i] = upper[i] * wy + lower[i] * complement;
+            target += width;
         }
+    });
 }
 
 } // namespace Nuvek

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <nuvek/core/Filter.h>
-#include <nuvek/core/Lock.h>
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace Nuvek {
+
+class WorkBufferPool;
 
 /// \brief Computes the levels finer than sourceLevel by enlarging the input's sourceLevel, by nearest
 /// neighbour or bilinear interpolation in x and y.
@@ -28,10 +30,10 @@ namespace Nuvek {
 /// An Interpolation value other than the two named ones writes nothing. A request 31 or more levels
 /// finer than sourceLevel throws std::runtime_error (the scale is a 32-bit power of two).
 ///
-/// The source values read for a request are kept in one cache reused by every call, so the
-/// upsampling path holds a lock for its whole duration; openRegion may be called from several
-/// threads at once, and those calls are served one after another (pass-through calls take no lock).
-/// After every call the cache keeps at most 100000 values.
+/// openRegion may serve several threads at once, and calls do not wait for each other: every call
+/// reads the source values into a work cache of its own, taken from the filter's idle caches and
+/// given back afterwards (a lock is held only to take or give back one). After every call the cache
+/// given back keeps at most 100000 values; one thread at a time is always served by the same cache.
 class UpsampleFilter : public Filter
 {
 public:
@@ -42,24 +44,24 @@ public:
     };
 
     UpsampleFilter(Image* input, long long sourceLevel, Interpolation interpolation, bool ownsInput);
+    ~UpsampleFilter() override;
 
     void openRegion(double* out, long long level, Box const& box) override;
 
-    /// The number of values the cache holds between calls (at most 100000).
+    /// The number of values the cache given back last holds (at most 100000; 0 before any call
+    /// that upsampled).
     long long getCacheSize() const;
 
 private:
-    // The two upsampling paths of openRegion. Private because they use the cache and so may run
-    // only while openRegion holds the lock.
-    void openRegionNearestNeighbor(double* out, long long level, Box const& box);
-    void openRegionBilinear(double* out, long long level, Box const& box);
-    // Reads the clipped source box of a request into the cache; false when it is empty.
-    bool readSource(long long level, Box const& box, double& scale, Box& sourceBox);
+    // The two upsampling paths of openRegion, each working in the cache its call borrowed.
+    void openRegionNearestNeighbor(double* out, long long level, Box const& box, std::vector<double>& cache);
+    void openRegionBilinear(double* out, long long level, Box const& box, std::vector<double>& cache);
+    // Reads the clipped source box of a request into cache; false when it is empty.
+    bool readSource(long long level, Box const& box, std::vector<double>& cache, double& scale, Box& sourceBox);
 
     long long sourceLevel;
     Interpolation interpolation;
-    std::vector<double> cache;
-    mutable Lock lock;
+    std::unique_ptr<WorkBufferPool> caches;
 };
 
 } // namespace Nuvek

@@ -1,7 +1,9 @@
 #include <nuvek/filters/texture/MorphologicFilter.h>
 
-#include <nuvek/filters/framework/TargetClones.h>
-#include <nuvek/filters/texture/OrderSensitivity.h>
+#include "filters/internal/TargetClones.h"
+#include "filters/internal/OrderSensitivity.h"
+
+#include "filters/internal/MorphologicPasses.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -12,6 +14,10 @@
 namespace Nuvek {
 
 namespace {
+
+// Rows of fewer outputs than one vector of four leave the fast passes nothing to gain: the plain
+// passes serve them.
+constexpr long long minimumFastWidth = 4;
 
 // Up to this kernel size a direct sweep of k - 1 comparisons per value, vectorised along the row,
 // beats the three comparisons and two extra buffers of the running extrema.
@@ -99,7 +105,6 @@ inline __attribute__((always_inline)) void extremaAlongRowFast(double const* row
         result[x] = pick<maximum>(suffix[x], prefix[x + k - 1]);
 }
 
-// Buffers of one call, reused for every plane.
 // Running extrema along four rows at once: four independent chains, so that each comparison does
 // not wait for the one before it. Results of row l go to results + l * count.
 template <bool maximum>
@@ -194,8 +199,17 @@ struct Scratch
     std::vector<double> columnPrefix;
     std::vector<char> rowHasSensitive;
     std::vector<long long> sensitiveInWindow;
+    // How many rows of the window hold NaN or -0.0 among their pass 1 results.
+    long long rowsWithSensitive = 0;
 
     double* poolRow(long long r, long long k, long long count) { return pool.data() + (r % (k + 4)) * count; }
+
+    void startPlane()
+    {
+        rowsWithSensitive = 0;
+        std::fill(rowHasSensitive.begin(), rowHasSensitive.end(), 0);
+        std::fill(sensitiveInWindow.begin(), sensitiveInWindow.end(), 0);
+    }
 };
 
 // Pass 1 on one row: `result` holds the fast results; windows holding NaN or -0.0 are rescanned in
@@ -222,6 +236,123 @@ inline __attribute__((always_inline)) bool rescanSensitiveWindows(double const* 
     return anyOrderSensitive(result, count);
 }
 
+// Step 1 of row r: its pass 1 results enter the ring, taken fast and rescanned in slot order where
+// NaN or -0.0 decide a window. Returns the row of results.
+template <bool maximum>
+inline __attribute__((always_inline)) double const* takeExtremaAlongRow(double const* plane, long long width,
+                                                                        long long height, long long r, long long count,
+                                                                        long long k, Scratch& scratch)
+{
+    double const* row = plane + r * width;
+    double* entering = scratch.poolRow(r, k, count);
+    // Large windows: the fast results of four rows at a time, where four rows remain.
+    bool const inFours = k > directSweepLimit && (r & ~3LL) + 4 <= height;
+    if (inFours && (r & 3) == 0)
+    {
+        double* const results[4] = {entering, scratch.poolRow(r + 1, k, count), scratch.poolRow(r + 2, k, count),
+                                    scratch.poolRow(r + 3, k, count)};
+        runningExtremaOfFourRows<maximum>(row, width, results, count, k, scratch.rowPrefix.data(),
+                                          scratch.rowSuffix.data());
+    }
+    else if (!inFours)
+        extremaAlongRowFast<maximum>(row, entering, count, k, scratch.rowPrefix.data(), scratch.rowSuffix.data());
+    bool const sensitive = rescanSensitiveWindows<maximum>(row, width, entering, count, k, scratch);
+    long long const slot = r % k;
+    scratch.ring[static_cast<std::size_t>(slot)] = entering;
+    scratch.rowHasSensitive[static_cast<std::size_t>(slot)] = sensitive;
+    if (sensitive)
+    {
+        ++scratch.rowsWithSensitive;
+        long long* sensitiveInWindow = scratch.sensitiveInWindow.data();
+        for (long long x = 0; x < count; ++x)
+            sensitiveInWindow[x] += isOrderSensitive(entering[x]);
+    }
+    return entering;
+}
+
+// Step 2, for large windows: running extrema down the columns. The prefix of the current block of k
+// rows grows row by row (at the block's first row it is that row); when a block is complete its
+// suffixes are taken upwards (at its last row, that row). Returns the prefix up to the entering row.
+template <bool maximum>
+inline __attribute__((always_inline)) double const* growColumnExtrema(double const* entering, long long slot,
+                                                                      long long count, long long k, Scratch& scratch)
+{
+    double const* const* ring = scratch.ring.data();
+    double const* prefix = entering;
+    if (slot > 0)
+    {
+        double* grown = scratch.columnPrefix.data();
+        double const* before = slot == 1 ? ring[0] : grown;
+        for (long long x = 0; x < count; ++x)
+            grown[x] = pick<maximum>(before[x], entering[x]);
+        prefix = grown;
+    }
+    if (slot == k - 1)
+    {
+        double* suffix = scratch.columnSuffix.data();
+        double const* below = entering;
+        for (long long t = k - 2; t >= 0; --t)
+        {
+            double* target = suffix + t * count;
+            for (long long x = 0; x < count; ++x)
+                target[x] = pick<maximum>(below[x], ring[t][x]);
+            below = target;
+        }
+    }
+    return prefix;
+}
+
+// Step 3: output row y, the extreme across the window's k rows: a suffix and a prefix of the column
+// extrema for large windows, a direct sweep for small ones.
+template <bool maximum>
+inline __attribute__((always_inline)) void combineWindowRows(double* target, double const* prefix, long long y,
+                                                             long long count, long long k, Scratch& scratch)
+{
+    double const* const* ring = scratch.ring.data();
+    if (k > directSweepLimit)
+    {
+        long long const offset = y % k;
+        double const* suffix = offset == k - 1 ? ring[k - 1] : scratch.columnSuffix.data() + offset * count;
+        for (long long x = 0; x < count; ++x)
+            target[x] = pick<maximum>(suffix[x], prefix[x]);
+        return;
+    }
+    switch (k)
+    {
+    case 1: sweepAcrossRows<maximum, 1>(ring, target, count); break;
+    case 3: sweepAcrossRows<maximum, 3>(ring, target, count); break;
+    case 5: sweepAcrossRows<maximum, 5>(ring, target, count); break;
+    default: sweepAcrossRows<maximum, 7>(ring, target, count); break;
+    }
+}
+
+// Step 4, while rows with NaN or -0.0 are in the window: the columns whose window holds one are
+// scanned in slot order, then row y leaves the window.
+template <bool maximum>
+inline __attribute__((always_inline)) void rescanSensitiveColumns(double* target, long long y, long long count,
+                                                                  long long k, Scratch& scratch)
+{
+    double const* const* ring = scratch.ring.data();
+    long long* sensitiveInWindow = scratch.sensitiveInWindow.data();
+    for (long long x = 0; x < count; ++x)
+        if (sensitiveInWindow[x] > 0)
+        {
+            double best = ring[0][x];
+            for (long long s = 1; s < k; ++s)
+                best = pick<maximum>(best, ring[s][x]);
+            target[x] = best;
+        }
+    long long const leavingSlot = y % k;
+    if (scratch.rowHasSensitive[static_cast<std::size_t>(leavingSlot)] != 0)
+    {
+        --scratch.rowsWithSensitive;
+        scratch.rowHasSensitive[static_cast<std::size_t>(leavingSlot)] = 0;
+        double const* leaving = ring[leavingSlot];
+        for (long long x = 0; x < count; ++x)
+            sensitiveInWindow[x] -= isOrderSensitive(leaving[x]);
+    }
+}
+
 // Both passes over one plane of the padded region, a row at a time: each row's pass 1 result enters
 // a ring of k rows, and as soon as k rows are in, one output row is taken across them. Where a
 // window of pass 1 results holds NaN or -0.0, its output is the slot-order scan of the ring.
@@ -230,110 +361,89 @@ NUVEK_TARGET_CLONES void
 extremaOfPlane(double const* plane, long long width, long long height, double* out, long long count, long long k,
                Scratch& scratch)
 {
-    double const** ring = scratch.ring.data();
-    long long* sensitiveInWindow = scratch.sensitiveInWindow.data();
-    long long rowsWithSensitive = 0;
-    std::fill(scratch.rowHasSensitive.begin(), scratch.rowHasSensitive.end(), 0);
-    std::fill(scratch.sensitiveInWindow.begin(), scratch.sensitiveInWindow.end(), 0);
+    scratch.startPlane();
     for (long long r = 0; r < height; ++r)
     {
-        long long const slot = r % k;
-        double const* row = plane + r * width;
-        double* entering = scratch.poolRow(r, k, count);
-        // Large windows: the fast results of four rows at a time, where four rows remain.
-        bool const inFours = k > directSweepLimit && (r & ~3LL) + 4 <= height;
-        if (inFours && (r & 3) == 0)
-        {
-            double* const results[4] = {entering, scratch.poolRow(r + 1, k, count), scratch.poolRow(r + 2, k, count),
-                                        scratch.poolRow(r + 3, k, count)};
-            runningExtremaOfFourRows<maximum>(row, width, results, count, k, scratch.rowPrefix.data(),
-                                              scratch.rowSuffix.data());
-        }
-        else if (!inFours)
-            extremaAlongRowFast<maximum>(row, entering, count, k, scratch.rowPrefix.data(), scratch.rowSuffix.data());
-        bool const sensitive = rescanSensitiveWindows<maximum>(row, width, entering, count, k, scratch);
-        ring[slot] = entering;
-        scratch.rowHasSensitive[static_cast<std::size_t>(slot)] = sensitive;
-        if (sensitive)
-        {
-            ++rowsWithSensitive;
-            for (long long x = 0; x < count; ++x)
-                sensitiveInWindow[x] += isOrderSensitive(entering[x]);
-        }
-
-        // Running extrema down the columns for large windows: the prefix of the current block of k
-        // rows grows row by row (at the block's first row it is that row); when a block is complete
-        // its suffixes are taken upwards (at its last row, that row).
-        double const* prefix = entering;
-        if (k > directSweepLimit)
-        {
-            if (slot > 0)
-            {
-                double* grown = scratch.columnPrefix.data();
-                double const* before = slot == 1 ? ring[0] : grown;
-                for (long long x = 0; x < count; ++x)
-                    grown[x] = pick<maximum>(before[x], entering[x]);
-                prefix = grown;
-            }
-            if (slot == k - 1)
-            {
-                double* suffix = scratch.columnSuffix.data();
-                double const* below = entering;
-                for (long long t = k - 2; t >= 0; --t)
-                {
-                    double* target = suffix + t * count;
-                    for (long long x = 0; x < count; ++x)
-                        target[x] = pick<maximum>(below[x], ring[t][x]);
-                    below = target;
-                }
-            }
-        }
-
+        double const* entering = takeExtremaAlongRow<maximum>(plane, width, height, r, count, k, scratch);
+        double const* prefix =
+            k > directSweepLimit ? growColumnExtrema<maximum>(entering, r % k, count, k, scratch) : entering;
         long long const y = r - k + 1;
         if (y < 0)
             continue;
         double* target = out + y * count;
-        if (k > directSweepLimit)
-        {
-            long long const offset = y % k;
-            double const* suffix = offset == k - 1 ? ring[k - 1] : scratch.columnSuffix.data() + offset * count;
-            for (long long x = 0; x < count; ++x)
-                target[x] = pick<maximum>(suffix[x], prefix[x]);
-        }
-        else
-            switch (k)
-            {
-            case 1: sweepAcrossRows<maximum, 1>(ring, target, count); break;
-            case 3: sweepAcrossRows<maximum, 3>(ring, target, count); break;
-            case 5: sweepAcrossRows<maximum, 5>(ring, target, count); break;
-            default: sweepAcrossRows<maximum, 7>(ring, target, count); break;
-            }
-
-        if (rowsWithSensitive > 0)
-        {
-            for (long long x = 0; x < count; ++x)
-                if (sensitiveInWindow[x] > 0)
-                {
-                    double best = ring[0][x];
-                    for (long long s = 1; s < k; ++s)
-                        best = pick<maximum>(best, ring[s][x]);
-                    target[x] = best;
-                }
-            // Row y leaves the window.
-            long long const leavingSlot = y % k;
-            if (scratch.rowHasSensitive[static_cast<std::size_t>(leavingSlot)] != 0)
-            {
-                --rowsWithSensitive;
-                scratch.rowHasSensitive[static_cast<std::size_t>(leavingSlot)] = 0;
-                double const* leaving = ring[leavingSlot];
-                for (long long x = 0; x < count; ++x)
-                    sensitiveInWindow[x] -= isOrderSensitive(leaving[x]);
-            }
-        }
+        combineWindowRows<maximum>(target, prefix, y, count, k, scratch);
+        if (scratch.rowsWithSensitive > 0)
+            rescanSensitiveColumns<maximum>(target, y, count, k, scratch);
     }
 }
 
+// The plain passes over one plane, step by step: the slot-order extreme of every window along x,
+// every row, into alongX, then of every window of those down the columns.
+template <bool maximum>
+void extremaOfPlanePlain(double const* plane, long long width, long long height, double* out, long long count,
+                         long long k, std::vector<double>& alongX)
+{
+    for (long long r = 0; r < height; ++r)
+        for (long long x = 0; x < count; ++x)
+            alongX[static_cast<std::size_t>(r * count + x)] = scanSlots<maximum>(plane + r * width + x, 1, k, x);
+    for (long long y = 0; y + k <= height; ++y)
+        for (long long x = 0; x < count; ++x)
+            out[y * count + x] = scanSlots<maximum>(alongX.data() + y * count + x, count, k, y);
+}
+
+template <bool maximum>
+bool extremaOfRegionFastAs(double const* work, Vector const& inputExtent, long long numChannels, long long k,
+                           double* out)
+{
+    long long const count = inputExtent.x - k + 1;
+    if (count < minimumFastWidth)
+        return false;
+    long long const rows = inputExtent.y - k + 1;
+    long long const inputSliceSize = inputExtent.x * inputExtent.y;
+    long long const sliceSize = count * rows;
+    if (k == 1)
+    {
+        // Windows of one value: the padded region is the box itself, and the result is the input.
+        std::copy(work, work + inputSliceSize * inputExtent.z * numChannels, out);
+        return true;
+    }
+    Scratch scratch(inputExtent.x, count, k);
+    for (long long plane = 0; plane < numChannels * inputExtent.z; ++plane)
+        extremaOfPlane<maximum>(work + plane * inputSliceSize, inputExtent.x, inputExtent.y, out + plane * sliceSize,
+                                count, k, scratch);
+    return true;
+}
+
+template <bool maximum>
+void extremaOfRegionPlainAs(double const* work, Vector const& inputExtent, long long numChannels, long long k,
+                            double* out)
+{
+    long long const count = inputExtent.x - k + 1;
+    long long const rows = inputExtent.y - k + 1;
+    long long const inputSliceSize = inputExtent.x * inputExtent.y;
+    std::vector<double> alongX(static_cast<std::size_t>(count * inputExtent.y));
+    for (long long plane = 0; plane < numChannels * inputExtent.z; ++plane)
+        extremaOfPlanePlain<maximum>(work + plane * inputSliceSize, inputExtent.x, inputExtent.y,
+                                     out + plane * count * rows, count, k, alongX);
+}
+
 } // namespace
+
+bool extremaOfRegionFast(bool maximum, double const* work, Vector const& inputExtent, long long numChannels,
+                         long long k, double* out)
+{
+    return maximum ? extremaOfRegionFastAs<true>(work, inputExtent, numChannels, k, out)
+                   : extremaOfRegionFastAs<false>(work, inputExtent, numChannels, k, out);
+}
+
+void extremaOfRegionPlain(bool maximum, double const* work, Vector const& inputExtent, long long numChannels,
+                          long long k, double* out)
+{
+    if (maximum)
+        extremaOfRegionPlainAs<true>(work, inputExtent, numChannels, k, out);
+    else
+        extremaOfRegionPlainAs<false>(work, inputExtent, numChannels, k, out);
+}
 
 template <MorphologicType type>
 MorphologicFilter<type>::MorphologicFilter(Image* input, long long kernelSize, bool ownsInput)
@@ -360,23 +470,9 @@ void MorphologicFilter<type>::openRegion(double* out, long long level, Box const
     std::vector<double> work(static_cast<std::size_t>(inputSize * numChannels), 0.0);
     input->openRegion(work.data(), level, inputBox);
 
-    Vector const extent = box.getExtent();
-    Vector const inputExtent = inputBox.getExtent();
-    long long const size = box.getSize();
-    long long const sliceSize = extent.x * extent.y;
-    long long const inputSliceSize = inputExtent.x * inputExtent.y;
-
-    if (k == 1)
-    {
-        // Windows of one value: the padded region is the box itself, and the result is the input.
-        std::copy(work.begin(), work.end(), out);
-        return;
-    }
-    Scratch scratch(inputExtent.x, extent.x, k);
-    for (long long c = 0; c < numChannels; ++c)
-        for (long long z = 0; z < extent.z; ++z)
-            extremaOfPlane<maximum>(work.data() + c * inputSize + z * inputSliceSize, inputExtent.x, inputExtent.y,
-                                    out + c * size + z * sliceSize, extent.x, k, scratch);
+    // Same bits: the fast passes pick the same extremes and scan in slot order what NaN or -0.0 decide.
+    if (!extremaOfRegionFast(maximum, work.data(), inputBox.getExtent(), numChannels, k, out))
+        extremaOfRegionPlain(maximum, work.data(), inputBox.getExtent(), numChannels, k, out);
 }
 
 template class MorphologicFilter<MorphologicType::Erosion>;

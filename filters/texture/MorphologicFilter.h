@@ -21,9 +21,10 @@ enum class MorphologicType
 /// result, a NaN in any other slot is passed over, and between -0.0 and +0.0 the earlier slot wins.
 /// Windows free of NaN and -0.0 are computed with running extrema (van Herk / Gil-Werman), whose
 /// cost per value does not grow with k, or with a direct sweep for small k; both give exactly what
-/// the slot scan gives there, and windows holding NaN or -0.0 are scanned as described. Because the
-/// slots count from the start of the padded request, a result that NaN or -0.0 decide can differ
-/// between a large request and tiles of it; without them tiles agree exactly.
+/// the slot scan gives there, and windows holding NaN or -0.0 are scanned as described; requests
+/// fewer than four voxels wide are computed by the slot scan alone. Because the slots count from the
+/// start of the padded request, a result that NaN or -0.0 decide can differ between a large request
+/// and tiles of it; without them tiles agree exactly.
 ///
 /// The filter asks its input for the box grown by k / 2 in x and y at the same level, not clipped to
 /// the image: at the border the input's own values outside its extent take part. Channels, value

@@ -1,7 +1,10 @@
 #include <nuvek/filters/texture/RankFilter.h>
 
-#include <nuvek/filters/framework/TargetClones.h>
-#include <nuvek/filters/texture/OrderSensitivity.h>
+#include "filters/internal/TargetClones.h"
+#include "filters/internal/OrderSensitivity.h"
+
+#include "filters/internal/RankPasses.h"
+#include "filters/internal/SimdQuad.h"
 
 #include <algorithm>
 #include <array>
@@ -13,6 +16,9 @@
 namespace Nuvek {
 
 namespace {
+
+// Rows of fewer windows than one network pass of four: the plain pass serves them.
+constexpr long long minimumFastWidth = 4;
 
 // Keys whose unsigned order is the order of the values: the sign-magnitude bits made monotone, then
 // rotated so that the NaNs with the sign bit set, which would come first, come last.
@@ -251,33 +257,30 @@ constexpr std::array<Comparator, countComparators(n)> sortingNetwork()
     return network;
 }
 
-// Four neighbouring windows at once, one per lane.
-using Lanes = double __attribute__((vector_size(4 * sizeof(double))));
-
-// Sorts the k * k values of four neighbouring windows with a fixed network and keeps the rank. Only
-// valid where the windows hold neither NaN nor -0.0: there min and max order the values exactly as
-// the keys do, and equal values have equal bits.
+// Sorts the k * k values of four neighbouring windows, one per lane, with a fixed network and keeps
+// the rank. Only valid where the windows hold neither NaN nor -0.0: there min and max order the
+// values exactly as the keys do, and equal values have equal bits.
 template <int k>
 inline __attribute__((always_inline)) void rankOfFourWindows(double const* topLeft, long long width, long long rank,
                                                              double* target)
 {
     static constexpr auto network = sortingNetwork<k * k>();
-    Lanes values[k * k];
+    Quad values[k * k];
     // Unrolled in full, so that the values stay in registers.
 #pragma GCC unroll 64
     for (int j = 0; j < k; ++j)
 #pragma GCC unroll 64
         for (int i = 0; i < k; ++i)
-            std::memcpy(&values[j * k + i], topLeft + j * width + i, sizeof(Lanes));
+            std::memcpy(&values[j * k + i], topLeft + j * width + i, sizeof(Quad));
 #pragma GCC unroll 1024
     for (Comparator const& comparator : network)
     {
-        Lanes const a = values[comparator.low];
-        Lanes const b = values[comparator.high];
+        Quad const a = values[comparator.low];
+        Quad const b = values[comparator.high];
         values[comparator.low] = b < a ? b : a;
         values[comparator.high] = a < b ? b : a;
     }
-    std::memcpy(target, &values[rank], sizeof(Lanes));
+    std::memcpy(target, &values[rank], sizeof(Quad));
 }
 
 template <int k>
@@ -330,8 +333,9 @@ inline __attribute__((always_inline)) void medianRowOfThree(double const* top, l
     }
 }
 
-// The rank of every window of one channel's first slice for k = 3, 5 or 7: sorting networks over
-// four windows at a time, and exact selection among keys for windows holding NaN or -0.0.
+// The rank of every window of one channel's first slice for k = 3, 5 or 7 and rows of at least four
+// windows: sorting networks over four windows at a time, and exact selection among keys for windows
+// holding NaN or -0.0.
 NUVEK_TARGET_CLONES void selectRanksByNetwork(double const* plane, long long width,
                                               double* out, Vector const& extent,
                                               long long k, long long rank)
@@ -353,7 +357,7 @@ NUVEK_TARGET_CLONES void selectRanksByNetwork(double const* plane, long long wid
         double* target = out + y * extent.x;
         if (median3)
             medianRowOfThree(top, width, extent.x, target, columns.data());
-        else if (extent.x >= 4)
+        else
             switch (k)
             {
             case 3: rankRowByNetwork<3>(top, width, extent.x, rank, target); break;
@@ -361,12 +365,7 @@ NUVEK_TARGET_CLONES void selectRanksByNetwork(double const* plane, long long wid
             default: rankRowByNetwork<7>(top, width, extent.x, rank, target); break;
             }
         if (!anySensitive)
-        {
-            if (extent.x < 4 && !median3)
-                for (long long x = 0; x < extent.x; ++x)
-                    target[x] = selectRankOfWindow(top + x, width, k, rank, keys);
             continue;
-        }
         double const* entering = plane + (y + k - 1) * width;
         for (long long c = 0; c < width; ++c)
             sensitiveInColumn[static_cast<std::size_t>(c)] += isOrderSensitive(entering[c]);
@@ -376,7 +375,7 @@ NUVEK_TARGET_CLONES void selectRanksByNetwork(double const* plane, long long wid
         for (long long x = 0; x < extent.x; ++x)
         {
             inWindow += sensitiveInColumn[static_cast<std::size_t>(x + k - 1)];
-            if (inWindow > 0 || (extent.x < 4 && !median3))
+            if (inWindow > 0)
                 target[x] = selectRankOfWindow(top + x, width, k, rank, keys);
             inWindow -= sensitiveInColumn[static_cast<std::size_t>(x)];
         }
@@ -385,8 +384,29 @@ NUVEK_TARGET_CLONES void selectRanksByNetwork(double const* plane, long long wid
     }
 }
 
-void selectRanks(double const* plane, long long width, double* out, Vector const& extent, long long k,
-                 long long rank)
+// The plain pass over one channel's first slice: selection among the keys of every window.
+void selectRanksPlain(double const* plane, long long width, double* out, Vector const& extent, long long k,
+                      long long rank, std::vector<std::uint64_t>& keys)
+{
+    for (long long y = 0; y < extent.y; ++y)
+        for (long long x = 0; x < extent.x; ++x)
+            out[y * extent.x + x] = selectRankOfWindow(plane + y * width + x, width, k, rank, keys);
+}
+
+// Whether the fast passes can serve a box: the networks take four windows of a row at a time, and
+// the sliding set numbers the plane's values with 32-bit positions.
+bool fastPassesServe(Vector const& inputExtent, Vector const& extent, long long k)
+{
+    if (k == 1)
+        return true;
+    if (k == 3 || k == 5 || k == 7)
+        return extent.x >= minimumFastWidth;
+    return inputExtent.x * inputExtent.y <= static_cast<long long>(UINT32_MAX);
+}
+
+// The fast pass over one channel's first slice, where fastPassesServe allows it.
+void selectRanksFast(double const* plane, long long width, double* out, Vector const& extent, long long k,
+                     long long rank)
 {
     if (k == 1)
     {
@@ -398,19 +418,33 @@ void selectRanks(double const* plane, long long width, double* out, Vector const
     // Up to k = 7 a sorting network of four windows at a time is quicker than ranking the plane.
     if (k == 3 || k == 5 || k == 7)
         selectRanksByNetwork(plane, width, out, extent, k, rank);
-    else if (width * (extent.y + k - 1) <= static_cast<long long>(UINT32_MAX))
-        selectRanksBySlidingSet(plane, width, out, extent, k, rank);
     else
-    {
-        // Positions of so large a plane would not fit the 32-bit ranks: select window by window.
-        std::vector<std::uint64_t> keys(static_cast<std::size_t>(k * k));
-        for (long long y = 0; y < extent.y; ++y)
-            for (long long x = 0; x < extent.x; ++x)
-                out[y * extent.x + x] = selectRankOfWindow(plane + y * width + x, width, k, rank, keys);
-    }
+        selectRanksBySlidingSet(plane, width, out, extent, k, rank);
 }
 
 } // namespace
+
+bool ranksOfRegionFast(double const* work, Vector const& inputExtent, long long numChannels, long long k,
+                       long long rank, double* out, Vector const& extent)
+{
+    if (!fastPassesServe(inputExtent, extent, k))
+        return false;
+    long long const inputSize = inputExtent.prod();
+    long long const size = extent.prod();
+    for (long long c = 0; c < numChannels; ++c)
+        selectRanksFast(work + c * inputSize, inputExtent.x, out + c * size, extent, k, rank);
+    return true;
+}
+
+void ranksOfRegionPlain(double const* work, Vector const& inputExtent, long long numChannels, long long k,
+                        long long rank, double* out, Vector const& extent)
+{
+    long long const inputSize = inputExtent.prod();
+    long long const size = extent.prod();
+    std::vector<std::uint64_t> keys(static_cast<std::size_t>(k * k));
+    for (long long c = 0; c < numChannels; ++c)
+        selectRanksPlain(work + c * inputSize, inputExtent.x, out + c * size, extent, k, rank, keys);
+}
 
 RankFilter::RankFilter(Image* input, long long kernelSize, long long rankIndex, bool ownsInput)
     : Filter(input, ownsInput), kernelSize(kernelSize), rankIndex(rankIndex)
@@ -449,8 +483,10 @@ void RankFilter::openRegion(double* out, long long level, Box const& box)
         std::fill(out, out + numChannels * size, 0.0);
 
     // Only the first slice is computed; the others keep what out held.
-    for (long long c = 0; c < numChannels; ++c)
-        selectRanks(work.data() + c * inputSize, inputBox.getExtent().x, out + c * size, box.getExtent(), k, rankIndex);
+    // Same bits: the fast passes order values as the keys do and select by keys where NaN or -0.0 are.
+    Vector const inputExtent = inputBox.getExtent();
+    if (!ranksOfRegionFast(work.data(), inputExtent, numChannels, k, rankIndex, out, box.getExtent()))
+        ranksOfRegionPlain(work.data(), inputExtent, numChannels, k, rankIndex, out, box.getExtent());
 }
 
 } // namespace Nuvek

@@ -56,6 +56,7 @@ from ._nuvek import (  # noqa: F401
     ZStackFilter,
     canonical_chain_expression,
     describe_filters,
+    filters,
     is_shareable,
     open_image,
     write_ome_zarr,

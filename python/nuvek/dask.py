@@ -13,9 +13,8 @@ so that every worker of a dask.distributed cluster can rebuild it from those two
 The array has the shape (channels, z, y, x) and dtype float64; each chunk is one open_region call
 of the chain at that level. Each process keeps the chains it has rebuilt (at most CACHE_SIZE, keyed
 by expression, path and the file's modification time and size) so that a chain is not rebuilt for
-every chunk; clear_cache() empties it. A chain whose filters may serve several threads at once is
-shared by the threads of a worker; one with a filter that may not (local normalization,
-upsampling) is rebuilt once per thread.
+every chunk; clear_cache() empties it. The threads of a worker share one chain: every filter may
+serve several threads at once.
 """
 
 import collections
@@ -36,25 +35,6 @@ _cache_lock = threading.Lock()
 _cache = collections.OrderedDict()
 
 
-class _OpenChain:
-    """A chain rebuilt in this process: one shared instance, or one per thread."""
-
-    def __init__(self, expression, path):
-        self.expression = expression
-        self.source = _nuvek.open_image(path)
-        self.shared = _nuvek.Chain(expression, self.source)
-        self.per_thread = threading.local()
-
-    def output(self):
-        if self.shared.shareable:
-            return self.shared.output
-        chain = getattr(self.per_thread, "chain", None)
-        if chain is None:
-            chain = _nuvek.Chain(self.expression, self.source)
-            self.per_thread.chain = chain
-        return chain.output
-
-
 def _file_key(path):
     status = os.stat(path)
     return (status.st_mtime_ns, status.st_size)
@@ -69,7 +49,7 @@ def _open_chain(expression, path):
             return chain
     # Built outside the lock: opening a slide may take a while. Two threads that race here build
     # twice, and the first one stored wins.
-    built = _OpenChain(expression, path)
+    built = _nuvek.Chain(expression, _nuvek.open_image(path))
     with _cache_lock:
         chain = _cache.setdefault(key, built)
         _cache.move_to_end(key)
@@ -85,7 +65,7 @@ def clear_cache():
 
 
 def _open_chunk(expression, path, level, box):
-    return _open_chain(expression, path).output().open_region(level, box)
+    return _open_chain(expression, path).open_region(level, box)
 
 
 def _splits(start, stop, step):
@@ -104,7 +84,7 @@ def chain_array(expression, path, level=0, chunks=512, box=None, name=None):
     time and size, so that equal descriptions of an unchanged file share results.
     """
     path = os.path.abspath(path)
-    output = _open_chain(expression, path).shared.output
+    output = _open_chain(expression, path).output
     if box is None:
         x, y, z = output.get_extent(level)
         box = ((0, 0, 0), (x - 1, y - 1, z - 1))

@@ -8,7 +8,7 @@
 
 #include <nuvek/core/Box.h>
 #include <nuvek/core/Vector.h>
-#include <nuvek/filters/framework/ValueRange.h>
+#include <nuvek/core/ValueRange.h>
 
 #include <pybind11/pybind11.h>
 

@@ -4,7 +4,6 @@
 
 #include <pybind11/stl.h>
 
-#include <mutex>
 
 namespace NuvekPython {
 
@@ -32,24 +31,6 @@ public:
 
 private:
     std::vector<py::object> kept;
-};
-
-/// LocalNormalizationFilter keeps a work vector per filter, so one filter must not serve two
-/// threads at once. From Python, where open_region runs without the interpreter lock and any thread
-/// may call it, the calls are taken one at a time instead.
-class SerialLocalNormalizationFilter : public Nuvek::LocalNormalizationFilter
-{
-public:
-    using Nuvek::LocalNormalizationFilter::LocalNormalizationFilter;
-
-    void openRegion(double* out, long long level, Box const& box) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        Nuvek::LocalNormalizationFilter::openRegion(out, level, box);
-    }
-
-private:
-    std::mutex mutex;
 };
 
 /// Lets Python subclasses of PixelProcessingFilter define process_pixel(values) and
@@ -87,13 +68,9 @@ void bindMorphologic(py::module_& module, char const* name, char const* doc)
              py::arg("input"), py::arg("kernel_size"), keepInput);
 }
 
-} // namespace
-
-void bindFilters(py::module_& module)
+// Threshold, clamping and the two-input filters.
+void bindPixelwiseFilters(py::module_& module)
 {
-    py::class_<Filter, Image>(module, "Filter", "Base of every filter: an image computed from an input image.");
-
-    // Pixel-wise and channel filters.
     py::class_<Nuvek::ThresholdFilter, Filter>(module, "ThresholdFilter", "high where value >= threshold, else low.")
         .def(py::init([](Image* input, double threshold, double low, double high) {
                  return new Nuvek::ThresholdFilter(input, threshold, low, high, false);
@@ -115,6 +92,11 @@ void bindFilters(py::module_& module)
     py::class_<Nuvek::DifferenceFilter, Nuvek::BinaryOperatorFilter>(module, "DifferenceFilter", "first - second.")
         .def(py::init([](Image* first, Image* second) { return new Nuvek::DifferenceFilter(first, second, false); }),
              py::arg("first"), py::arg("second"), keepInput, keepSecondInput);
+}
+
+// Filters that select, join or relabel channels, slices and voxel sizes.
+void bindChannelFilters(py::module_& module)
+{
     py::class_<Nuvek::ChannelFilter, Filter>(module, "ChannelFilter",
                                              "Selects one channel by index or name, or count channels from first.")
         .def(py::init([](Image* input, long long channel) { return new Nuvek::ChannelFilter(input, channel, false); }),
@@ -125,8 +107,8 @@ void bindFilters(py::module_& module)
              py::arg("input"), py::arg("first"), py::arg("count"), keepInput)
         .def(py::init([](Image* input, std::string const& name) { return new Nuvek::ChannelFilter(input, name, false); }),
              py::arg("input"), py::arg("name"), keepInput);
-    py::class_<KeptConcatFilter, Filter>(module, "ConcatFilter", "The channels of several inputs, one after another.")
-        .def(py::init([](py::sequence inputs) {
+    py::class_<Nuvek::ConcatFilter, Filter>(module, "ConcatFilter", "The channels of several inputs, one after another.")
+        .def(py::init([](py::sequence inputs) -> Nuvek::ConcatFilter* {
                  std::vector<Image*> images;
                  std::vector<py::object> kept;
                  for (py::handle input : inputs)
@@ -165,8 +147,11 @@ void bindFilters(py::module_& module)
              }),
              py::arg("input"), py::arg("from_values"), py::arg("to_values"), keepInput)
         .def("is_valid", &Nuvek::ValueReplacementFilter::isValid);
+}
 
-    // Neighbourhood filters.
+// Neighbourhood filters.
+void bindNeighbourhoodFilters(py::module_& module)
+{
     py::class_<Nuvek::BoxFilter, Filter>(module, "BoxFilter", "Mean (or sum) over a kernel_size x kernel_size window.")
         .def(py::init([](Image* input, long long kernelSize, bool normalize, bool rounding) {
                  return new Nuvek::BoxFilter(input, kernelSize, normalize, rounding, false);
@@ -199,12 +184,12 @@ void bindFilters(py::module_& module)
                  return new Nuvek::HarrisEigenvaluesFilter(input, kernelSize, false);
              }),
              py::arg("input"), py::arg("kernel_size"), keepInput);
-    py::class_<SerialLocalNormalizationFilter, Filter>(module, "LocalNormalizationFilter", R"doc(
+    py::class_<Nuvek::LocalNormalizationFilter, Filter>(module, "LocalNormalizationFilter", R"doc(
 Subtracts the input's background level, interpolated, and maps the difference into the input's
-range. Calls from several threads are served one at a time.
+range.
 )doc")
         .def(py::init([](Image* input, long long backgroundLevel) {
-                 return new SerialLocalNormalizationFilter(input, backgroundLevel, false);
+                 return new Nuvek::LocalNormalizationFilter(input, backgroundLevel, false);
              }),
              py::arg("input"), py::arg("background_level"), keepInput)
         .def("get_cache_size", &Nuvek::LocalNormalizationFilter::getCacheSize);
@@ -220,8 +205,11 @@ range. Calls from several threads are served one at a time.
                  return new Nuvek::RadialSymmetryFilter(input, radius, magnitudeThreshold, false);
              }),
              py::arg("input"), py::arg("radius"), py::arg("magnitude_threshold"), keepInput);
+}
 
-    // Rank, histogram and texture filters.
+// Rank, histogram and texture filters.
+void bindTextureFilters(py::module_& module)
+{
     py::class_<Nuvek::HistogramFilter, Filter>(module, "HistogramFilter",
                                                "Local histogram: one channel per bin, counts over a window.")
         .def(py::init([](Image* input, long long kernelSize, long long numBins) {
@@ -238,8 +226,11 @@ range. Calls from several threads are served one at a time.
                  return new Nuvek::RankFilter(input, kernelSize, rankIndex, false);
              }),
              py::arg("input"), py::arg("kernel_size"), py::arg("rank_index"), keepInput);
+}
 
-    // Resolution filters.
+// Resolution filters.
+void bindResolutionFilters(py::module_& module)
+{
     py::class_<Nuvek::DownsampleFilter, Filter>(module, "DownsampleFilter",
                                                 "Coarser levels computed as block means of source_level.")
         .def(py::init([](Image* input, long long sourceLevel) {
@@ -258,8 +249,11 @@ range. Calls from several threads are served one at a time.
              py::arg("input"), py::arg("source_level"),
              py::arg("interpolation") = Nuvek::UpsampleFilter::Bilinear, keepInput)
         .def("get_cache_size", &Nuvek::UpsampleFilter::getCacheSize);
+}
 
-    // Colour and channel banks.
+// Channel banks and the colour filters built on them.
+void bindColourFilters(py::module_& module)
+{
     py::class_<Nuvek::ChannelBank>(module, "ChannelBank", "The channels of an image, each available by name.")
         .def(py::init<Image*>(), py::arg("image"), keepInput)
         .def("get_image", &Nuvek::ChannelBank::getImage, py::return_value_policy::reference_internal)
@@ -299,6 +293,19 @@ subclass defines process_pixel(values) and get_channel_name(index); it runs Pyth
         .def("reinit", &Nuvek::ColorUnmixingFilter::reinit, py::arg("weights"))
         .def_static("compute_matrix_from_colors", &Nuvek::ColorUnmixingFilter::computeMatrixFromColors,
                     py::arg("colors"));
+}
+
+} // namespace
+
+void bindFilters(py::module_& module)
+{
+    py::class_<Filter, Image>(module, "Filter", "Base of every filter: an image computed from an input image.");
+    bindPixelwiseFilters(module);
+    bindChannelFilters(module);
+    bindNeighbourhoodFilters(module);
+    bindTextureFilters(module);
+    bindResolutionFilters(module);
+    bindColourFilters(module);
 }
 
 } // namespace NuvekPython

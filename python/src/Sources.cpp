@@ -1,9 +1,10 @@
 #include "ImageBinding.h"
 
 #include <nuvek/core/MemoryImage.h>
+#include <nuvek/io/ImageFormats.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
-#include <nuvek/io/SlideImage.h>
 #include <nuvek/io/OmeZarrWriter.h>
+#include <nuvek/io/SlideImage.h>
 #include <nuvek/io/TiffImage.h>
 #include <nuvek/io/ZarrImage.h>
 
@@ -92,74 +93,24 @@ public:
     std::shared_mutex mutex;
 };
 
-Nuvek::TiffCompression compressionNamed(std::string const& name)
+// A writer option named by a string; a bad name is a ValueError with the library's message.
+template <typename Parse>
+auto namedOption(char const* function, std::string const& name, Parse parse)
 {
-    if (name == "none")
-        return Nuvek::TiffCompression::None;
-    if (name == "deflate")
-        return Nuvek::TiffCompression::Deflate;
-    if (name == "lzw")
-        return Nuvek::TiffCompression::LZW;
-    if (name == "jpeg")
-        return Nuvek::TiffCompression::JPEG;
-    if (name == "zstd")
-        return Nuvek::TiffCompression::Zstd;
-    throw py::value_error("write_pyramidal_tiff: compression must be 'none', 'deflate', 'lzw', 'jpeg' or 'zstd', got '" +
-                          name + "'.");
+    try
+    {
+        return parse(name);
+    }
+    catch (std::runtime_error const& error)
+    {
+        throw py::value_error(std::string(function) + ": " + error.what());
+    }
 }
 
-Nuvek::ZarrCompression zarrCompressionNamed(std::string const& name)
+// The setters of MemoryImage: each waits until no call reads the image.
+void addMemoryImageSetters(py::class_<GuardedMemoryImage, Image>& memoryImage)
 {
-    if (name == "none")
-        return Nuvek::ZarrCompression::None;
-    if (name == "zlib")
-        return Nuvek::ZarrCompression::Zlib;
-    if (name == "zstd")
-        return Nuvek::ZarrCompression::Zstd;
-    throw py::value_error("write_ome_zarr: compression must be 'none', 'zlib' or 'zstd', got '" + name + "'.");
-}
-
-Nuvek::TiffSampleType sampleTypeNamed(std::string const& name)
-{
-    if (name == "uint8")
-        return Nuvek::TiffSampleType::UInt8;
-    if (name == "uint16")
-        return Nuvek::TiffSampleType::UInt16;
-    if (name == "float32")
-        return Nuvek::TiffSampleType::Float32;
-    throw py::value_error("write_pyramidal_tiff: sample_type must be 'uint8', 'uint16' or 'float32', got '" + name +
-                          "'.");
-}
-
-} // namespace
-
-void bindSources(py::module_& module)
-{
-    py::class_<GuardedMemoryImage, Image>(module, "MemoryImage", R"doc(
-An in-memory source image. Built from a NumPy array of shape (channels, z, y, x), or (y, x) for one
-channel and one slice, whose values are copied; or from an extent (x, y, z) and a channel count, as
-zeros. Level L holds the 2^L x 2^L block means of level 0; voxels outside the extent read 0.0.
-)doc")
-        .def(py::init([](py::handle values) {
-                 InputArray const array = asInputArray(values);
-                 Vector extent;
-                 long long numChannels = 0;
-                 readShape(array, extent, numChannels);
-                 return std::make_unique<GuardedMemoryImage>(extent, numChannels, copyValues(array));
-             }),
-             py::arg("values"))
-        .def(py::init<Vector const&, long long>(), py::arg("extent"), py::arg("num_channels"))
-        .def(
-            "get_values",
-            [](GuardedMemoryImage& image) {
-                Vector const extent = image.getExtent(0);
-                std::shared_lock<std::shared_mutex> lock(image.mutex);
-                std::vector<double> const& values = image.getValues();
-                py::array_t<double> array(std::vector<py::ssize_t>{image.getNumChannels(), extent.z, extent.y, extent.x});
-                std::copy(values.begin(), values.end(), array.mutable_data());
-                return array;
-            },
-            "A copy of the level-0 values, shape (channels, z, y, x).")
+    memoryImage
         .def(
             "set_values",
             [](GuardedMemoryImage& image, py::handle values) {
@@ -204,12 +155,49 @@ zeros. Level L holds the 2^L x 2^L block means of level 0; voxels outside the ex
                 image.change([&](Nuvek::MemoryImage& target) { target.setTileExtent(extent); });
             },
             py::arg("tile_extent"));
+}
 
+// MemoryImage, with setters that wait for the calls reading it.
+void bindMemoryImage(py::module_& module)
+{
+    py::class_<GuardedMemoryImage, Image> memoryImage(module, "MemoryImage", R"doc(
+An in-memory source image. Built from a NumPy array of shape (channels, z, y, x), or (y, x) for one
+channel and one slice, whose values are copied; or from an extent (x, y, z) and a channel count, as
+zeros. Level L holds the 2^L x 2^L block means of level 0; voxels outside the extent read 0.0.
+)doc");
+    memoryImage
+        .def(py::init([](py::handle values) {
+                 InputArray const array = asInputArray(values);
+                 Vector extent;
+                 long long numChannels = 0;
+                 readShape(array, extent, numChannels);
+                 return std::make_unique<GuardedMemoryImage>(extent, numChannels, copyValues(array));
+             }),
+             py::arg("values"))
+        .def(py::init<Vector const&, long long>(), py::arg("extent"), py::arg("num_channels"))
+        .def(
+            "get_values",
+            [](GuardedMemoryImage& image) {
+                Vector const extent = image.getExtent(0);
+                std::shared_lock<std::shared_mutex> lock(image.mutex);
+                std::vector<double> const& values = image.getValues();
+                py::array_t<double> array(std::vector<py::ssize_t>{image.getNumChannels(), extent.z, extent.y, extent.x});
+                std::copy(values.begin(), values.end(), array.mutable_data());
+                return array;
+            },
+            "A copy of the level-0 values, shape (channels, z, y, x).");
+    addMemoryImageSetters(memoryImage);
+}
+
+// The file readers.
+void bindFileSources(py::module_& module)
+{
     py::class_<Nuvek::TiffImage, Image>(module, "TiffImage", R"doc(
-A source image read from a TIFF or BigTIFF file: channel c is sample c, values unscaled; pages that
-halve the first page's size are its levels, full-size pages its z slices.
+A source image read from a TIFF or BigTIFF file, values unscaled; pages that halve the first page's
+size are its levels; full-size pages are channels or z slices as the file's OME or ImageJ
+description says (else z slices). time picks the time point of a file with several.
 )doc")
-        .def(py::init<std::string const&>(), py::arg("path"))
+        .def(py::init<std::string const&, long long>(), py::arg("path"), py::arg("time") = 0)
         .def("has_level", &Nuvek::TiffImage::hasLevel, py::arg("level"))
         .def("get_blocks_decoded", &Nuvek::TiffImage::getBlocksDecoded);
 
@@ -227,7 +215,11 @@ with values from 0 to 255, one z slice.
         .def(py::init<std::string const&>(), py::arg("path"))
         .def("has_level", &Nuvek::SlideImage::hasLevel, py::arg("level"))
         .def("get_property", &Nuvek::SlideImage::getProperty, py::arg("name"));
+}
 
+// The pyramidal TIFF writer.
+void bindWriter(py::module_& module)
+{
     module.def(
         "write_pyramidal_tiff",
         [](Image& image, std::string const& path, long long tileSize, std::string const& compression,
@@ -237,8 +229,8 @@ with values from 0 to 255, one z slice.
             options.omeTiff = omeTiff;
             options.jpegQuality = quality;
             options.tileSize = tileSize;
-            options.compression = compressionNamed(compression);
-            options.sampleType = sampleTypeNamed(sampleType);
+            options.compression = namedOption("write_pyramidal_tiff", compression, Nuvek::ImageFormats::parseCompression);
+            options.sampleType = namedOption("write_pyramidal_tiff", sampleType, Nuvek::ImageFormats::parseSampleType);
             options.valueRange = valueRange;
             options.level = level;
             options.threads = threads;
@@ -271,9 +263,9 @@ resolution pages with their levels as SubIFDs and OME-XML naming the axes, chann
            long long level, int threads, std::function<bool(long long, long long)> progress) {
             Nuvek::OmeZarrOptions options;
             options.chunkSize = chunkSize;
-            options.compression = zarrCompressionNamed(compression);
+            options.compression = namedOption("write_ome_zarr", compression, Nuvek::ImageFormats::parseZarrCompression);
             options.compressionLevel = compressionLevel;
-            options.sampleType = sampleTypeNamed(sampleType);
+            options.sampleType = namedOption("write_ome_zarr", sampleType, Nuvek::ImageFormats::parseSampleType);
             options.valueRange = valueRange;
             options.level = level;
             options.threads = threads;
@@ -293,6 +285,15 @@ Writes image as an OME-Zarr (NGFF 0.4, zarr v2) multiscale group: arrays "0", "1
 (c, z, y, x), chunks (1, 1, chunk_size, chunk_size), levels of 2 x 2 means as write_pyramidal_tiff
 makes them, compression 'none', 'zlib' or 'zstd'. The group appears at path only when complete.
 )doc");
+}
+
+} // namespace
+
+void bindSources(py::module_& module)
+{
+    bindMemoryImage(module);
+    bindFileSources(module);
+    bindWriter(module);
 }
 
 } // namespace NuvekPython

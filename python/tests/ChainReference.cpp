@@ -3,9 +3,7 @@
 //   nuvek_chain_reference EXPRESSION INPUT X Y Z CHANNELS LEVEL MINX MINY MINZ MAXX MAXY MAXZ OUTPUT
 // INPUT holds X*Y*Z*CHANNELS doubles in region-buffer layout; OUTPUT receives the region of the box
 // at LEVEL, channels*box size doubles, in the same layout.
-#include "ChainExpression.h"
-#include "FilterCatalogue.h"
-
+#include <nuvek/NuvekChains.h>
 #include <nuvek/core/MemoryImage.h>
 
 #include <cstdio>
@@ -38,7 +36,7 @@ int main(int argc, char** argv)
             throw std::runtime_error(std::string("cannot read ") + argv[2]);
 
         Nuvek::MemoryImage source(extent, channels, std::move(values));
-        auto chain = NuvekTool::buildChain(NuvekTool::parseChainExpression(argv[1]), &source);
+        auto chain = Nuvek::FilterRegistry::buildChain(Nuvek::parseChainExpression(argv[1]), &source);
         std::vector<double> out(static_cast<std::size_t>(box.getSize() * chain->output->getNumChannels()));
         chain->output->openRegion(out.data(), level, box);
 

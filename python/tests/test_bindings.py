@@ -20,37 +20,55 @@ def hematoxylin_eosin_unmixing(source):
     return unmixing
 
 
-# (chain expression for the C++ reference, the same chain built class by class in Python, input)
-CHAINS = [
-    ("clamp", lambda s: nuvek.ClampingFilter(s), "grey"),
-    ("threshold 100 -1 2", lambda s: nuvek.ThresholdFilter(s, 100.0, -1.0, 2.0), "grey"),
-    ("add (gaussian 3) (box 5)", lambda s: nuvek.AdditionFilter(nuvek.GaussianBlurFilter(s, 3), nuvek.BoxFilter(s, 5)), "grey"),
-    ("difference (clamp) (erode 3)", lambda s: nuvek.DifferenceFilter(nuvek.ClampingFilter(s), nuvek.ErosionFilter(s, 3)), "grey3"),
-    ("concat (channel 0) (dilate 3)", lambda s: nuvek.ConcatFilter([nuvek.ChannelFilter(s, 0), nuvek.DilationFilter(s, 3)]), "grey3"),
-    ("channel 1 2", lambda s: nuvek.ChannelFilter(s, 1, 2), "grey3"),
-    ("hsv", lambda s: nuvek.RGBToHSVFilter(s), "unit3"),
-    ("zslice 1", lambda s: nuvek.ZStackFilter(s, 1), "stack"),
-    ("replace 1,2,3 9,8,7", lambda s: nuvek.ValueReplacementFilter(s, [1.0, 2.0, 3.0], [9.0, 8.0, 7.0]), "small3"),
-    ("box 5 sum round", lambda s: nuvek.BoxFilter(s, 5, normalize=False, rounding=True), "grey"),
-    ("convolve 1,2,1 -1,0,1", lambda s: nuvek.SeparableConvolutionFilter(s, [1.0, 2.0, 1.0], [-1.0, 0.0, 1.0]), "grey"),
-    ("clamp | gaussian 7", lambda s: nuvek.GaussianBlurFilter(nuvek.ClampingFilter(s), 7), "grey3"),
-    ("sobel vector 3", lambda s: nuvek.SobelVectorFilter(s, 3), "grey3"),
-    ("sobel magnitude 5", lambda s: nuvek.SobelMagnitudeFilter(s, 5), "grey"),
-    ("harris 5", lambda s: nuvek.HarrisEigenvaluesFilter(s, 5), "clean"),
-    ("localnorm 2", lambda s: nuvek.LocalNormalizationFilter(s, 2), "clean"),
-    ("distance 0 10", lambda s: nuvek.DistanceTransformFilter(s, 0.0, 10), "binary"),
-    ("radial 3 0.1", lambda s: nuvek.RadialSymmetryFilter(s, 3.0, 0.1), "clean"),
-    ("histogram 3 8", lambda s: nuvek.HistogramFilter(s, 3, 8), "clean"),
-    ("lbp 2", lambda s: nuvek.LBPFilter(s, 2.0), "grey"),
-    ("erode 3", lambda s: nuvek.ErosionFilter(s, 3), "grey"),
-    ("dilate 5", lambda s: nuvek.DilationFilter(s, 5), "grey3"),
-    ("rank 3 4", lambda s: nuvek.RankFilter(s, 3, 4), "grey"),
-    ("median 5", lambda s: nuvek.RankFilter(s, 5, 12), "grey"),
-    ("downsample 0", lambda s: nuvek.DownsampleFilter(s, 0), "grey"),
-    ("upsample 1 nearest", lambda s: nuvek.UpsampleFilter(s, 1, nuvek.UpsampleFilter.Interpolation.NearestNeighbor), "grey"),
-    ("upsample 1", lambda s: nuvek.UpsampleFilter(s, 1), "clean"),
-    ("unmix hematoxylin+eosin 1", hematoxylin_eosin_unmixing, "rgb"),
-]
+def registry_examples():
+    """(expression, entry) for every example of every filter of the registry, input stages included."""
+    cases = []
+    for entry in nuvek.filters():
+        for example in entry["examples"]:
+            stage = f"{entry['name']} {example}".strip()
+            cases.append(((entry["example_input"] + " | " if entry["example_input"] else "") + stage, entry))
+    return cases
+
+
+EXAMPLES = registry_examples()
+
+
+def filter_named_for(class_name):
+    """The first filter of the registry that builds class_name."""
+    return next(entry["name"] for entry in nuvek.filters() if class_name in entry["classes"])
+
+
+# Python constructors checked class by class against the registry's chain of the same arguments:
+# class name -> (arguments of its first registry filter, the filter built in Python, input).
+BY_CLASS = {
+    "ClampingFilter": ("", lambda s: nuvek.ClampingFilter(s), "grey"),
+    "ThresholdFilter": ("100 -1 2", lambda s: nuvek.ThresholdFilter(s, 100.0, -1.0, 2.0), "grey"),
+    "AdditionFilter": ("() ()", lambda s: nuvek.AdditionFilter(s, s), "grey"),
+    "DifferenceFilter": ("() ()", lambda s: nuvek.DifferenceFilter(s, s), "grey3"),
+    "ConcatFilter": ("() ()", lambda s: nuvek.ConcatFilter([s, s]), "grey3"),
+    "ChannelFilter": ("1 2", lambda s: nuvek.ChannelFilter(s, 1, 2), "grey3"),
+    "RGBToHSVFilter": ("", lambda s: nuvek.RGBToHSVFilter(s), "unit3"),
+    "ZStackFilter": ("1", lambda s: nuvek.ZStackFilter(s, 1), "stack"),
+    "VoxelSizeModificationFilter": ("3 4 5", lambda s: nuvek.VoxelSizeModificationFilter(s, (3, 4, 5)), "grey"),
+    "ValueReplacementFilter": ("1,2,3 9,8,7", lambda s: nuvek.ValueReplacementFilter(s, [1.0, 2.0, 3.0], [9.0, 8.0, 7.0]), "small3"),
+    "BoxFilter": ("5 sum round", lambda s: nuvek.BoxFilter(s, 5, normalize=False, rounding=True), "grey"),
+    "SeparableConvolutionFilter": ("1,2,1 -1,0,1", lambda s: nuvek.SeparableConvolutionFilter(s, [1.0, 2.0, 1.0], [-1.0, 0.0, 1.0]), "grey"),
+    "GaussianBlurFilter": ("7", lambda s: nuvek.GaussianBlurFilter(s, 7), "grey3"),
+    "SobelVectorFilter": ("vector 3", lambda s: nuvek.SobelVectorFilter(s, 3), "grey3"),
+    "SobelMagnitudeFilter": ("magnitude 5", lambda s: nuvek.SobelMagnitudeFilter(s, 5), "grey"),
+    "HarrisEigenvaluesFilter": ("5", lambda s: nuvek.HarrisEigenvaluesFilter(s, 5), "clean"),
+    "LocalNormalizationFilter": ("2", lambda s: nuvek.LocalNormalizationFilter(s, 2), "clean"),
+    "DistanceTransformFilter": ("0 10", lambda s: nuvek.DistanceTransformFilter(s, 0.0, 10), "binary"),
+    "RadialSymmetryFilter": ("3 0.1", lambda s: nuvek.RadialSymmetryFilter(s, 3.0, 0.1), "clean"),
+    "HistogramFilter": ("3 8", lambda s: nuvek.HistogramFilter(s, 3, 8), "clean"),
+    "LBPFilter": ("2", lambda s: nuvek.LBPFilter(s, 2.0), "grey"),
+    "ErosionFilter": ("3", lambda s: nuvek.ErosionFilter(s, 3), "grey"),
+    "DilationFilter": ("5", lambda s: nuvek.DilationFilter(s, 5), "grey3"),
+    "RankFilter": ("3 4", lambda s: nuvek.RankFilter(s, 3, 4), "grey"),
+    "DownsampleFilter": ("0", lambda s: nuvek.DownsampleFilter(s, 0), "grey"),
+    "UpsampleFilter": ("1 nearest", lambda s: nuvek.UpsampleFilter(s, 1, nuvek.UpsampleFilter.Interpolation.NearestNeighbor), "grey"),
+    "ColorUnmixingFilter": ("hematoxylin+eosin 1", hematoxylin_eosin_unmixing, "rgb"),
+}
 
 
 def make_input(kind, rng):
@@ -73,20 +91,42 @@ def make_input(kind, rng):
     raise AssertionError(kind)
 
 
-@pytest.mark.parametrize("expression, build, kind", CHAINS, ids=[c[0] for c in CHAINS])
-def test_every_filter_gives_the_results_of_the_cpp_chain(expression, build, kind, rng, tmp_path, chain_reference):
-    values = make_input(kind, rng)
-    source = nuvek.MemoryImage(values)
-    chain = build(source)
-    x, y, z = source.get_extent(0)
+def assert_same_as_reference(image, expression, values, tmp_path, chain_reference):
+    x, y, z = image.get_extent(0)
     # One box straddling the border at level 0 and one at level 1, each over all slices.
     boxes = [(0, ((-3, -2, 0), (x + 1, y // 2, z - 1))), (1, ((2, -1, 0), (x // 2 + 2, y // 2, z - 1)))]
     for level, box in boxes:
-        ours = chain.open_region(level, box)
+        ours = image.open_region(level, box)
         theirs = chain_reference(tmp_path, expression, values, level, box)
         assert ours.dtype == np.float64 and ours.flags.c_contiguous
         assert ours.shape == theirs.shape
         assert same_bits(ours, theirs), f"{expression} level {level}: {first_difference(ours, theirs)}"
+
+
+@pytest.mark.parametrize("expression, entry", EXAMPLES, ids=[c[0] for c in EXAMPLES])
+def test_every_registry_example_gives_the_cpp_result_through_python(expression, entry, rng, tmp_path, chain_reference):
+    values = grey(rng, channels=entry["input_channels"])
+    chain = nuvek.Chain(expression, nuvek.MemoryImage(values))
+    assert chain.shareable == entry["shareable"]
+    assert type(chain.output).__name__ in entry["classes"]
+    assert_same_as_reference(chain.output, expression, values, tmp_path, chain_reference)
+
+
+def test_every_class_the_registry_builds_is_bound_and_checked():
+    for entry in nuvek.filters():
+        for name in entry["classes"]:
+            assert issubclass(getattr(nuvek, name), nuvek.Filter), name
+            assert name in BY_CLASS, f"{name} ({entry['name']}) has no Python constructor check"
+
+
+@pytest.mark.parametrize("class_name", sorted(BY_CLASS))
+def test_every_filter_class_built_in_python_gives_the_registry_result(class_name, rng, tmp_path, chain_reference):
+    arguments, build, kind = BY_CLASS[class_name]
+    expression = f"{filter_named_for(class_name)} {arguments}".strip()
+    values = make_input(kind, rng)
+    image = build(nuvek.MemoryImage(values))
+    assert type(image).__name__ == class_name
+    assert_same_as_reference(image, expression, values, tmp_path, chain_reference)
 
 
 def test_constructor_variants_and_metadata_reach_the_library(rng):
@@ -220,7 +260,9 @@ class TestErrors:
         with pytest.raises(RuntimeError, match="gaussian"):
             nuvek.Chain("gaussian x", source)
         assert nuvek.canonical_chain_expression("clamp|gaussian  5") == "clamp | gaussian 5"
-        assert nuvek.is_shareable("clamp | gaussian 5") and not nuvek.is_shareable("localnorm 2")
+        assert all(nuvek.is_shareable(f"{entry['name']} {entry['examples'][0]}") for entry in nuvek.filters())
+        with pytest.raises(RuntimeError, match="Unknown filter 'blurr'"):
+            nuvek.is_shareable("blurr")
 
     def test_wrong_argument_types_are_type_errors(self):
         with pytest.raises(TypeError):
@@ -398,8 +440,8 @@ class TestThreads:
         assert turns > 0.1 * rate * seconds[0], (turns, rate, seconds)
 
     def test_local_normalization_is_safe_from_many_threads(self, rng):
-        # Large tiles over a fine background level: without serialised calls, about one tile in
-        # six comes out wrong here.
+        # Large tiles over a fine background level, four threads in one filter at once: a work
+        # buffer shared between calls would spoil about one tile in six here.
         values = grey(rng, y=512, x=512, special=False)
         reference = nuvek.LocalNormalizationFilter(nuvek.MemoryImage(values), 1)
         tiles = [((x, y, 0), (x + 127, y + 127, 0)) for x in range(0, 512, 128) for y in range(0, 512, 128)] * 4

@@ -1,4 +1,4 @@
-#include <nuvek/filters/colour/Absorptance.h>
+#include "filters/internal/Absorptance.h"
 
 #include "support/VoxelCompare.h"
 
@@ -99,5 +99,39 @@ TEST(Absorptance, BlocksOfEveryLengthEqualOneMinusPowBitForBit)
         double const expected = reference(densities[i]);
         ASSERT_EQ(NuvekTest::bitsOf(expected), NuvekTest::bitsOf(out[i]))
             << "density " << hex(densities[i]) << ": expected " << hex(expected) << ", found " << hex(out[i]);
+    }
+}
+
+TEST(Absorptance, SelfCheckAcceptsThisPlatformsPowAndRefusesOneOffByAUnit)
+{
+    // The C library's pow stays within the 0.53 units the fast exponential relies on.
+    EXPECT_TRUE(Nuvek::fastExponentialAgreesWith([](double base, double exponent) { return std::pow(base, exponent); }));
+    EXPECT_TRUE(Nuvek::fastExponentialIsUsed());
+    // A pow one unit off for densities from 0.1 to 0.11, where every bit of the power reaches the
+    // result, and one a unit off at one density in 256 (by its bits) anywhere.
+    EXPECT_FALSE(Nuvek::fastExponentialAgreesWith([](double base, double exponent) {
+        double const power = std::pow(base, exponent);
+        return exponent <= -0.1 && exponent >= -0.11 ? std::nextafter(power, 2.0) : power;
+    }));
+    EXPECT_FALSE(Nuvek::fastExponentialAgreesWith([](double base, double exponent) {
+        double const power = std::pow(base, exponent);
+        return (NuvekTest::bitsOf(exponent) & 0xFF) == 0x5A ? std::nextafter(power, 0.0) : power;
+    }));
+}
+
+TEST(Absorptance, WithoutTheFastExponentialBlocksGivePowsBits)
+{
+    std::vector<double> const densities = testDensities();
+    for (bool fast : {false, true})
+    {
+        std::vector<double> out(densities.size(), -7.0);
+        for (std::size_t start = 0; start < densities.size(); start += Nuvek::absorptanceBlockSize)
+        {
+            std::size_t const count = std::min(Nuvek::absorptanceBlockSize, densities.size() - start);
+            Nuvek::absorptanceOfBlockUsing(fast, densities.data() + start, out.data() + start, count);
+        }
+        for (std::size_t i = 0; i < densities.size(); ++i)
+            ASSERT_EQ(NuvekTest::bitsOf(reference(densities[i])), NuvekTest::bitsOf(out[i]))
+                << (fast ? "fast" : "pow") << " density " << hex(densities[i]);
     }
 }

@@ -33,6 +33,28 @@ if(NOT last_output MATCHES "consumer ok")
     message(FATAL_ERROR "Unexpected consumer output: ${last_output}")
 endif()
 
+# Internal headers stay out of the install tree.
+foreach(header nuvek/filters/internal/CacheTrim.h nuvek/filters/framework/CacheTrim.h nuvek/io/internal/TiffHandle.h)
+    if(EXISTS ${prefix}/include/${header})
+        message(FATAL_ERROR "Installed an internal header: include/${header}")
+    endif()
+endforeach()
+
+# 1a. The chains library: its own umbrella, kept out of <nuvek/Nuvek.h>.
+foreach(header nuvek/NuvekChains.h nuvek/core/ValueRange.h nuvek/filters/framework/ValueRange.h
+               nuvek/chains/FilterRegistry.h)
+    if(NOT EXISTS ${prefix}/include/${header})
+        message(FATAL_ERROR "Not installed: include/${header}")
+    endif()
+endforeach()
+run(${CMAKE_COMMAND} -S ${CHAINS_CONSUMER_DIR} -B ${WORK_DIR}/consumer-chains-build
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX_COMPILER} "-DCMAKE_CXX_FLAGS=${flags}")
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/consumer-chains-build)
+run(${WORK_DIR}/consumer-chains-build/consumer-chains)
+if(NOT last_output MATCHES "consumer ok")
+    message(FATAL_ERROR "Unexpected chains consumer output: ${last_output}")
+endif()
+
 # 1b. The IO library: its own umbrella, no libtiff header installed, <nuvek/Nuvek.h> free of it.
 if(WITH_IO)
     foreach(header nuvek/NuvekIO.h nuvek/io/TiffImage.h nuvek/io/SlideImage.h nuvek/io/PyramidalTiffWriter.h)
@@ -44,8 +66,8 @@ if(WITH_IO)
         message(FATAL_ERROR "Installed an internal header: include/nuvek/io/TiffHandle.h")
     endif()
     file(READ ${prefix}/include/nuvek/Nuvek.h umbrella)
-    if(umbrella MATCHES "io/")
-        message(FATAL_ERROR "<nuvek/Nuvek.h> includes libNuvekIO headers")
+    if(umbrella MATCHES "io/" OR umbrella MATCHES "chains/")
+        message(FATAL_ERROR "<nuvek/Nuvek.h> includes libNuvekIO or libNuvekChains headers")
     endif()
     run(${CMAKE_COMMAND} -S ${IO_CONSUMER_DIR} -B ${WORK_DIR}/consumer-io-build
         -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX_COMPILER} "-DCMAKE_CXX_FLAGS=${flags}")

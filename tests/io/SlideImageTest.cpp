@@ -8,7 +8,9 @@
 #include "support/VoxelCompare.h"
 
 #include <gtest/gtest.h>
+#include <openslide.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 #include <thread>
@@ -189,4 +191,70 @@ TEST(SlideImage, UnreadableFilesGiveErrorsNamingTheFile)
     NuvekTest::writeBytes(truncated, cut);
     std::string const message = messageOf(truncated);
     EXPECT_EQ(message.rfind("SlideImage: " + truncated + ": ", 0), 0u) << message;
+}
+
+namespace {
+
+// What OpenSlide itself returns for the whole of its level 0, as red, green and blue planes.
+std::vector<double> openslideLevelZero(std::string const& path, Vector const& extent)
+{
+    openslide_t* slide = openslide_open(path.c_str());
+    std::vector<std::uint32_t> argb(static_cast<std::size_t>(extent.x * extent.y));
+    openslide_read_region(slide, argb.data(), 0, 0, 0, extent.x, extent.y);
+    openslide_close(slide);
+    std::vector<double> planes;
+    for (int c = 0; c < 3; ++c)
+        for (std::uint32_t pixel : argb)
+            planes.push_back(static_cast<double>((pixel >> (16 - 8 * c)) & 0xff));
+    return planes;
+}
+
+} // namespace
+
+TEST(SlideImage, LevelsOfNoExactPowerOfTwoGiveTheirOwnPixelsForEveryTile)
+{
+    NuvekTest::TemporaryDirectory directory;
+    std::string const path = directory.path("odd.tif");
+    // Downsamples of about 2.007 and 4.014, as real pyramids of odd sizes have.
+    NuvekTest::writeTiff(path, slideLayout({PageShape{301, 261}, PageShape{150, 130, true}, PageShape{75, 65, true}}));
+    SlideImage slide(path);
+    TiffImage file(path);
+    ASSERT_EQ(slide.getNumLevels(), 3);
+    for (long long level = 1; level < 3; ++level)
+    {
+        ASSERT_EQ(slide.getExtent(level), file.getExtent(level));
+        Box const box = Box(slide.getExtent(level)).expanded(Vector(2, 1, 0));
+        std::vector<double> const stored = NuvekTest::openWhole(file, level, box);
+        EXPECT_TRUE(NuvekTest::sameBits(stored, NuvekTest::openWhole(slide, level, box), box, "whole"));
+        EXPECT_TRUE(NuvekTest::sameBits(stored, NuvekTest::openTiled(slide, level, box, {1, 7, 33}, {5, 64}, 2), box,
+                                        "tiles, level " + std::to_string(level)));
+    }
+}
+
+TEST(SlideImage, OnlyShortLevelsOpenSlideMisreadsAreReadThroughTheirPage)
+{
+    NuvekTest::TemporaryDirectory directory;
+    // Deflate tiles go through libtiff's RGBA interface in OpenSlide 3, which misplaces a tile
+    // taller than its level.
+    std::string const deflate = directory.path("short-deflate.tif");
+    NuvekTest::writeTiff(deflate, slideLayout({PageShape{150, 40}}));
+    TiffImage file(deflate);
+    Box const box(Vector(150, 40, 1));
+    std::vector<double> const stored = NuvekTest::openWhole(file, 0, box);
+    if (std::string(openslide_get_version()).rfind("3.", 0) == 0)
+    {
+        EXPECT_NE(openslideLevelZero(deflate, Vector(150, 40, 1)), stored) << "OpenSlide no longer misreads";
+    }
+    SlideImage slide(deflate);
+    EXPECT_TRUE(NuvekTest::sameBits(stored, NuvekTest::openWhole(slide, 0, box), box, "deflate"));
+
+    // JPEG tiles OpenSlide decodes itself, correctly: it reads them.
+    std::string const jpeg = directory.path("short-jpeg.tif");
+    TiffLayout layout = slideLayout({PageShape{150, 40}});
+    layout.compression = 7;
+    NuvekTest::writeTiff(jpeg, layout);
+    SlideImage jpegSlide(jpeg);
+    std::vector<double> const direct = openslideLevelZero(jpeg, Vector(150, 40, 1));
+    EXPECT_TRUE(NuvekTest::sameBits(direct, NuvekTest::openWhole(jpegSlide, 0, box), box, "jpeg"));
+    EXPECT_NE(std::count(direct.begin(), direct.end(), 0.0), static_cast<long>(direct.size()));
 }

@@ -27,11 +27,13 @@ void putValue(TiffLayout const& layout, bool odd, std::vector<unsigned char>& by
     if (odd)
         put<std::uint8_t>(bytes, index, value);
     else if (layout.floating)
-        put<float>(bytes, index, value);
+        layout.bits == 64 ? put<double>(bytes, index, value) : put<float>(bytes, index, value);
+    else if (layout.bits == 32)
+        layout.isSigned ? put<std::int32_t>(bytes, index, value) : put<std::uint32_t>(bytes, index, value);
     else if (layout.bits == 16)
-        put<std::uint16_t>(bytes, index, value);
+        layout.isSigned ? put<std::int16_t>(bytes, index, value) : put<std::uint16_t>(bytes, index, value);
     else
-        put<std::uint8_t>(bytes, index, value);
+        layout.isSigned ? put<std::int8_t>(bytes, index, value) : put<std::uint8_t>(bytes, index, value);
 }
 
 void check(bool ok, std::string const& what)
@@ -50,9 +52,23 @@ void writePage(TIFF* tiff, TiffLayout const& layout, PageShape const& page, long
     TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, page.height);
     TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, samples);
     TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bits);
-    TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, layout.floating && !odd ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT);
+    std::uint16_t const format = odd ? SAMPLEFORMAT_UINT
+                                     : (layout.floating ? SAMPLEFORMAT_IEEEFP
+                                                        : (layout.isSigned ? SAMPLEFORMAT_INT : SAMPLEFORMAT_UINT));
+    TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, format);
     TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, layout.planar ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
     TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, layout.rgb && !odd ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
+    if (layout.palette && !odd)
+    {
+        // A colour map that is no identity, so that a reader applying it would be caught.
+        std::vector<std::uint16_t> map(std::size_t{1} << bits);
+        for (std::size_t i = 0; i < map.size(); ++i)
+            map[i] = static_cast<std::uint16_t>(65535 - i);
+        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_PALETTE);
+        TIFFSetField(tiff, TIFFTAG_COLORMAP, map.data(), map.data(), map.data());
+    }
+    if (!layout.description.empty() && pageIndex == 0)
+        TIFFSetField(tiff, TIFFTAG_IMAGEDESCRIPTION, layout.description.c_str());
     if (!odd && samples > (layout.rgb ? 3 : 1))
     {
         std::vector<std::uint16_t> extra(samples - (layout.rgb ? 3u : 1u), EXTRASAMPLE_UNSPECIFIED);
@@ -125,11 +141,21 @@ void writePage(TIFF* tiff, TiffLayout const& layout, PageShape const& page, long
 double storedValue(TiffLayout const& layout, long long page, long long x, long long y, long long c)
 {
     if (layout.floating)
-        return static_cast<double>(x) * 0.25 - static_cast<double>(y) * 1.5 + static_cast<double>(c) * 100.0 +
-               static_cast<double>(page) * 0.125;
-    if (layout.bits == 16)
-        return static_cast<double>((x * 301 + y * 53 + c * 7001 + page * 1000) % 65536);
-    return static_cast<double>((x * 3 + y * 5 + c * 71 + page * 17) % 256);
+    {
+        double const value = static_cast<double>(x) * 0.25 - static_cast<double>(y) * 1.5 +
+                             static_cast<double>(c) * 100.0 + static_cast<double>(page) * 0.125;
+        // float64 gets a part that float32 cannot hold.
+        return layout.bits == 64 ? value + static_cast<double>(x) * 1e-9 : value;
+    }
+    if (layout.bits == 32)
+    {
+        long long const value = (x * 100003 + y * 30000017 + c * 1000000007LL + page * 11) % 4294967296LL;
+        return static_cast<double>(layout.isSigned ? value - 2147483648LL : value);
+    }
+    long long const modulus = layout.bits == 16 ? 65536 : 256;
+    long long const value = layout.bits == 16 ? (x * 301 + y * 53 + c * 7001 + page * 1000) % 65536
+                                              : (x * 3 + y * 5 + c * 71 + page * 17) % 256;
+    return static_cast<double>(layout.isSigned ? value - modulus / 2 : value);
 }
 
 void writeTiff(std::string const& path, TiffLayout const& layout)

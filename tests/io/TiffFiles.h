@@ -30,8 +30,15 @@ struct PageShape
 struct TiffLayout
 {
     std::uint16_t samples = 1;
+    /// 8, 16 or 32 for integers, 32 or 64 for floating point.
     std::uint16_t bits = 8;
     bool floating = false;
+    /// Signed integers (else unsigned).
+    bool isSigned = false;
+    /// Photometric palette with a colour map (one sample of 8 or 16 bits).
+    bool palette = false;
+    /// The ImageDescription of the first page, when not empty.
+    std::string description;
     bool planar = false;
     bool rgb = false;
     /// The first extra sample is unassociated alpha (else every extra sample is unspecified).

@@ -51,7 +51,7 @@ std::vector<double> expectedRegion(TiffLayout const& layout, std::function<long 
 std::string describe(TiffLayout const& layout)
 {
     return "samples " + std::to_string(layout.samples) + ", bits " + std::to_string(layout.bits) +
-           (layout.floating ? " float" : "") + (layout.planar ? ", planar" : ", contiguous") +
+           (layout.floating ? " float" : (layout.isSigned ? " signed" : "")) + (layout.planar ? ", planar" : ", contiguous") +
            (layout.tileWidth > 0 ? ", tiles " + std::to_string(layout.tileWidth) + "x" + std::to_string(layout.tileHeight)
                                : ", strips of " + std::to_string(layout.rowsPerStrip)) +
            ", compression " + std::to_string(layout.compression) + (layout.bigTiff ? ", BigTIFF" : "");
@@ -64,11 +64,11 @@ TiffLayout singlePage(std::uint32_t width, std::uint32_t height)
     return layout;
 }
 
-void expectFailure(std::string const& path, std::string const& problem)
+void expectFailure(std::string const& path, std::string const& problem, long long timePoint = 0)
 {
     try
     {
-        TiffImage image(path);
+        TiffImage image(path, timePoint);
         Box const box(image.getExtent(0));
         std::vector<double> out(static_cast<std::size_t>(box.getSize() * image.getNumChannels()));
         image.openRegion(out.data(), 0, box);
@@ -91,14 +91,17 @@ TEST(TiffImage, ReadsEverySampleLayoutLikeTheReference)
     std::uint16_t const compressions[] = {COMPRESSION_NONE, COMPRESSION_LZW, COMPRESSION_ADOBE_DEFLATE,
                                           COMPRESSION_PACKBITS};
     int variant = 0;
-    for (int type = 0; type < 3; ++type)
+    // uint8, uint16, float32, int8, int16, int32, uint32, float64.
+    std::uint16_t const bits[] = {8, 16, 32, 8, 16, 32, 32, 64};
+    for (int type = 0; type < 8; ++type)
         for (bool planar : {false, true})
             for (bool tiled : {false, true})
                 for (std::uint16_t samples : {1, 3, 4})
                 {
                     TiffLayout layout = singlePage(53, 41);
-                    layout.bits = type == 0 ? 8 : (type == 1 ? 16 : 32);
-                    layout.floating = type == 2;
+                    layout.bits = bits[type];
+                    layout.floating = type == 2 || type == 7;
+                    layout.isSigned = type >= 3 && type <= 5;
                     layout.planar = planar;
                     layout.samples = samples;
                     layout.rgb = samples >= 3;
@@ -341,7 +344,8 @@ TEST(TiffImage, MetadataComesFromTheFile)
         {3, true, 0, 3, 0, 0, {"Red", "Green", "Blue"}, 0, 255, Vector(500, 250, 1)},
         {4, true, 1, 2, 0, 0, {"Red", "Green", "Blue", "Channel 3"}, 0, 65535, Vector(1270, 635, 1)},
         {2, false, 2, 1, -4.5, 9.0, {"Channel 0", "Channel 1"}, -4.5, 9.0, Vector(1, 1, 1)},
-        {1, false, 2, 0, 0, 0, {"Channel 0"}, 0, 1, Vector(1, 1, 1)},
+        // No tags: the range of the data, 0.25 x - 1.5 y over 20 x 10 voxels.
+        {1, false, 2, 0, 0, 0, {"Channel 0"}, -13.5, 4.75, Vector(1, 1, 1)},
     };
     int index = 0;
     for (Case const& item : cases)
@@ -411,8 +415,8 @@ TEST(TiffImage, BadFilesGiveErrorsNamingTheFileAndTheProblem)
     std::vector<unsigned char> text = {'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', '\n'};
     std::vector<unsigned char> truncated = NuvekTest::readBytes(directory.path("good.tif"));
     truncated.resize(12);
-    std::vector<RawEntry> signedSamples = good;
-    signedSamples.push_back({339, 3, 1, 2});
+    std::vector<RawEntry> complexSamples = good;
+    complexSamples.push_back({339, 3, 1, 6});
     std::vector<RawEntry> floatingSixteen = with(258, 16);
     floatingSixteen.push_back({339, 3, 1, 3});
     std::vector<Case> const cases = {
@@ -420,8 +424,9 @@ TEST(TiffImage, BadFilesGiveErrorsNamingTheFileAndTheProblem)
         {"empty.tif", {}, "Cannot read TIFF header"},
         {"truncated.tif", truncated, ""},
         {"compression.tif", NuvekTest::rawTiff(with(259, 60000), pixels), "unsupported compression 60000"},
-        {"signed.tif", NuvekTest::rawTiff(signedSamples, pixels),
-         "unsupported sample format: 8-bit signed integer"},
+        {"complex.tif", NuvekTest::rawTiff(complexSamples, pixels),
+         "unsupported sample format: 8-bit complex floating point"},
+        {"lossyjpeg.tif", NuvekTest::rawTiff(with(259, 34892), pixels), "unsupported compression 34892 (lossy JPEG)"},
         {"bits.tif", NuvekTest::rawTiff(with(258, 12), pixels), "unsupported sample format: 12-bit unsigned"},
         {"half.tif", NuvekTest::rawTiff(floatingSixteen, std::vector<unsigned char>(32, 0)),
          "unsupported sample format: 16-bit floating point"},
@@ -436,24 +441,6 @@ TEST(TiffImage, BadFilesGiveErrorsNamingTheFileAndTheProblem)
         expectFailure(path, item.problem);
     }
     expectFailure(directory.path("missing.tif"), "No such file");
-
-    // A palette image, with its colour map.
-    std::string const palette = directory.path("palette.tif");
-    {
-        TIFF* tiff = TIFFOpen(palette.c_str(), "w");
-        ASSERT_NE(tiff, nullptr);
-        std::vector<std::uint16_t> map(256, 0);
-        TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, 4u);
-        TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, 4u);
-        TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
-        TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 1);
-        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_PALETTE);
-        TIFFSetField(tiff, TIFFTAG_COLORMAP, map.data(), map.data(), map.data());
-        for (std::uint32_t row = 0; row < 4; ++row)
-            TIFFWriteScanline(tiff, const_cast<unsigned char*>(pixels.data()), row, 0);
-        TIFFClose(tiff);
-    }
-    expectFailure(palette, "palette images are not supported");
 }
 
 TEST(TiffImage, DamagedFilesTheFuzzerFoundReadTheSameTwiceOrFail)
@@ -533,4 +520,316 @@ TEST(TiffImage, JpegInYCbCrIsDeliveredAsRgb)
                 largest = std::max(largest, std::fabs(value - expected));
             }
     EXPECT_LE(largest, 12.0);
+}
+
+TEST(TiffImage, PaletteImagesDeliverTheirIndicesAndIntegersTheirTypeRange)
+{
+    NuvekTest::TemporaryDirectory directory;
+    struct Case
+    {
+        std::uint16_t bits;
+        bool isSigned;
+        bool palette;
+        double min;
+        double max;
+    };
+    std::vector<Case> const cases = {{8, false, true, 0, 255},           {16, false, true, 0, 65535},
+                                     {8, true, false, -128, 127},        {16, true, false, -32768, 32767},
+                                     {32, true, false, -2147483648.0, 2147483647.0},
+                                     {32, false, false, 0, 4294967295.0}};
+    for (Case const& item : cases)
+    {
+        TiffLayout layout = singlePage(30, 20);
+        layout.bits = item.bits;
+        layout.isSigned = item.isSigned;
+        layout.palette = item.palette;
+        std::string const path = directory.path("palette" + std::to_string(item.bits) + (item.isSigned ? "s" : "u") +
+                                                (item.palette ? "p" : "") + ".tif");
+        NuvekTest::writeTiff(path, layout);
+        TiffImage image(path);
+        ASSERT_EQ(image.getNumChannels(), 1) << path;
+        EXPECT_EQ(image.getValueRange().min, item.min) << path;
+        EXPECT_EQ(image.getValueRange().max, item.max) << path;
+        Box const box(Vector(-1, -1, 0), Vector(30, 20, 0));
+        EXPECT_TRUE(NuvekTest::sameBits(expectedRegion(layout, [](long long) { return 0; }, box, 1),
+                                        NuvekTest::openWhole(image, 0, box), box, path));
+    }
+}
+
+TEST(TiffImage, SubsampledYCbCrReadsLikeLibtiffsOwnRgbaDecode)
+{
+    NuvekTest::TemporaryDirectory directory;
+    std::string const path = directory.path("ycbcr.tif");
+    std::uint32_t const width = 18;
+    std::uint32_t const height = 12;
+    {
+        // Uncompressed YCbCr with 2 x 2 chroma subsampling: each 2 x 2 block is stored as its four
+        // Y values, then Cb and Cr.
+        TIFF* tiff = TIFFOpen(path.c_str(), "w");
+        ASSERT_NE(tiff, nullptr);
+        TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, width);
+        TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, height);
+        TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
+        TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 3);
+        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_YCBCR);
+        TIFFSetField(tiff, TIFFTAG_YCBCRSUBSAMPLING, 2, 2);
+        TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, 4u);
+        TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+        for (std::uint32_t strip = 0; strip < height / 4; ++strip)
+        {
+            std::vector<unsigned char> data;
+            for (std::uint32_t block = 0; block < 2 * (width / 2); ++block)
+            {
+                for (int k = 0; k < 4; ++k)
+                    data.push_back(static_cast<unsigned char>((block * 37 + k * 11 + strip * 53) % 256));
+                data.push_back(static_cast<unsigned char>(100 + block * 3));
+                data.push_back(static_cast<unsigned char>(160 - block * 2));
+            }
+            ASSERT_GE(TIFFWriteRawStrip(tiff, strip, data.data(), static_cast<tmsize_t>(data.size())), 0);
+        }
+        TIFFClose(tiff);
+    }
+    std::vector<std::uint32_t> raster(width * height);
+    {
+        TIFF* tiff = TIFFOpen(path.c_str(), "r");
+        ASSERT_NE(tiff, nullptr);
+        ASSERT_EQ(TIFFReadRGBAImageOriented(tiff, width, height, raster.data(), ORIENTATION_TOPLEFT, 0), 1);
+        TIFFClose(tiff);
+    }
+    TiffImage image(path);
+    ASSERT_EQ(image.getNumChannels(), 3);
+    EXPECT_EQ(image.getValueRange().max, 255.0);
+    std::mt19937_64 random(7);
+    for (int trial = 0; trial < 20; ++trial)
+    {
+        Box const box = NuvekTest::randomBox(random, Vector(width, height, 1), 12, 2);
+        std::vector<double> expected;
+        for (long long c = 0; c < 3; ++c)
+            for (long long z = box.min.z; z <= box.max.z; ++z)
+                for (long long y = box.min.y; y <= box.max.y; ++y)
+                    for (long long x = box.min.x; x <= box.max.x; ++x)
+                    {
+                        bool const inside = z == 0 && x >= 0 && y >= 0 && x < width && y < height;
+                        std::uint32_t const pixel = inside ? raster[static_cast<std::size_t>(y * width + x)] : 0;
+                        expected.push_back(static_cast<double>((pixel >> (8 * c)) & 0xff));
+                    }
+        EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(image, 0, box), box, "YCbCr 2 x 2"));
+    }
+}
+
+namespace {
+
+// A file of `pages` pages of 12 x 8 voxels, two samples each, with a description.
+TiffLayout describedPages(long long pages, std::string description)
+{
+    TiffLayout layout;
+    layout.samples = 2;
+    layout.bits = 16;
+    layout.description = std::move(description);
+    for (long long p = 0; p < pages; ++p)
+        layout.pages.push_back(PageShape{12, 8});
+    return layout;
+}
+
+// Checks that channel c of slice z is sample c % 2 of page pageOf(c / 2, z).
+void expectPlanes(TiffImage& image, TiffLayout const& layout, std::function<long long(long long, long long)> const& pageOf,
+                  std::string const& what)
+{
+    Box const box(Vector(0, 0, 0), image.getExtent(0) - Vector(1, 1, 1));
+    std::vector<double> const values = NuvekTest::openWhole(image, 0, box);
+    long long const voxels = box.getSize();
+    long long mismatches = 0;
+    for (long long c = 0; c < image.getNumChannels(); ++c)
+        for (long long z = 0; z <= box.max.z; ++z)
+            for (long long y = 0; y < 8; ++y)
+                for (long long x = 0; x < 12; ++x)
+                {
+                    double const expected = NuvekTest::storedValue(layout, pageOf(c / 2, z), x, y, c % 2);
+                    mismatches += values[static_cast<std::size_t>(c * voxels + (z * 8 + y) * 12 + x)] != expected;
+                }
+    EXPECT_EQ(mismatches, 0) << what;
+}
+
+} // namespace
+
+TEST(TiffImage, ImageJDescriptionsMakePagesChannelsSlicesAndTimePoints)
+{
+    NuvekTest::TemporaryDirectory directory;
+    // 2 channels x 3 slices x 2 frames, ImageJ's order: channel fastest, then slice, then frame.
+    TiffLayout layout = describedPages(12, "ImageJ=1.53c\nimages=12\nchannels=2\nslices=3\nframes=2\nhyperstack=true\n"
+                                           "unit=micron\nspacing=1.5\nmin=10.0\nmax=900.0\n");
+    layout.resolutionUnit = 1;
+    layout.resolution = 4.0f;
+    std::string const path = directory.path("hyperstack.tif");
+    NuvekTest::writeTiff(path, layout);
+    for (long long time : {0, 1})
+    {
+        TiffImage image(path, time);
+        ASSERT_EQ(image.getNumChannels(), 4);
+        ASSERT_EQ(image.getExtent(0), Vector(12, 8, 3));
+        // 4 pixels per micron in x, 8 in y (the test files write y at twice x's resolution).
+        EXPECT_EQ(image.getVoxelSize(0), Vector(250, 125, 1500));
+        EXPECT_TRUE(image.knowsVoxelSize());
+        EXPECT_EQ(image.getValueRange().min, 10.0);
+        EXPECT_EQ(image.getValueRange().max, 900.0);
+        expectPlanes(image, layout, [time](long long c, long long z) { return c + 2 * (z + 3 * time); },
+                     "ImageJ time " + std::to_string(time));
+    }
+    try
+    {
+        TiffImage image(path, 2);
+        ADD_FAILURE() << "time point 2 was opened";
+    }
+    catch (std::runtime_error const& error)
+    {
+        EXPECT_EQ(std::string(error.what()), "TiffImage: " + path + ": there is no time point 2 (the file has 2)");
+    }
+
+    // Counts that do not fit the pages: every page is a slice, as without a description.
+    TiffLayout wrong = describedPages(5, "ImageJ=1.53c\nimages=6\nchannels=2\nslices=3\n");
+    NuvekTest::writeTiff(directory.path("wrong.tif"), wrong);
+    TiffImage image(directory.path("wrong.tif"));
+    EXPECT_EQ(image.getNumChannels(), 2);
+    EXPECT_EQ(image.getExtent(0), Vector(12, 8, 5));
+    EXPECT_FALSE(image.knowsVoxelSize());
+    EXPECT_EQ(image.getVoxelSize(0), Vector(1, 1, 1));
+    // A file without time points has the first only.
+    expectFailure(directory.path("wrong.tif"), "there is no time point 1 (the file has 1)", 1);
+}
+
+TEST(TiffImage, OmeXmlPlacesPlanesNamesChannelsAndGivesSizes)
+{
+    NuvekTest::TemporaryDirectory directory;
+    // 2 channels x 2 slices x 2 time points in the order XYZCT, the pages listed backwards through
+    // TiffData, so that both the order and the page numbers count.
+    std::string xml = R"(<?xml version="1.0"?><OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">)"
+                      R"(<Image ID="Image:0"><Pixels DimensionOrder="XYZCT" SizeC="2" SizeZ="2" SizeT="2" )"
+                      R"(SizeX="12" SizeY="8" Type="uint16" PhysicalSizeX="0.5" PhysicalSizeY="600" )"
+                      R"(PhysicalSizeYUnit="nm" PhysicalSizeZ="0.002" PhysicalSizeZUnit="mm">)"
+                      R"(<Channel ID="Channel:0:0" Name="DAPI" SamplesPerPixel="2"/><Channel ID="Channel:0:1" )"
+                      R"(Name="GFP" SamplesPerPixel="2"/>)";
+    for (int plane = 0; plane < 8; ++plane)
+    {
+        // Plane `plane` in XYZCT order: z fastest, then c, then t.
+        xml += "<TiffData IFD=\"" + std::to_string(7 - plane) + "\" FirstZ=\"" + std::to_string(plane % 2) +
+               "\" FirstC=\"" + std::to_string(plane / 2 % 2) + "\" FirstT=\"" + std::to_string(plane / 4) +
+               "\" PlaneCount=\"1\"/>";
+    }
+    xml += "</Pixels></Image></OME>";
+    TiffLayout layout = describedPages(8, xml);
+    layout.resolutionUnit = 3;
+    layout.resolution = 20000.0f;
+    std::string const path = directory.path("planes.ome.tif");
+    NuvekTest::writeTiff(path, layout);
+    for (long long time : {0, 1})
+    {
+        TiffImage image(path, time);
+        ASSERT_EQ(image.getNumChannels(), 4);
+        ASSERT_EQ(image.getExtent(0), Vector(12, 8, 2));
+        // OME's sizes win over the resolution tags.
+        EXPECT_EQ(image.getVoxelSize(0), Vector(500, 600, 2000));
+        EXPECT_EQ(image.getChannelName(0), "DAPI Channel 0");
+        EXPECT_EQ(image.getChannelName(3), "GFP Channel 3");
+        expectPlanes(image, layout, [time](long long c, long long z) { return 7 - (z + 2 * c + 4 * time); },
+                     "OME time " + std::to_string(time));
+    }
+}
+
+TEST(TiffImage, VoxelSizeComesFromAperioWhenTheTagsSayNothing)
+{
+    NuvekTest::TemporaryDirectory directory;
+    TiffLayout layout = singlePage(16, 16);
+    layout.description = "Aperio Image Library v12.0.15\r\n16x16 [0,0 16x16] (240x240) JPEG/RGB Q=70|AppMag = 20|"
+                         "MPP = 0.4990|Filename = x";
+    std::string const path = directory.path("aperio.tif");
+    NuvekTest::writeTiff(path, layout);
+    TiffImage image(path);
+    EXPECT_EQ(image.getVoxelSize(0), Vector(499, 499, 1));
+    EXPECT_TRUE(image.knowsVoxelSize());
+}
+
+TEST(TiffImage, OldStyleJpegReadsLikeLibtiffsOwnRgbaDecode)
+{
+    NuvekTest::TemporaryDirectory directory;
+    // A complete JPEG stream (tables inline, 2 x 2 chroma subsampling), taken from a strip that
+    // libtiff writes itself, then wrapped as an old-style JPEG file pointing at it.
+    std::uint32_t const width = 40;
+    std::uint32_t const height = 24;
+    auto colour = [](long long x, long long y, long long c) {
+        return static_cast<double>((c == 0 ? 4 * x : (c == 1 ? 6 * y : 2 * (x + y))) % 256);
+    };
+    std::string const source = directory.path("source.tif");
+    std::vector<unsigned char> stream;
+    {
+        TIFF* tiff = TIFFOpen(source.c_str(), "w");
+        ASSERT_NE(tiff, nullptr);
+        TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, width);
+        TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, height);
+        TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
+        TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 3);
+        TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+        TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_JPEG);
+        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_YCBCR);
+        TIFFSetField(tiff, TIFFTAG_JPEGTABLESMODE, 0);
+        TIFFSetField(tiff, TIFFTAG_JPEGQUALITY, 95);
+        TIFFSetField(tiff, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
+        TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, height);
+        std::vector<unsigned char> row(width * 3);
+        for (std::uint32_t y = 0; y < height; ++y)
+        {
+            for (std::uint32_t x = 0; x < width; ++x)
+                for (int c = 0; c < 3; ++c)
+                    row[x * 3 + c] = static_cast<unsigned char>(colour(x, y, c));
+            ASSERT_EQ(TIFFWriteScanline(tiff, row.data(), y, 0), 1);
+        }
+        TIFFClose(tiff);
+        tiff = TIFFOpen(source.c_str(), "r");
+        stream.resize(static_cast<std::size_t>(TIFFRawStripSize(tiff, 0)));
+        ASSERT_GT(TIFFReadRawStrip(tiff, 0, stream.data(), static_cast<tmsize_t>(stream.size())), 0);
+        TIFFClose(tiff);
+    }
+    std::uint32_t const length = static_cast<std::uint32_t>(stream.size());
+    std::string const path = directory.path("ojpeg.tif");
+    NuvekTest::writeBytes(path, NuvekTest::rawTiff({{256, 3, 1, width},
+                                                    {257, 3, 1, height},
+                                                    {258, 3, 1, 8},
+                                                    {259, 3, 1, COMPRESSION_OJPEG},
+                                                    {262, 3, 1, PHOTOMETRIC_YCBCR},
+                                                    {273, 4, 1, 8},
+                                                    {277, 3, 1, 3},
+                                                    {278, 3, 1, height},
+                                                    {279, 4, 1, length},
+                                                    {513, 4, 1, 8},
+                                                    {514, 4, 1, length},
+                                                    {530, 3, 2, 2 + (2u << 16)}},
+                                                   stream));
+    std::vector<std::uint32_t> raster(width * height);
+    {
+        TIFF* tiff = TIFFOpen(path.c_str(), "r");
+        ASSERT_NE(tiff, nullptr);
+        ASSERT_EQ(TIFFReadRGBAImageOriented(tiff, width, height, raster.data(), ORIENTATION_TOPLEFT, 0), 1);
+        TIFFClose(tiff);
+    }
+    TiffImage image(path);
+    ASSERT_EQ(image.getNumChannels(), 3);
+    EXPECT_EQ(image.getChannelName(2), "Blue");
+    Box const box(Vector(-1, 3, 0), Vector(width, height - 2, 0));
+    std::vector<double> const values = NuvekTest::openWhole(image, 0, box);
+    Vector const extent = box.getExtent();
+    double largest = 0.0;
+    long long mismatches = 0;
+    for (long long c = 0; c < 3; ++c)
+        for (long long y = box.min.y; y <= box.max.y; ++y)
+            for (long long x = box.min.x; x <= box.max.x; ++x)
+            {
+                double const value = values[static_cast<std::size_t>((c * extent.y + y - box.min.y) * extent.x + x + 1)];
+                bool const inside = x >= 0 && x < width;
+                std::uint32_t const pixel = inside ? raster[static_cast<std::size_t>(y * width + x)] : 0;
+                mismatches += value != static_cast<double>((pixel >> (8 * c)) & 0xff);
+                if (inside)
+                    largest = std::max(largest, std::fabs(value - colour(x, y, c)));
+            }
+    EXPECT_EQ(mismatches, 0);
+    // And it is the picture that was written, within what JPEG at quality 95 loses.
+    EXPECT_LE(largest, 16.0);
 }

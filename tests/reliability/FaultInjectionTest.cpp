@@ -28,8 +28,7 @@ TEST(FaultInjection, EveryFilterPassesTheFaultOnAndRecovers)
         auto values = NuvekTest::randomImage(random, Vector(67, 53, 1), test.channels, {0.0, 255.0, 0.0});
         values->setValueRange(Nuvek::ValueRange<double>(0, 255));
         NuvekTest::FaultyImage source(values);
-        NuvekTest::Keep keep;
-        std::unique_ptr<Nuvek::Image> filter = test.make(&source, keep);
+        std::unique_ptr<Nuvek::Image> filter = test.make(&source);
         for (long long level = 0; level < 2; ++level)
         {
             Box const box(Vector(-3, 5, 0), Vector(40 >> level, 30 >> level, 0));
@@ -63,7 +62,7 @@ TEST(FaultInjection, UpsampleReleasesItsLockWhenItsSourceFails)
     source.arm(1);
     EXPECT_THROW(NuvekTest::openWhole(filter, 0, box), NuvekTest::InjectedFault);
     source.arm(0);
-    // Another thread must get the lock; a lock left held would block it for ever.
+    // Another thread must be served; a lock left held would block it for ever.
     auto other = std::async(std::launch::async, [&]() { return NuvekTest::openWhole(filter, 0, box); });
     ASSERT_EQ(other.wait_for(std::chrono::seconds(30)), std::future_status::ready) << "the lock was not released";
     EXPECT_EQ(other.get().size(), static_cast<std::size_t>(box.getSize()));

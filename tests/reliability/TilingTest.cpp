@@ -23,8 +23,7 @@ TEST(Tiling, TilesInsideTheImageAgreeWithOneLargeRequest)
         std::mt19937_64 random(4242);
         auto source = NuvekTest::randomImage(random, Vector(131, 97, 1), test.channels, {0.0, 255.0, 0.0});
         source->setValueRange(Nuvek::ValueRange<double>(0, 255));
-        NuvekTest::Keep keep;
-        std::unique_ptr<Nuvek::Image> filter = test.make(source.get(), keep);
+        std::unique_ptr<Nuvek::Image> filter = test.make(source.get());
         for (long long level = 0; level < 2; ++level)
         {
             Box const box(filter->getExtent(level));

@@ -2,6 +2,7 @@
 #include <nuvek/core/MemoryImage.h>
 #include <nuvek/filters/resolution/DownsampleFilter.h>
 
+#include "core/internal/BlockMeans.h"
 #include "reference/ResolutionReference.h"
 #include "support/RandomImages.h"
 #include "support/RecordingImage.h"
@@ -93,10 +94,10 @@ TEST(DownsampleBufferFullLevel, BothPassesMatchTheReferenceInPlaceAndOutOfPlace)
                          long long l) { Nuvek::downsampleBufferFullLevel(s, d, e, n, l); },
                       "public");
                 check([](double const* s, double* d, Vector e, long long n,
-                         long long l) { Nuvek::detail::averageBlocksByDisplacements(s, d, e, n, l); },
+                         long long l) { Nuvek::averageBlocksByDisplacements(s, d, e, n, l); },
                       "displacements");
                 check([](double const* s, double* d, Vector e, long long n,
-                         long long l) { Nuvek::detail::averageBlocksByRows(s, d, e, n, l); },
+                         long long l) { Nuvek::averageBlocksByRows(s, d, e, n, l); },
                       "rows");
             }
 }

@@ -1,6 +1,7 @@
 #include <nuvek/core/MemoryImage.h>
 #include <nuvek/filters/texture/MorphologicFilter.h>
 
+#include "filters/internal/MorphologicPasses.h"
 #include "reference/MorphologicReference.h"
 #include "support/Messages.h"
 #include "support/RandomImages.h"
@@ -195,4 +196,42 @@ TEST(MorphologicFilter, TilesAgreeWithOneLargeRequestWithoutNaN)
             EXPECT_TRUE(NuvekTest::sameBits(whole, NuvekTest::openTiled(filter, 0, box, {1, 2, 33, 60}, {7, 8, 40}, threads),
                                             box, "threads " + std::to_string(threads)));
     }
+}
+
+TEST(MorphologicFilter, FastAndPlainPassesGiveTheSameBitsAsTheReference)
+{
+    // Output widths below, at and above the four-value vectors (the fast passes refuse rows of fewer
+    // than four), kernels of one and larger than the box, NaN, infinities and both zeros.
+    std::mt19937_64 random(76);
+    int round = 0;
+    for (long long k : {1, 3, 5, 7, 9, 15, 23})
+        for (long long width : {1, 3, 4, 5, 7, 8, 9, 13})
+        {
+            ++round;
+            long long const rows = 1 + round % 6;
+            double const specialShare = round % 3 == 0 ? 0.0 : (round % 3 == 1 ? 0.04 : 0.3);
+            Vector const inputExtent(width + k - 1, rows + k - 1, 2);
+            long long const numChannels = 1 + round % 2;
+            auto padded = NuvekTest::trickyImage(random, inputExtent, numChannels, specialShare, round % 4 < 2);
+            std::vector<double> const work = openWhole(*padded, 0, Box(inputExtent));
+            // The box whose padded region is exactly the image.
+            Box const box(Vector(k / 2, k / 2, 0), Vector(k / 2 + width - 1, k / 2 + rows - 1, 1));
+            for (bool maximum : {false, true})
+            {
+                std::string const context = "k " + std::to_string(k) + " width " + std::to_string(width) +
+                                            (maximum ? " dilation" : " erosion");
+                std::vector<double> plain(static_cast<std::size_t>(box.getSize() * numChannels), 0.5);
+                Nuvek::extremaOfRegionPlain(maximum, work.data(), inputExtent, numChannels, k, plain.data());
+                EXPECT_TRUE(NuvekTest::sameBits(NuvekReference::morphology(*padded, k, maximum, box, 0), plain, box,
+                                                context + " plain"));
+                std::vector<double> fast(plain.size(), 0.5);
+                bool const served =
+                    Nuvek::extremaOfRegionFast(maximum, work.data(), inputExtent, numChannels, k, fast.data());
+                EXPECT_EQ(served, width >= 4) << context;
+                if (served)
+                    EXPECT_TRUE(NuvekTest::sameBits(plain, fast, box, context + " fast"));
+                else
+                    EXPECT_EQ(fast, std::vector<double>(plain.size(), 0.5)) << context;
+            }
+        }
 }

@@ -1,6 +1,7 @@
 #include <nuvek/core/MemoryImage.h>
 #include <nuvek/filters/texture/RankFilter.h>
 
+#include "filters/internal/RankPasses.h"
 #include "reference/RankReference.h"
 #include "support/Messages.h"
 #include "support/RandomImages.h"
@@ -195,4 +196,44 @@ TEST(RankFilter, WideRowsMatchReferenceForEveryKernelAndNotableRanks)
                 EXPECT_TRUE(NuvekTest::sameBits(referenceOver(*source, k, rank, box), openOver(filter, box), box, context));
             }
     }
+}
+
+TEST(RankFilter, FastAndPlainPassesGiveTheSameBitsAsTheReference)
+{
+    // Output widths below, at and above the four windows a sorting network takes at once (the
+    // networks refuse rows of fewer than four), the sliding set for larger kernels, kernels of one
+    // and larger than the box, NaN, infinities and both zeros.
+    std::mt19937_64 random(87);
+    int round = 0;
+    for (long long k : {1, 3, 5, 7, 9, 13})
+        for (long long width : {1, 3, 4, 5, 7, 8, 9})
+        {
+            ++round;
+            long long const rows = 1 + round % 5;
+            double const specialShare = round % 3 == 0 ? 0.0 : (round % 3 == 1 ? 0.04 : 0.3);
+            // Two slices: only the first is computed.
+            Vector const inputExtent(width + k - 1, rows + k - 1, 2);
+            long long const numChannels = 1 + round % 2;
+            auto padded = NuvekTest::trickyImage(random, inputExtent, numChannels, specialShare, round % 4 < 2);
+            std::vector<double> const work = NuvekTest::openWhole(*padded, 0, Box(inputExtent));
+            Box const box(Vector(k / 2, k / 2, 0), Vector(k / 2 + width - 1, k / 2 + rows - 1, 1));
+            for (long long rank : {0LL, (k * k - 1) / 2, k * k - 1, (k * k) / 3})
+            {
+                std::string const context =
+                    "k " + std::to_string(k) + " width " + std::to_string(width) + " rank " + std::to_string(rank);
+                std::vector<double> plain(static_cast<std::size_t>(box.getSize() * numChannels), sentinel);
+                Nuvek::ranksOfRegionPlain(work.data(), inputExtent, numChannels, k, rank, plain.data(),
+                                          box.getExtent());
+                EXPECT_TRUE(NuvekTest::sameBits(referenceOver(*padded, k, rank, box), plain, box, context + " plain"));
+                std::vector<double> fast(plain.size(), sentinel);
+                bool const served = Nuvek::ranksOfRegionFast(work.data(), inputExtent, numChannels, k, rank,
+                                                             fast.data(), box.getExtent());
+                bool const network = k == 3 || k == 5 || k == 7;
+                EXPECT_EQ(served, !network || width >= 4) << context;
+                if (served)
+                    EXPECT_TRUE(NuvekTest::sameBits(plain, fast, box, context + " fast"));
+                else
+                    EXPECT_EQ(fast, std::vector<double>(plain.size(), sentinel)) << context;
+            }
+        }
 }

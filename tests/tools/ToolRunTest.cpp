@@ -1,7 +1,6 @@
 // Runs the nuvek program itself and compares what it wrote with the same chain opened in memory.
-#include "FilterCatalogue.h"
-
 #include <nuvek/Nuvek.h>
+#include <nuvek/NuvekChains.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
 #include <nuvek/io/TiffImage.h>
 #include <nuvek/io/ZarrImage.h>
@@ -84,8 +83,8 @@ protected:
 std::vector<double> expectedOutput(std::string const& inputPath, std::string const& chainText, Box const& box)
 {
     Nuvek::TiffImage source(inputPath);
-    std::unique_ptr<NuvekTool::Chain> chain =
-        NuvekTool::buildChain(NuvekTool::parseChainExpression(chainText), &source);
+    std::unique_ptr<Nuvek::Chain> chain =
+        Nuvek::FilterRegistry::buildChain(Nuvek::parseChainExpression(chainText), &source);
     std::vector<double> values = NuvekTest::openWhole(*chain->output, 0, box);
     for (double& value : values)
         value = static_cast<double>(static_cast<float>(value));
@@ -344,7 +343,8 @@ TEST_F(ToolRun, InfoAndFiltersDescribeWhatIsThere)
 {
     Outcome const info = nuvek("info " + input);
     ASSERT_EQ(info.status, 0) << info.errors;
-    EXPECT_NE(info.output.find("level 0   301 x 259 x 1 voxels"), std::string::npos) << info.output;
+    EXPECT_NE(info.output.find("Reader:      TiffImage\n"), std::string::npos) << info.output;
+    EXPECT_NE(info.output.find("level 0   301 x 259 x 1 voxels, voxel size "), std::string::npos) << info.output;
     EXPECT_NE(info.output.find("Channels:    3"), std::string::npos) << info.output;
     Outcome const filters = nuvek("filters");
     EXPECT_EQ(filters.status, 0);

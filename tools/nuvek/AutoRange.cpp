@@ -1,6 +1,6 @@
 #include "AutoRange.h"
 
-#include "ChainImage.h"
+#include <nuvek/chains/ChainImage.h>
 
 #include <algorithm>
 #include <cmath>
@@ -42,8 +42,9 @@ Nuvek::ValueRange<double> rangeOf(std::vector<double>& values)
 
 } // namespace
 
-std::vector<Nuvek::ValueRange<double>> estimateChannelRanges(ChainExpression const& expression, Nuvek::Image& source,
-                                                             int workers, long long level, Nuvek::Box const& box)
+std::vector<Nuvek::ValueRange<double>> estimateChannelRanges(Nuvek::ChainExpression const& expression,
+                                                             Nuvek::Image& source, long long level,
+                                                             Nuvek::Box const& box)
 {
     long long coarse = level;
     Nuvek::Box coarseBox = box;
@@ -52,7 +53,7 @@ std::vector<Nuvek::ValueRange<double>> estimateChannelRanges(ChainExpression con
         ++coarse;
         coarseBox = scaledBox(box, coarse - level, source.getExtent(coarse));
     }
-    ChainImage image(expression, &source, workers, coarse, coarseBox);
+    Nuvek::ChainImage image(expression, &source, coarse, coarseBox);
     long long const channels = image.getNumChannels();
     Nuvek::Box const whole(image.getExtent(0));
     std::vector<double> values(static_cast<std::size_t>(whole.getSize() * channels), 0.0);

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "ChainExpression.h"
-
+#include <nuvek/chains/ChainExpression.h>
 #include <nuvek/core/Image.h>
 
 #include <vector>
@@ -16,7 +15,8 @@ namespace NuvekTool {
 /// coarser voxels than in the run itself: the range is an estimate. A channel without finite values
 /// gets (0, 1); one whose percentiles coincide gets its minimum and maximum, and when those coincide
 /// too, (v, v + 1).
-std::vector<Nuvek::ValueRange<double>> estimateChannelRanges(ChainExpression const& expression, Nuvek::Image& source,
-                                                             int workers, long long level, Nuvek::Box const& box);
+std::vector<Nuvek::ValueRange<double>> estimateChannelRanges(Nuvek::ChainExpression const& expression,
+                                                             Nuvek::Image& source, long long level,
+                                                             Nuvek::Box const& box);
 
 } // namespace NuvekTool

@@ -1,14 +1,17 @@
 #include "Commands.h"
 
 #include "AutoRange.h"
-#include "ChainExpression.h"
-#include "ChainImage.h"
-#include "FilterCatalogue.h"
 #include "OutputWriter.h"
 #include "Preview.h"
 #include "Progress.h"
 #include "SyntheticSlide.h"
 
+#include <nuvek/chains/ChainExpression.h>
+#include <nuvek/chains/ChainImage.h>
+#include <nuvek/chains/FilterRegistry.h>
+#include <nuvek/chains/NumberText.h>
+#include <nuvek/io/ImageFormats.h>
+#include <nuvek/io/ImageOpener.h>
 #include <nuvek/io/StoredSampleType.h>
 
 #include <algorithm>
@@ -72,16 +75,9 @@ struct Options
         if (!has(name))
             return fallback;
         std::string const& text = values.at(name);
-        try
-        {
-            std::size_t used = 0;
-            long long const value = std::stoll(text, &used);
-            if (used == text.size() && value >= minimum)
-                return value;
-        }
-        catch (std::exception const&)
-        {
-        }
+        std::optional<long long> const value = Nuvek::NumberText::integer(text);
+        if (value && *value >= minimum)
+            return *value;
         throw std::runtime_error("--" + name + " must be a whole number of at least " + std::to_string(minimum) +
                                  ", got '" + text + "'.");
     }
@@ -136,19 +132,15 @@ Nuvek::Box parseBox(std::string const& text, Nuvek::Vector const& extent)
     std::vector<long long> numbers;
     std::stringstream stream(text);
     std::string item;
-    try
+    while (std::getline(stream, item, ','))
     {
-        while (std::getline(stream, item, ','))
+        std::optional<long long> const number = Nuvek::NumberText::integer(item);
+        if (!number)
         {
-            std::size_t used = 0;
-            numbers.push_back(std::stoll(item, &used));
-            if (used != item.size())
-                throw std::invalid_argument(item);
+            numbers.clear();
+            break;
         }
-    }
-    catch (std::exception const&)
-    {
-        numbers.clear();
+        numbers.push_back(*number);
     }
     if (numbers.size() != 4 || numbers[2] < 1 || numbers[3] < 1)
         throw std::runtime_error("--box takes X,Y,WIDTH,HEIGHT with positive width and height, got '" + text + "'.");
@@ -160,7 +152,6 @@ struct RunResult
 {
     long long voxels = 0;
     double seconds = 0.0;
-    int copies = 1;
 };
 
 // Parses --range: "auto", "LO,HI" or "LO,HI;LO,HI;..." (one per channel). An empty result is auto.
@@ -207,9 +198,9 @@ std::vector<Nuvek::ValueRange<double>> parseRanges(std::string const& text)
 }
 
 // One line on the standard error stream when integer output with the default range hides the data.
-void hintAtRange(Nuvek::SampleStatistics const& statistics, std::string const& type)
+void hintAtRange(Nuvek::SampleStatistics const& statistics, Nuvek::TiffSampleType type)
 {
-    double const top = type == "uint8" ? 255.0 : 65535.0;
+    double const top = type == Nuvek::TiffSampleType::UInt8 ? 255.0 : 65535.0;
     if (statistics.samples == 0)
         return;
     if (statistics.saturated * 2 > statistics.samples)
@@ -227,7 +218,7 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
                    Nuvek::Box const* requested, OutputSettings const& givenSettings, bool quiet,
                    std::string const& label, bool autoRange = false)
 {
-    ChainExpression const expression = parseChainExpression(chainText);
+    Nuvek::ChainExpression const expression = Nuvek::parseChainExpression(chainText);
     if (level < 0 || level >= source.getNumLevels())
         throw std::runtime_error("--level " + std::to_string(level) + " is not among the input's " +
                                  std::to_string(source.getNumLevels()) + " levels.");
@@ -235,11 +226,11 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
     Nuvek::Box const box = requested != nullptr ? *requested : Nuvek::Box(extent);
     if (box.isEmpty())
         throw std::runtime_error("the region to process is empty.");
-    ChainImage image(expression, &source, givenSettings.threads, level, box);
+    Nuvek::ChainImage image(expression, &source, level, box);
     OutputSettings settings = givenSettings;
-    bool const integer = settings.type != "float32";
+    bool const integer = settings.type != Nuvek::TiffSampleType::Float32;
     if (autoRange && integer)
-        settings.ranges = estimateChannelRanges(expression, source, settings.threads, level, box);
+        settings.ranges = estimateChannelRanges(expression, source, level, box);
     if (settings.ranges.size() > 1 && static_cast<long long>(settings.ranges.size()) != image.getNumChannels())
         throw std::runtime_error("--range gives " + std::to_string(settings.ranges.size()) +
                                  " ranges, the output has " + std::to_string(image.getNumChannels()) + " channels.");
@@ -261,25 +252,31 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
     progress.finish(voxels);
     if (integer && givenSettings.ranges.empty() && !autoRange)
         hintAtRange(statistics, settings.type);
-    return RunResult{voxels, progress.elapsedSeconds(), image.getNumCopies()};
+    return RunResult{voxels, progress.elapsedSeconds()};
+}
+
+// An option whose value names an enumerator; the message names the option ("--type must be ...").
+template <typename Parse>
+auto namedOption(Options const& options, std::string const& name, std::string const& fallback, Parse parse)
+{
+    try
+    {
+        return parse(options.get(name, fallback));
+    }
+    catch (std::runtime_error const& error)
+    {
+        std::string const message = error.what();
+        throw std::runtime_error("--" + name + message.substr(message.find(" must ")));
+    }
 }
 
 // Whether the chain only selects and clamps, so that its values are the input's.
-bool keepsValues(ChainExpression const& expression)
+bool keepsValues(Nuvek::ChainExpression const& expression)
 {
-    for (Stage const& stage : expression.stages)
+    for (Nuvek::Stage const& stage : expression.stages)
         if (stage.name != "clamp" && stage.name != "channel" && stage.name != "zslice")
             return false;
     return true;
-}
-
-std::string sampleTypeName(std::optional<Nuvek::TiffSampleType> type)
-{
-    if (type == Nuvek::TiffSampleType::UInt8)
-        return "uint8";
-    if (type == Nuvek::TiffSampleType::UInt16)
-        return "uint16";
-    return "float32";
 }
 
 OutputSettings outputSettings(Options const& options)
@@ -287,23 +284,19 @@ OutputSettings outputSettings(Options const& options)
     OutputSettings settings;
     settings.tileSize = options.integer("tile", 512, 16);
     settings.threads = static_cast<int>(options.integer("threads", defaultThreads(), 1));
-    settings.type = options.get("type", "float32");
-    settings.compression = options.get("compression", "deflate");
-    if (settings.type != "uint8" && settings.type != "uint16" && settings.type != "float32")
-        throw std::runtime_error("--type must be uint8, uint16 or float32, got '" + settings.type + "'.");
-    if (settings.compression != "none" && settings.compression != "deflate" && settings.compression != "lzw" &&
-        settings.compression != "jpeg" && settings.compression != "zstd")
-        throw std::runtime_error("--compression must be none, deflate, lzw, jpeg or zstd, got '" +
-                                 settings.compression + "'.");
+    settings.type = namedOption(options, "type", "float32", Nuvek::ImageFormats::parseSampleType);
+    settings.compression = namedOption(options, "compression", "deflate", Nuvek::ImageFormats::parseCompression);
+    bool const zstd = settings.compression == Nuvek::TiffCompression::Zstd;
+    std::string const compressionName = Nuvek::ImageFormats::toString(settings.compression);
     settings.compressionLevel = static_cast<int>(options.integer("compression-level", 0, 1));
-    if (options.has("compression-level") && settings.compression != "deflate" && settings.compression != "zstd")
+    if (options.has("compression-level") && settings.compression != Nuvek::TiffCompression::Deflate && !zstd)
         throw std::runtime_error("--compression-level applies to deflate (1 to 12) and zstd (1 to 22) only.");
-    if (settings.compressionLevel > (settings.compression == "zstd" ? 22 : 12))
-        throw std::runtime_error("--compression-level must be from 1 to " +
-                                 std::string(settings.compression == "zstd" ? "22" : "12") + " for " +
-                                 settings.compression + ", got " + std::to_string(settings.compressionLevel) + ".");
+    if (settings.compressionLevel > (zstd ? 22 : 12))
+        throw std::runtime_error("--compression-level must be from 1 to " + std::string(zstd ? "22" : "12") +
+                                 " for " + compressionName + ", got " + std::to_string(settings.compressionLevel) +
+                                 ".");
     settings.quality = static_cast<int>(options.integer("quality", 90, 1));
-    if (options.has("quality") && settings.compression != "jpeg")
+    if (options.has("quality") && settings.compression != Nuvek::TiffCompression::JPEG)
         throw std::runtime_error("--quality applies to jpeg compression only.");
     if (settings.quality > 100)
         throw std::runtime_error("--quality must be from 1 to 100, got " + std::to_string(settings.quality) + ".");
@@ -332,6 +325,7 @@ that flows into the filter, and () is that image itself:
 Options:
   --chain EXPR          the filter chain (required)
   --level L             resolution level to process (default 0); the output's level 0 is that level
+  --time T              time point of an OME or ImageJ file with several (default 0, the first)
   --box X,Y,W,H         process only this box at that level (default: the whole image)
   --tile N              output tile size in voxels, a multiple of 16 (default 512)
   --threads N           worker threads (default: all cores)
@@ -353,10 +347,8 @@ Options:
   --preview FILE.png    also write a small PNG preview of the output
   --quiet               no progress bar and no summary
 
-Threads: the libraries create none; this tool runs tiles on its own pool. A chain whose filters may
-all serve several threads at once is built once and shared by the workers. A chain containing
-'localnorm' (whose work buffer must not serve two threads at once) or 'upsample' (which locks each
-call around its cache) is built once per worker thread instead, and each tile borrows a free copy.
+Threads: the libraries create none; this tool runs tiles on its own pool. The chain is built once
+and shared by the workers: every filter may serve several threads at once.
 
 The output appears only when complete: errors and Ctrl-C leave nothing behind. Exit status 2 for
 bad usage, unreadable input, an invalid chain or an unwritable output; 130 when interrupted.
@@ -436,6 +428,105 @@ long long matchCentres(std::vector<SyntheticSlide::Nucleus> const& truth, std::v
     return matched;
 }
 
+char const* const demoHelp = R"(Usage: nuvek demo [DIR] [--size N] [--threads N] [--slide-only] [--quiet]
+
+Makes a synthetic brightfield slide (RGB, N x N voxels, N at least 2048, 4096 by default:
+hematoxylin-stained nuclei on paler eosin-stained tissue), writes it as a tiled pyramidal TIFF,
+then finds the nuclei with one filter chain, stage by stage, each stage reading the previous
+stage's file:
+
+  unmix hematoxylin+eosin 0   amount of the nuclear stain (0..1)
+  clamp | gaussian 5          smoothing, with edge values repeated at the border
+  downsample 2 | localnorm 6  background removed against level 6 (64 x 64 means) of the same image
+  threshold 0.6               nuclei mask
+  distance 1 16               distance to the nearest background voxel, capped at 16
+  radial 12 0.5 | gaussian 9  radial symmetry votes, smoothed: peaks at nucleus centres
+
+It then counts the peaks and compares them with the nuclei the slide was made with.
+
+Every output gets a small PNG preview beside it. DIR defaults to ./nuvek-demo. --slide-only stops
+after the slide (a large test input: --size 16384 --slide-only).
+)";
+
+// Where and how the demo writes its files.
+struct DemoSettings
+{
+    std::filesystem::path directory;
+    bool quiet = false;
+    OutputSettings output;
+};
+
+// The demo's first file: the synthetic slide as 8-bit RGB, with its preview. Returns its path.
+std::string writeDemoSlide(SyntheticSlide& slide, DemoSettings const& demo)
+{
+    std::string const slidePath = (demo.directory / "0-slide.tif").string();
+    OutputSettings slideSettings = demo.output;
+    slideSettings.type = Nuvek::TiffSampleType::UInt8;
+    Progress progress("0-slide.tif", demo.quiet);
+    if (!writeOutput(slide, slidePath, slideSettings,
+                     [&](long long done, long long total, long long voxels) { progress.update(done, total, voxels); },
+                     interrupted))
+        throw Interrupted();
+    progress.finish(slide.getExtent(0).prod() * 3);
+    std::unique_ptr<Nuvek::Image> written = Nuvek::openImage(slidePath);
+    writePreview(*written, (demo.directory / "0-slide.png").string());
+    std::printf("  %-24s %6.2f s  synthetic slide with %zu nuclei\n", "0-slide.tif", progress.elapsedSeconds(),
+                slide.nuclei().size());
+    return slidePath;
+}
+
+// The nuclei-finding chain, one stage per file, each stage reading the previous stage's file, each
+// with its preview. Returns the last file's path; pipeline receives the whole chain as one expression.
+std::string runDemoStages(std::string const& slidePath, DemoSettings const& demo, std::string& pipeline)
+{
+    struct StageRun
+    {
+        char const* file;
+        char const* chain;
+        char const* what;
+    };
+    // The background is level 6 (voxels of 64 x 64, several nuclei wide), computed by block means
+    // from level 2 of the file, which every demo size has.
+    StageRun const stages[] = {
+        {"1-hematoxylin.tif", "unmix hematoxylin+eosin 0", "nuclear stain amount"},
+        {"2-smoothed.tif", "clamp | gaussian 5", "smoothed"},
+        {"3-normalized.tif", "downsample 2 | localnorm 6", "background removed"},
+        {"4-mask.tif", "threshold 0.6", "nuclei mask"},
+        {"5-distance.tif", "distance 1 16", "distance inside nuclei"},
+        {"6-centres.tif", "radial 12 0.5 | gaussian 9", "radial symmetry: nucleus centres"},
+    };
+    std::string previous = slidePath;
+    for (StageRun const& stage : stages)
+    {
+        std::string const output = (demo.directory / stage.file).string();
+        std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(previous);
+        RunResult const result =
+            runChain(*source, stage.chain, output, 0, nullptr, demo.output, demo.quiet, stage.file);
+        std::unique_ptr<Nuvek::Image> written = Nuvek::openImage(output);
+        std::string const preview = (std::filesystem::path(output).replace_extension(".png")).string();
+        writePreview(*written, preview);
+        std::printf("  %-24s %6.2f s  %-34s %.1f Mvoxel/s  (nuvek run %s %s --chain '%s')\n", stage.file,
+                    result.seconds, stage.what, static_cast<double>(result.voxels) / result.seconds / 1e6,
+                    std::filesystem::path(previous).filename().string().c_str(), stage.file, stage.chain);
+        pipeline += (pipeline.empty() ? "" : " | ") + std::string(stage.chain);
+        previous = output;
+    }
+    return previous;
+}
+
+// How well the peaks of the centres file match the nuclei the slide was made with.
+void reportDemoNuclei(std::string const& centresPath, SyntheticSlide const& slide)
+{
+    std::unique_ptr<Nuvek::Image> centresImage = Nuvek::openImage(centresPath);
+    std::vector<Centre> const centres = findCentres(*centresImage, 5.0, 5);
+    std::vector<SyntheticSlide::Nucleus> const truth = slide.nuclei();
+    long long const matched = matchCentres(truth, centres, 6.0);
+    std::printf("\nNuclei: %zu centres found (peaks of at least 5, 5 voxels apart); %lld of the %zu nuclei the slide\n"
+                "was made with have one within 6 voxels (recall %.1f%%, precision %.1f%%).\n",
+                centres.size(), matched, truth.size(), 100.0 * static_cast<double>(matched) / static_cast<double>(truth.size()),
+                centres.empty() ? 0.0 : 100.0 * static_cast<double>(matched) / static_cast<double>(centres.size()));
+}
+
 } // namespace
 
 int filtersCommand(std::vector<std::string> const& arguments)
@@ -445,7 +536,7 @@ int filtersCommand(std::vector<std::string> const& arguments)
         std::printf("Usage: nuvek filters\n\nLists every filter with its parameters ([name=default] are optional).\n");
         return 0;
     }
-    std::printf("Filters (parameters in order; [name=default] may be left out):\n\n%s", describeFilters().c_str());
+    std::printf("Filters (parameters in order; [name=default] may be left out):\n\n%s", Nuvek::FilterRegistry::describe().c_str());
     return 0;
 }
 
@@ -453,22 +544,29 @@ int infoCommand(std::vector<std::string> const& arguments)
 {
     if (wantsHelp(arguments))
     {
-        std::printf("Usage: nuvek info FILE\n\nPrints the levels with their extents, the channels and their names, the\n"
-                    "value range, the voxel size and the tile size of an image file.\n");
+        std::printf("Usage: nuvek info FILE [--time T]\n\nPrints the reader chosen for the file, the levels with their extents, the\n"
+                    "channels and their names, the value range, the voxel size (\"unknown\" where the\n"
+                    "file does not give it) and the tile size of an image file. --time picks the time\n"
+                    "point of a file with several (default 0, the first).\n");
         return 0;
     }
-    Options const options = parseOptions(arguments, {}, {});
+    Options const options = parseOptions(arguments, {"time"}, {});
     if (options.positional.size() != 1)
         throw std::runtime_error("expected one file; 'nuvek info --help' shows the usage.");
-    std::unique_ptr<Nuvek::Image> image = openInput(options.positional[0]);
+    std::unique_ptr<Nuvek::Image> image = Nuvek::openImage(options.positional[0], options.integer("time", 0, 0));
+    bool const knowsSize = Nuvek::knowsVoxelSize(*image);
     std::printf("File:        %s\n", options.positional[0].c_str());
+    std::printf("Reader:      %s\n", Nuvek::describeReader(*image).c_str());
     std::printf("Levels:      %lld\n", image->getNumLevels());
     for (long long level = 0; level < image->getNumLevels(); ++level)
     {
         Nuvek::Vector const extent = image->getExtent(level);
         Nuvek::Vector const voxel = image->getVoxelSize(level);
-        std::printf("  level %-3lld %lld x %lld x %lld voxels, voxel size %lld x %lld x %lld nm\n", level, extent.x,
-                    extent.y, extent.z, voxel.x, voxel.y, voxel.z);
+        std::string const size = knowsSize ? std::to_string(voxel.x) + " x " + std::to_string(voxel.y) + " x " +
+                                                 std::to_string(voxel.z) + " nm"
+                                           : "unknown";
+        std::printf("  level %-3lld %lld x %lld x %lld voxels, voxel size %s\n", level, extent.x, extent.y, extent.z,
+                    size.c_str());
     }
     std::printf("Channels:    %lld\n", image->getNumChannels());
     for (long long c = 0; c < image->getNumChannels(); ++c)
@@ -488,7 +586,7 @@ int runCommand(std::vector<std::string> const& arguments)
         return 0;
     }
     Options const options = parseOptions(arguments,
-                                         {"chain", "level", "box", "tile", "threads", "type", "compression",
+                                         {"chain", "level", "time", "box", "tile", "threads", "type", "compression",
                                           "compression-level", "quality", "range", "preview"},
                                          {"quiet"});
     if (options.positional.size() != 2)
@@ -499,11 +597,13 @@ int runCommand(std::vector<std::string> const& arguments)
     outputFormatOf(options.positional[1]);
     long long const level = options.integer("level", 0, 0);
     // Parse the chain before touching any file, so that a typo costs nothing.
-    ChainExpression const expression = parseChainExpression(options.get("chain", ""));
-    std::unique_ptr<Nuvek::Image> source = openInput(options.positional[0]);
+    Nuvek::ChainExpression const expression = Nuvek::parseChainExpression(options.get("chain", ""));
+    std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(options.positional[0], options.integer("time", 0, 0));
     if (!options.has("type"))
-        settings.type = keepsValues(expression) ? sampleTypeName(Nuvek::storedSampleType(*source)) : "float32";
-    if (options.has("range") && settings.type == "float32")
+        settings.type = keepsValues(expression)
+                            ? Nuvek::storedSampleType(*source).value_or(Nuvek::TiffSampleType::Float32)
+                            : Nuvek::TiffSampleType::Float32;
+    if (options.has("range") && settings.type == Nuvek::TiffSampleType::Float32)
         throw std::runtime_error("--range applies to uint8 and uint16 output only; float32 stores values as they are.");
     std::unique_ptr<Nuvek::Box> box;
     if (options.has("box"))
@@ -514,7 +614,7 @@ int runCommand(std::vector<std::string> const& arguments)
              options.positional[1], options.get("range", "") == "auto");
     if (options.has("preview"))
     {
-        std::unique_ptr<Nuvek::Image> written = openInput(options.positional[1]);
+        std::unique_ptr<Nuvek::Image> written = Nuvek::openImage(options.positional[1]);
         writePreview(*written, options.get("preview", ""));
     }
     return 0;
@@ -524,110 +624,34 @@ int demoCommand(std::vector<std::string> const& arguments)
 {
     if (wantsHelp(arguments))
     {
-        std::printf(R"(Usage: nuvek demo [DIR] [--size N] [--threads N] [--slide-only] [--quiet]
-
-Makes a synthetic brightfield slide (RGB, N x N voxels, N at least 2048, 4096 by default:
-hematoxylin-stained nuclei on paler eosin-stained tissue), writes it as a tiled pyramidal TIFF,
-then finds the nuclei with one filter chain, stage by stage, each stage reading the previous
-stage's file:
-
-  unmix hematoxylin+eosin 0   amount of the nuclear stain (0..1)
-  clamp | gaussian 5          smoothing, with edge values repeated at the border
-  downsample 2 | localnorm 6  background removed against level 6 (64 x 64 means) of the same image
-  threshold 0.6               nuclei mask
-  distance 1 16               distance to the nearest background voxel, capped at 16
-  radial 12 0.5 | gaussian 9  radial symmetry votes, smoothed: peaks at nucleus centres
-
-It then counts the peaks and compares them with the nuclei the slide was made with.
-
-Every output gets a small PNG preview beside it. DIR defaults to ./nuvek-demo. --slide-only stops
-after the slide (a large test input: --size 16384 --slide-only).
-)");
+        std::fputs(demoHelp, stdout);
         return 0;
     }
     Options const options = parseOptions(arguments, {"size", "threads"}, {"quiet", "slide-only"});
     if (options.positional.size() > 1)
         throw std::runtime_error("expected at most one directory; 'nuvek demo --help' shows the usage.");
-    std::filesystem::path const directory = options.positional.empty() ? "nuvek-demo" : options.positional[0];
+    DemoSettings demo;
+    demo.directory = options.positional.empty() ? "nuvek-demo" : options.positional[0];
     long long const size = options.integer("size", 4096, 2048);
-    bool const quiet = options.flags.count("quiet") != 0;
-    OutputSettings settings;
-    settings.threads = static_cast<int>(options.integer("threads", defaultThreads(), 1));
-    std::filesystem::create_directories(directory);
+    demo.quiet = options.flags.count("quiet") != 0;
+    demo.output.threads = static_cast<int>(options.integer("threads", defaultThreads(), 1));
+    std::filesystem::create_directories(demo.directory);
     InterruptScope const interruptScope;
 
     auto const start = std::chrono::steady_clock::now();
     std::printf("Nuvek demo: a %lld x %lld brightfield slide, %d threads, output in %s\n\n", size, size,
-                settings.threads, directory.string().c_str());
-
-    // 1. The slide itself.
+                demo.output.threads, demo.directory.string().c_str());
     SyntheticSlide slide(size, 20261121);
-    std::string const slidePath = (directory / "0-slide.tif").string();
-    {
-        OutputSettings slideSettings = settings;
-        slideSettings.type = "uint8";
-        Progress progress("0-slide.tif", quiet);
-        if (!writeOutput(slide, slidePath, slideSettings,
-                         [&](long long done, long long total, long long voxels) { progress.update(done, total, voxels); },
-                         interrupted))
-            throw Interrupted();
-        progress.finish(slide.getExtent(0).prod() * 3);
-        std::unique_ptr<Nuvek::Image> written = openInput(slidePath);
-        writePreview(*written, (directory / "0-slide.png").string());
-        std::printf("  %-24s %6.2f s  synthetic slide with %zu nuclei\n", "0-slide.tif", progress.elapsedSeconds(),
-                    slide.nuclei().size());
-    }
+    std::string const slidePath = writeDemoSlide(slide, demo);
     if (options.flags.count("slide-only") != 0)
         return 0;
-
-    // 2. The nuclei-finding chain, one stage per file.
-    struct StageRun
-    {
-        char const* file;
-        char const* chain;
-        char const* what;
-    };
-    // The background is level 6 (voxels of 64 x 64, several nuclei wide), computed by block means
-    // from level 2 of the file, which every demo size has.
-    std::string const normalize = "downsample 2 | localnorm 6";
-    StageRun const stages[] = {
-        {"1-hematoxylin.tif", "unmix hematoxylin+eosin 0", "nuclear stain amount"},
-        {"2-smoothed.tif", "clamp | gaussian 5", "smoothed"},
-        {"3-normalized.tif", normalize.c_str(), "background removed"},
-        {"4-mask.tif", "threshold 0.6", "nuclei mask"},
-        {"5-distance.tif", "distance 1 16", "distance inside nuclei"},
-        {"6-centres.tif", "radial 12 0.5 | gaussian 9", "radial symmetry: nucleus centres"},
-    };
-    std::string previous = slidePath;
     std::string pipeline;
-    for (StageRun const& stage : stages)
-    {
-        std::string const output = (directory / stage.file).string();
-        std::unique_ptr<Nuvek::Image> source = openInput(previous);
-        RunResult const result = runChain(*source, stage.chain, output, 0, nullptr, settings, quiet, stage.file);
-        std::unique_ptr<Nuvek::Image> written = openInput(output);
-        std::string const preview = (std::filesystem::path(output).replace_extension(".png")).string();
-        writePreview(*written, preview);
-        std::printf("  %-24s %6.2f s  %-34s %.1f Mvoxel/s  (nuvek run %s %s --chain '%s')\n", stage.file,
-                    result.seconds, stage.what, static_cast<double>(result.voxels) / result.seconds / 1e6,
-                    std::filesystem::path(previous).filename().string().c_str(), stage.file, stage.chain);
-        pipeline += (pipeline.empty() ? "" : " | ") + std::string(stage.chain);
-        previous = output;
-    }
-
-    // 3. How well the centres match the nuclei the slide was made with.
-    std::unique_ptr<Nuvek::Image> centresImage = openInput(previous);
-    std::vector<Centre> const centres = findCentres(*centresImage, 5.0, 5);
-    std::vector<SyntheticSlide::Nucleus> const truth = slide.nuclei();
-    long long const matched = matchCentres(truth, centres, 6.0);
-    std::printf("\nNuclei: %zu centres found (peaks of at least 5, 5 voxels apart); %lld of the %zu nuclei the slide\n"
-                "was made with have one within 6 voxels (recall %.1f%%, precision %.1f%%).\n",
-                centres.size(), matched, truth.size(), 100.0 * static_cast<double>(matched) / static_cast<double>(truth.size()),
-                centres.empty() ? 0.0 : 100.0 * static_cast<double>(matched) / static_cast<double>(centres.size()));
+    std::string const centresPath = runDemoStages(slidePath, demo, pipeline);
+    reportDemoNuclei(centresPath, slide);
 
     double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("\nThe whole chain in one go: nuvek run 0-slide.tif nuclei.tif --chain '%s'\n", pipeline.c_str());
-    std::printf("Done in %.1f s. PNG previews are beside each .tif in %s.\n", seconds, directory.string().c_str());
+    std::printf("Done in %.1f s. PNG previews are beside each .tif in %s.\n", seconds, demo.directory.string().c_str());
     return 0;
 }
 

@@ -1,14 +1,11 @@
 #include "OutputWriter.h"
 
+#include <nuvek/io/ImageFormats.h>
 #include <nuvek/io/OmeZarrWriter.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
-#include <nuvek/io/SlideImage.h>
-#include <nuvek/io/TiffImage.h>
-#include <nuvek/io/ZarrImage.h>
 
 #include <algorithm>
 #include <cctype>
-#include <filesystem>
 #include <stdexcept>
 
 namespace NuvekTool {
@@ -54,19 +51,18 @@ bool writeZarrOutput(Nuvek::Image& image, std::string const& path, OutputSetting
     Nuvek::OmeZarrOptions options;
     options.chunkSize = settings.tileSize;
     options.threads = settings.threads;
-    if (settings.compression == "none")
-        options.compression = Nuvek::ZarrCompression::None;
-    else if (settings.compression == "deflate")
-        options.compression = Nuvek::ZarrCompression::Zlib;
-    else if (settings.compression == "zstd")
-        options.compression = Nuvek::ZarrCompression::Zstd;
-    else
+    switch (settings.compression)
+    {
+    case Nuvek::TiffCompression::None: options.compression = Nuvek::ZarrCompression::None; break;
+    case Nuvek::TiffCompression::Deflate: options.compression = Nuvek::ZarrCompression::Zlib; break;
+    case Nuvek::TiffCompression::Zstd: options.compression = Nuvek::ZarrCompression::Zstd; break;
+    case Nuvek::TiffCompression::LZW:
+    case Nuvek::TiffCompression::JPEG:
         throw std::runtime_error("zarr output takes --compression none, deflate (zarr's zlib) or zstd, not " +
-                                 settings.compression + ".");
+                                 Nuvek::ImageFormats::toString(settings.compression) + ".");
+    }
     options.compressionLevel = settings.compressionLevel;
-    options.sampleType = settings.type == "uint8"    ? Nuvek::TiffSampleType::UInt8
-                         : settings.type == "uint16" ? Nuvek::TiffSampleType::UInt16
-                                                     : Nuvek::TiffSampleType::Float32;
+    options.sampleType = settings.type;
     if (settings.ranges.size() == 1)
         options.valueRange = settings.ranges.front();
     else
@@ -90,11 +86,7 @@ bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings co
     Nuvek::PyramidalTiffOptions options;
     options.tileSize = settings.tileSize;
     options.threads = settings.threads;
-    options.compression = settings.compression == "none"   ? Nuvek::TiffCompression::None
-                          : settings.compression == "lzw"  ? Nuvek::TiffCompression::LZW
-                          : settings.compression == "jpeg" ? Nuvek::TiffCompression::JPEG
-                          : settings.compression == "zstd" ? Nuvek::TiffCompression::Zstd
-                                                           : Nuvek::TiffCompression::Deflate;
+    options.compression = settings.compression;
     if (settings.compressionLevel > 0 && options.compression == Nuvek::TiffCompression::Zstd)
         options.zstdLevel = settings.compressionLevel;
     else if (settings.compressionLevel > 0)
@@ -105,9 +97,7 @@ bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings co
     else
         options.channelRanges = settings.ranges;
     options.statistics = settings.statistics;
-    options.sampleType = settings.type == "uint8"    ? Nuvek::TiffSampleType::UInt8
-                         : settings.type == "uint16" ? Nuvek::TiffSampleType::UInt16
-                                                     : Nuvek::TiffSampleType::Float32;
+    options.sampleType = settings.type;
     options.omeTiff = outputFormatOf(path) == OutputFormat::OmeTiff;
     long long const voxels = image.getExtent(0).prod() * image.getNumChannels();
     options.progress = [&](long long done, long long total) {
@@ -116,20 +106,6 @@ bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings co
         return !cancel.load();
     };
     return Nuvek::writePyramidalTiff(image, path, options);
-}
-
-std::unique_ptr<Nuvek::Image> openInput(std::string const& path)
-{
-    if (!std::filesystem::exists(path))
-        throw std::runtime_error("cannot read " + path + ": no such file.");
-    if (Nuvek::ZarrImage::isZarr(path))
-        return std::make_unique<Nuvek::ZarrImage>(path);
-    std::string const extension = lowercase(std::filesystem::path(path).extension().string());
-    static char const* const slideExtensions[] = {".svs", ".ndpi", ".mrxs", ".scn", ".vms", ".vmu", ".bif", ".svslide"};
-    for (char const* slideExtension : slideExtensions)
-        if (extension == slideExtension)
-            return std::make_unique<Nuvek::SlideImage>(path);
-    return std::make_unique<Nuvek::TiffImage>(path);
 }
 
 } // namespace NuvekTool

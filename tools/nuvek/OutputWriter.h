@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,10 +14,8 @@ struct OutputSettings
 {
     long long tileSize = 512;
     int threads = 1;
-    /// uint8, uint16 or float32.
-    std::string type = "float32";
-    /// none, deflate, lzw, jpeg or zstd.
-    std::string compression = "deflate";
+    Nuvek::TiffSampleType type = Nuvek::TiffSampleType::Float32;
+    Nuvek::TiffCompression compression = Nuvek::TiffCompression::Deflate;
     /// The Deflate (1 to 12) or zstd (1 to 22) level; 0 takes the writer's default.
     int compressionLevel = 0;
     /// The JPEG quality, 1 to 100.
@@ -49,9 +46,5 @@ OutputFormat outputFormatOf(std::string const& path);
 /// true. Nothing is left at path unless the whole file was written. Returns false when cancelled.
 bool writeOutput(Nuvek::Image& image, std::string const& path, OutputSettings const& settings,
                  std::function<void(long long, long long, long long)> const& progress, std::atomic<bool> const& cancel);
-
-/// Opens an image file: zarr folders as ZarrImage, whole-slide formats through the slide reader,
-/// everything else as TIFF.
-std::unique_ptr<Nuvek::Image> openInput(std::string const& path);
 
 } // namespace NuvekTool

@@ -1,8 +1,5 @@
 // nuvek: runs filter chains over real images, tile by tile, on all cores.
-#include "ChainExpression.h"
-#include "ChainImage.h"
 #include "Commands.h"
-#include "FilterCatalogue.h"
 
 #include <cstdio>
 #include <exception>

@@ -1,10 +1,9 @@
-// libFuzzer target: random chains of the tool's filters with random valid parameters over random
+// libFuzzer target: random chains of the registry's filters with random valid parameters over random
 // small sources, opened for random boxes and levels. Checks: no crash or sanitizer report, and
-// determinism (the same request twice gives the same bytes).
-#include "ChainExpression.h"
-#include "FilterCatalogue.h"
-
+// determinism (the same request twice gives the same bytes). Names, parameters and their valid
+// values come from the filter registry, so a filter added there is fuzzed without an edit here.
 #include <nuvek/Nuvek.h>
+#include <nuvek/NuvekChains.h>
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -18,73 +17,66 @@
 
 namespace {
 
-std::string oddSize(FuzzedDataProvider& data, int largest)
+std::string drawInteger(FuzzedDataProvider& data, double low, double high)
 {
-    return std::to_string(2 * data.ConsumeIntegralInRange<int>(0, largest / 2) + 1);
+    return std::to_string(data.ConsumeIntegralInRange<long long>(static_cast<long long>(low), static_cast<long long>(high)));
 }
 
-// Parameters within each filter's documented preconditions.
-std::string stageFor(FuzzedDataProvider& data, long long channels)
+// One value within the parameter's domain.
+std::string drawValue(FuzzedDataProvider& data, Nuvek::ParameterDomain const& domain, long long channels)
 {
-    static char const* const names[] = {"clamp",   "threshold", "add",      "difference", "concat",   "channel",
-                                        "hsv",     "zslice",    "voxelsize", "replace",    "box",      "convolve",
-                                        "gaussian", "sobel",    "harris",   "localnorm",  "distance", "radial",
-                                        "histogram", "lbp",     "erode",    "dilate",     "rank",     "median",
-                                        "downsample", "upsample", "unmix"};
-    std::string const name = names[data.ConsumeIntegralInRange<std::size_t>(0, sizeof names / sizeof names[0] - 1)];
-    auto number = [&data]() { return std::to_string(data.ConsumeFloatingPointInRange<double>(-300.0, 300.0)); };
-    if (name == "threshold")
-        return name + " " + number() + " " + number() + " " + number();
-    if (name == "add" || name == "difference")
-        return name + " (gaussian 3) (" + (data.ConsumeBool() ? "clamp" : "erode 3") + ")";
-    if (name == "concat")
-        return "concat () (clamp | box 3)";
-    if (name == "channel")
-        return "channel " + std::to_string(data.ConsumeIntegralInRange<long long>(0, channels - 1));
-    if (name == "zslice")
-        return "zslice " + std::to_string(data.ConsumeIntegralInRange<int>(0, 1));
-    if (name == "voxelsize")
-        return "voxelsize 1 2 3";
-    if (name == "replace")
+    using Kind = Nuvek::ParameterDomain::Kind;
+    switch (domain.kind)
     {
-        std::string from, to;
+    case Kind::Choices:
+        return domain.words[data.ConsumeIntegralInRange<std::size_t>(0, domain.words.size() - 1)];
+    case Kind::Integers:
+        return drawInteger(data, domain.low, domain.high);
+    case Kind::OddIntegers:
+        return std::to_string(2 * data.ConsumeIntegralInRange<long long>(static_cast<long long>(domain.low) / 2,
+                                                                         static_cast<long long>(domain.high) / 2) +
+                              1);
+    case Kind::Numbers:
+        return std::to_string(data.ConsumeFloatingPointInRange<double>(domain.low, domain.high));
+    case Kind::ChannelIndex:
+        return drawInteger(data, 0, static_cast<double>(channels - 1));
+    case Kind::PerChannelIntegers:
+    {
+        std::string list;
         for (long long c = 0; c < channels; ++c)
-        {
-            from += (c ? "," : "") + std::to_string(data.ConsumeIntegralInRange<int>(0, 3));
-            to += (c ? "," : "") + std::to_string(data.ConsumeIntegralInRange<int>(0, 3));
-        }
-        return "replace " + from + " " + to;
+            list += (c ? "," : "") + drawInteger(data, domain.low, domain.high);
+        return list;
     }
-    if (name == "box")
-        return "box " + oddSize(data, 9) + (data.ConsumeBool() ? " sum" : " mean") + (data.ConsumeBool() ? " round" : "");
-    if (name == "convolve")
-        return "convolve 1,-2,1 0.5,1,0.5";
-    if (name == "gaussian" || name == "erode" || name == "dilate" || name == "median")
-        return name + " " + oddSize(data, 9);
-    if (name == "sobel")
-        return std::string("sobel ") + (data.ConsumeBool() ? "vector " : "magnitude ") + oddSize(data, 7);
-    if (name == "harris")
-        return "harris " + oddSize(data, 7);
-    if (name == "localnorm")
-        return "localnorm " + std::to_string(data.ConsumeIntegralInRange<int>(0, 3));
-    if (name == "distance")
-        return "distance " + std::to_string(data.ConsumeIntegralInRange<int>(0, 2)) + " " +
-               std::to_string(data.ConsumeIntegralInRange<int>(0, 8));
-    if (name == "radial")
-        return "radial " + std::to_string(data.ConsumeFloatingPointInRange<double>(0.5, 8.0)) + " " +
-               std::to_string(data.ConsumeFloatingPointInRange<double>(0.0, 5.0));
-    if (name == "histogram")
-        return "histogram " + oddSize(data, 7) + " " + std::to_string(data.ConsumeIntegralInRange<int>(1, 20));
-    if (name == "lbp")
-        return "lbp " + std::to_string(data.ConsumeFloatingPointInRange<double>(0.5, 4.0));
-    if (name == "rank")
-    {
-        int const k = 2 * data.ConsumeIntegralInRange<int>(0, 3) + 1;
-        return "rank " + std::to_string(k) + " " + std::to_string(data.ConsumeIntegralInRange<int>(0, k * k - 1));
     }
-    if (name == "downsample" || name == "upsample")
-        return name + " " + std::to_string(data.ConsumeIntegralInRange<int>(0, 3));
-    return name;
+    return "";
+}
+
+std::string drawStage(FuzzedDataProvider& data, long long channels, int depth);
+
+// A sub-chain in parentheses: empty (the stage's input itself) or one stage, nested at most twice.
+std::string drawSubChain(FuzzedDataProvider& data, long long channels, int depth)
+{
+    if (depth >= 2 || data.ConsumeBool())
+        return "()";
+    return "(" + drawStage(data, channels, depth + 1) + ")";
+}
+
+std::string drawStage(FuzzedDataProvider& data, long long channels, int depth)
+{
+    std::vector<Nuvek::FilterEntry> const& entries = Nuvek::FilterRegistry::entries();
+    Nuvek::FilterEntry const& entry = entries[data.ConsumeIntegralInRange<std::size_t>(0, entries.size() - 1)];
+    std::string text = entry.name;
+    // Every parameter, or the required ones and a random share of the optional ones, in order.
+    std::size_t given = entry.parameters.size();
+    while (given > 0 && !entry.parameters[given - 1].defaultValue.empty() && data.ConsumeBool())
+        --given;
+    for (std::size_t i = 0; i < given; ++i)
+        text += " " + drawValue(data, entry.parameters[i].domain, channels);
+    int const most = entry.maxChains < 0 ? entry.minChains + 2 : entry.maxChains;
+    int const chains = data.ConsumeIntegralInRange<int>(entry.minChains, most);
+    for (int i = 0; i < chains; ++i)
+        text += " " + drawSubChain(data, channels, depth);
+    return text;
 }
 
 } // namespace
@@ -112,12 +104,12 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* bytes, std::size_t siz
     std::string text;
     int const stages = data.ConsumeIntegralInRange<int>(1, 4);
     for (int i = 0; i < stages; ++i)
-        text += (i ? " | " : "") + stageFor(data, channels);
+        text += (i ? " | " : "") + drawStage(data, channels, 0);
 
-    std::unique_ptr<NuvekTool::Chain> chain;
+    std::unique_ptr<Nuvek::Chain> chain;
     try
     {
-        chain = NuvekTool::buildChain(NuvekTool::parseChainExpression(text), &source);
+        chain = Nuvek::FilterRegistry::buildChain(Nuvek::parseChainExpression(text), &source);
     }
     catch (std::runtime_error const&)
     {

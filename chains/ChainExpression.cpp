@@ -1,9 +1,9 @@
-#include "ChainExpression.h"
+#include <nuvek/chains/ChainExpression.h>
 
 #include <cctype>
 #include <stdexcept>
 
-namespace NuvekTool {
+namespace Nuvek {
 
 namespace {
 
@@ -141,4 +141,4 @@ std::string toString(ChainExpression const& chain)
     return text;
 }
 
-} // namespace NuvekTool
+} // namespace Nuvek

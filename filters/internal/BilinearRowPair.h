@@ -2,7 +2,7 @@
 
 // Internal to the library: not installed.
 
-#include <nuvek/filters/framework/BilinearColumns.h>
+#include "filters/internal/BilinearColumns.h"
 
 #include <limits>
 #include <vector>

@@ -1,10 +1,10 @@
-#include "ChainExpression.h"
+#include <nuvek/chains/ChainExpression.h>
 
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 
-using NuvekTool::parseChainExpression;
+using Nuvek::parseChainExpression;
 
 namespace {
 
@@ -25,28 +25,28 @@ std::string errorOf(std::string const& text)
 
 TEST(ChainExpression, StagesComposeLeftToRightWithTheirWords)
 {
-    NuvekTool::ChainExpression const chain = parseChainExpression("  clamp|gaussian 5 |  sobel magnitude 3 ");
+    Nuvek::ChainExpression const chain = parseChainExpression("  clamp|gaussian 5 |  sobel magnitude 3 ");
     ASSERT_EQ(chain.stages.size(), 3u);
     EXPECT_EQ(chain.stages[0].name, "clamp");
     EXPECT_TRUE(chain.stages[0].arguments.empty());
     ASSERT_EQ(chain.stages[2].arguments.size(), 2u);
     EXPECT_EQ(chain.stages[2].arguments[0].word, "magnitude");
     EXPECT_EQ(chain.stages[2].arguments[1].word, "3");
-    EXPECT_EQ(NuvekTool::toString(chain), "clamp | gaussian 5 | sobel magnitude 3");
+    EXPECT_EQ(Nuvek::toString(chain), "clamp | gaussian 5 | sobel magnitude 3");
 }
 
 TEST(ChainExpression, SubChainsNestAndMayBeEmpty)
 {
-    NuvekTool::ChainExpression const chain =
+    Nuvek::ChainExpression const chain =
         parseChainExpression("difference () (clamp | concat (channel 0) (channel 1 | gaussian 3)) | threshold 0.5");
     ASSERT_EQ(chain.stages.size(), 2u);
     ASSERT_EQ(chain.stages[0].arguments.size(), 2u);
     EXPECT_TRUE(chain.stages[0].arguments[0].isChain());
     EXPECT_TRUE(chain.stages[0].arguments[0].chain->stages.empty());
-    NuvekTool::ChainExpression const& second = *chain.stages[0].arguments[1].chain;
+    Nuvek::ChainExpression const& second = *chain.stages[0].arguments[1].chain;
     ASSERT_EQ(second.stages.size(), 2u);
     EXPECT_EQ(second.stages[1].arguments[1].chain->stages[1].name, "gaussian");
-    EXPECT_EQ(NuvekTool::toString(chain),
+    EXPECT_EQ(Nuvek::toString(chain),
               "difference () (clamp | concat (channel 0) (channel 1 | gaussian 3)) | threshold 0.5");
 }
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace NuvekTool {
+namespace Nuvek {
 
 struct ChainExpression;
 
@@ -38,4 +38,4 @@ ChainExpression parseChainExpression(std::string const& text);
 /// The expression written back in canonical form.
 std::string toString(ChainExpression const& chain);
 
-} // namespace NuvekTool
+} // namespace Nuvek
