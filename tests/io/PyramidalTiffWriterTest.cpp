@@ -407,7 +407,7 @@ TEST(PyramidalTiffWriter, OmeTiffReadsBackBitForBitWithItsLevelsAsSubIfds)
         ASSERT_EQ(file.getExtent(0), test.extent);
         ASSERT_EQ(file.getNumChannels(), test.channels);
         ASSERT_EQ(file.getNumLevels(), 4);
-        EXPECT_EQ(file.getVoxelSize(1), Vector(1000, 1000, 1));
+        EXPECT_EQ(file.getVoxelSize(1), Vector(1000, 1000, 3000));
         Box const whole(test.extent);
         std::vector<double> expected;
         for (double value : image->getValues())
@@ -439,6 +439,54 @@ TEST(PyramidalTiffWriter, OmeTiffReadsBackBitForBitWithItsLevelsAsSubIfds)
         EXPECT_NE(xml.find("SizeZ=\"" + std::to_string(test.extent.z) + "\""), std::string::npos) << xml;
         EXPECT_NE(xml.find("PhysicalSizeX=\"0.5\" PhysicalSizeXUnit=\"\xc2\xb5m\""), std::string::npos) << xml;
         EXPECT_NE(xml.find("PhysicalSizeZ=\"3\""), std::string::npos) << xml;
+    }
+}
+
+// Pages of one channel each: the reader must put them back as channels and slices by the OME-XML,
+// with the names and the voxel size it gives, and every float, NaN and infinities included, intact.
+TEST(PyramidalTiffWriter, OmeTiffChannelPagesReadBackAsChannelsWithNamesAndVoxelSize)
+{
+    NuvekTest::TemporaryDirectory directory;
+    std::mt19937_64 random(37);
+    struct Case
+    {
+        long long channels;
+        Vector extent;
+    };
+    Case const cases[] = {{2, Vector(90, 70, 3)}, {4, Vector(75, 66, 1)}, {4, Vector(40, 50, 2)}};
+    for (Case const& test : cases)
+    {
+        NuvekTest::ValueMix mix;
+        mix.specialShare = 0.02;
+        auto image = NuvekTest::randomImage(random, test.extent, test.channels, mix);
+        std::vector<std::string> names;
+        for (long long c = 0; c < test.channels; ++c)
+            names.push_back("stain " + std::to_string(c) + " µ&<x>");
+        image->setChannelNames(names);
+        image->setVoxelSize(Vector(250, 250, 2000));
+        std::string const path = directory.path("channels" + std::to_string(test.channels) + "z" +
+                                                std::to_string(test.extent.z) + ".ome.tif");
+        PyramidalTiffOptions options;
+        options.tileSize = 16;
+        options.sampleType = TiffSampleType::Float32;
+        options.omeTiff = true;
+        ASSERT_TRUE(writePyramidalTiff(*image, path, options));
+
+        std::string const label = std::to_string(test.channels) + " channels, " + std::to_string(test.extent.z) +
+                                  " slices";
+        TiffImage file(path);
+        ASSERT_EQ(file.getExtent(0), test.extent) << label;
+        ASSERT_EQ(file.getNumChannels(), test.channels) << label;
+        EXPECT_TRUE(file.knowsVoxelSize()) << label;
+        EXPECT_EQ(file.getVoxelSize(0), Vector(250, 250, 2000)) << label;
+        EXPECT_EQ(file.getVoxelSize(1), Vector(500, 500, 2000)) << label;
+        for (long long c = 0; c < test.channels; ++c)
+            EXPECT_EQ(file.getChannelName(c), names[static_cast<std::size_t>(c)]) << label;
+        Box const whole(test.extent);
+        std::vector<double> expected;
+        for (double value : image->getValues())
+            expected.push_back(storedReference(value, TiffSampleType::Float32, 0.0, 1.0));
+        EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(file, 0, whole), whole)) << label;
     }
 }
 
