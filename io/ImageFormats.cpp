@@ -7,7 +7,9 @@ namespace Nuvek {
 namespace {
 
 TiffSampleType const sampleTypes[] = {TiffSampleType::UInt8, TiffSampleType::UInt16, TiffSampleType::Float32};
-TiffCompression const compressions[] = {TiffCompression::None, TiffCompression::Deflate, TiffCompression::LZW};
+TiffCompression const compressions[] = {TiffCompression::None, TiffCompression::Deflate, TiffCompression::LZW,
+                                         TiffCompression::JPEG, TiffCompression::Zstd};
+ZarrCompression const zarrCompressions[] = {ZarrCompression::None, ZarrCompression::Zlib, ZarrCompression::Zstd};
 
 } // namespace
 
@@ -24,7 +26,15 @@ TiffCompression ImageFormats::parseCompression(std::string const& name)
     for (TiffCompression compression : compressions)
         if (name == toString(compression))
             return compression;
-    throw std::runtime_error("the compression must be none, deflate or lzw, got '" + name + "'.");
+    throw std::runtime_error("the compression must be none, deflate, lzw, jpeg or zstd, got '" + name + "'.");
+}
+
+ZarrCompression ImageFormats::parseZarrCompression(std::string const& name)
+{
+    for (ZarrCompression compression : zarrCompressions)
+        if (name == toString(compression))
+            return compression;
+    throw std::runtime_error("the compression must be none, zlib or zstd, got '" + name + "'.");
 }
 
 std::string ImageFormats::toString(TiffSampleType type)
@@ -45,6 +55,19 @@ std::string ImageFormats::toString(TiffCompression compression)
     case TiffCompression::None: return "none";
     case TiffCompression::Deflate: return "deflate";
     case TiffCompression::LZW: return "lzw";
+    case TiffCompression::JPEG: return "jpeg";
+    case TiffCompression::Zstd: return "zstd";
+    }
+    throw std::logic_error("unknown compression");
+}
+
+std::string ImageFormats::toString(ZarrCompression compression)
+{
+    switch (compression)
+    {
+    case ZarrCompression::None: return "none";
+    case ZarrCompression::Zlib: return "zlib";
+    case ZarrCompression::Zstd: return "zstd";
     }
     throw std::logic_error("unknown compression");
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <nuvek/io/OmeZarrWriter.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
 
 #include <string>
@@ -7,7 +8,8 @@
 namespace Nuvek {
 
 /// \brief The names of the writer's sample types and compressions, as the nuvek tool's options and
-/// the Python functions spell them: "uint8", "uint16", "float32"; "none", "deflate", "lzw".
+/// the Python functions spell them: "uint8", "uint16", "float32"; "none", "deflate", "lzw", "jpeg",
+/// "zstd".
 class ImageFormats
 {
 public:
@@ -15,9 +17,13 @@ public:
     static TiffSampleType parseSampleType(std::string const& name);
     /// The compression named name. Throws std::runtime_error listing the names for any other.
     static TiffCompression parseCompression(std::string const& name);
+    /// The OME-Zarr writer's compression named name, as zarr names its codecs: "none", "zlib",
+    /// "zstd". Throws std::runtime_error listing the names for any other.
+    static ZarrCompression parseZarrCompression(std::string const& name);
 
     static std::string toString(TiffSampleType type);
     static std::string toString(TiffCompression compression);
+    static std::string toString(ZarrCompression compression);
 };
 
 } // namespace Nuvek

@@ -2,6 +2,7 @@
 
 #include <nuvek/io/SlideImage.h>
 #include <nuvek/io/TiffImage.h>
+#include <nuvek/io/ZarrImage.h>
 
 #include <openslide.h>
 
@@ -26,6 +27,13 @@ std::string vendorOf(std::string const& path)
 
 std::unique_ptr<Image> openImage(std::string const& path, long long timePoint)
 {
+    if (ZarrImage::isZarr(path))
+    {
+        if (timePoint != 0)
+            throw std::runtime_error("ZarrImage: " + path + ": only time point 0 is read, not " +
+                                     std::to_string(timePoint));
+        return std::make_unique<ZarrImage>(path);
+    }
     std::error_code error;
     if (!std::filesystem::is_regular_file(path, error))
         throw std::runtime_error("cannot read " + path + ": no such file.");
@@ -43,6 +51,8 @@ std::string describeReader(Image const& image)
         return "TiffImage";
     if (auto const* slide = dynamic_cast<SlideImage const*>(&image))
         return "SlideImage (" + slide->getProperty("openslide.vendor") + ")";
+    if (dynamic_cast<ZarrImage const*>(&image) != nullptr)
+        return "ZarrImage";
     return "other";
 }
 

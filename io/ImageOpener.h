@@ -9,7 +9,9 @@ namespace Nuvek {
 
 /// \brief Opens an image file with the reader its content calls for, whatever its name.
 ///
-/// OpenSlide is asked first whether it recognises a vendor format (openslide_detect_vendor). A
+/// A folder holding ".zarray", ".zgroup" or ".zattrs" opens as a ZarrImage (an OME-Zarr group or a
+/// plain zarr array; only its first time point is read, so any other timePoint is refused). For a
+/// file, OpenSlide is asked first whether it recognises a vendor format (openslide_detect_vendor). A
 /// vendor format other than OpenSlide's plain "generic-tiff" opens as a SlideImage (an Aperio SVS or
 /// a Hamamatsu NDPI named .tif included); everything else opens as a TiffImage (plain, OME and
 /// ImageJ TIFF, a .tiff of a vendor that OpenSlide does not know). The tool, the Python package and
@@ -21,12 +23,12 @@ namespace Nuvek {
 /// Throws std::runtime_error naming the file when it does not exist or its reader refuses it.
 std::unique_ptr<Image> openImage(std::string const& path, long long timePoint = 0);
 
-/// The reader behind an image that openImage returned: "TiffImage", "SlideImage (<vendor>)", or
-/// "other" for an image of another class.
+/// The reader behind an image that openImage returned: "TiffImage", "SlideImage (<vendor>)",
+/// "ZarrImage", or "other" for an image of another class.
 std::string describeReader(Image const& image);
 
 /// Whether the file behind the image gives its voxel size (else the voxel size is the stand-in
-/// (1, 1, 1) nm); true for images of other classes.
+/// (1, 1, 1) nm); true for images of other classes, a ZarrImage among them.
 bool knowsVoxelSize(Image const& image);
 
 } // namespace Nuvek

@@ -3,6 +3,10 @@
 #include "io/internal/TiffHandle.h"
 #include "io/internal/TileEncoder.h"
 
+#include "io/internal/OmeXml.h"
+#include "io/internal/OrderedWork.h"
+#include "io/internal/TileSamples.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,147 +37,46 @@ constexpr char const* context = "writePyramidalTiff";
     throw std::runtime_error(std::string(context) + ": " + problem);
 }
 
-struct LevelShape
-{
-    long long width;
-    long long height;
-    long long tilesX;
-    long long tilesY;
-};
+using LevelShape = PyramidLevel;
 
 // Everything fixed before the first tile: the geometry of every level and how samples are stored.
 struct Plan
 {
     long long sourceLevel = 0;
+    // Samples per page, and the image's channels: they differ when every channel has its own pages.
     long long channels = 1;
+    long long imageChannels = 1;
+    long long pagesPerSlice = 1;
+    bool ome = false;
     long long depth = 1;
     long long tileSize = 256;
     TiffSampleType type = TiffSampleType::UInt8;
     long long bytesPerSample = 1;
-    ValueRange<double> range;
+    TiffCompression compression = TiffCompression::Deflate;
+    // The range of every channel; the first one for float samples.
+    std::vector<ValueRange<double>> ranges;
     Vector voxelSize;
     std::vector<LevelShape> levels;
+    // The same, as the tile functions take it.
+    TileLayout layout;
 
     long long tileBytes() const { return tileSize * tileSize * channels * bytesPerSample; }
-    // The page of slice z and level L, in file order.
-    long long directoryOf(long long z, long long level) const
+    long long pages() const { return depth * pagesPerSlice; }
+    // The directory of full-resolution page p and level L in the main chain of a plain pyramid.
+    long long directoryOf(long long page, long long level) const
     {
-        return z * static_cast<long long>(levels.size()) + level;
+        return page * static_cast<long long>(levels.size()) + level;
     }
 };
 
-std::vector<LevelShape> levelsOf(Vector const& extent, long long tileSize)
-{
-    std::vector<LevelShape> levels;
-    long long width = extent.x;
-    long long height = extent.y;
-    while (true)
-    {
-        levels.push_back({width, height, (width + tileSize - 1) / tileSize, (height + tileSize - 1) / tileSize});
-        if ((width <= tileSize && height <= tileSize) || width < 2 || height < 2)
-            break;
-        width /= 2;
-        height /= 2;
-    }
-    return levels;
-}
-
-// Maps a value onto 0..maxStored: the documented mapping, NaN to 0, halves rounded up.
-double scaledSample(double value, ValueRange<double> const& range, double maxStored)
-{
-    if (std::isnan(value))
-        return 0.0;
-    double const scaled = (value - range.min) / (range.max - range.min) * maxStored;
-    return std::clamp(std::floor(scaled + 0.5), 0.0, maxStored);
-}
-
-template <typename Sample>
-void storeSample(unsigned char* tile, long long index, double value)
-{
-    // Finite doubles beyond float's range become infinities, as a float conversion rounds them.
-    if (std::is_floating_point<Sample>::value && std::isfinite(value) &&
-        std::fabs(value) > static_cast<double>(std::numeric_limits<float>::max()))
-        value = value > 0 ? std::numeric_limits<double>::infinity() : -std::numeric_limits<double>::infinity();
-    Sample const sample = static_cast<Sample>(value);
-    std::memcpy(tile + index * static_cast<long long>(sizeof(Sample)), &sample, sizeof(Sample));
-}
-
-template <typename Sample>
-double loadSample(unsigned char const* tile, long long index)
-{
-    Sample sample;
-    std::memcpy(&sample, tile + index * static_cast<long long>(sizeof(Sample)), sizeof(Sample));
-    return static_cast<double>(sample);
-}
-
-// Interleaves a planar region of doubles (size width x height) into the tile, mapped to the
-// stored type; the rest of the tile is 0.
-template <typename Sample>
-void storeRegion(Plan const& plan, double const* region, long long width, long long height, unsigned char* tile)
-{
-    long long const tileSize = plan.tileSize;
-    long long const channels = plan.channels;
-    long long const plane = width * height;
-    double const maxStored = static_cast<double>(std::numeric_limits<Sample>::max());
-    std::memset(tile, 0, static_cast<std::size_t>(plan.tileBytes()));
-    for (long long y = 0; y < height; ++y)
-        for (long long x = 0; x < width; ++x)
-            for (long long c = 0; c < channels; ++c)
-            {
-                double const value = region[c * plane + y * width + x];
-                long long const index = (y * tileSize + x) * channels + c;
-                if (plan.type == TiffSampleType::Float32)
-                    storeSample<Sample>(tile, index, value);
-                else
-                    storeSample<Sample>(tile, index, scaledSample(value, plan.range, maxStored));
-            }
-}
-
-// Fills the tile with 2 x 2 means of the level above. children[j * 2 + i] is the decoded tile
-// (2 tx + i, 2 ty + j) of that level, or empty beyond its edge.
-template <typename Sample>
-void averageChildren(Plan const& plan, std::vector<unsigned char> const* children, long long width, long long height,
-                     unsigned char* tile)
-{
-    long long const tileSize = plan.tileSize;
-    long long const channels = plan.channels;
-    double const maxStored = static_cast<double>(std::numeric_limits<Sample>::max());
-    std::memset(tile, 0, static_cast<std::size_t>(plan.tileBytes()));
-    for (long long y = 0; y < height; ++y)
-    {
-        long long const childY = 2 * y / tileSize;
-        long long const sourceY = 2 * y % tileSize;
-        for (long long x = 0; x < width; ++x)
-        {
-            long long const childX = 2 * x / tileSize;
-            long long const sourceX = 2 * x % tileSize;
-            unsigned char const* child = children[childY * 2 + childX].data();
-            for (long long c = 0; c < channels; ++c)
-            {
-                long long const topLeft = (sourceY * tileSize + sourceX) * channels + c;
-                long long const bottomLeft = topLeft + tileSize * channels;
-                double sum = 0.0;
-                sum += loadSample<Sample>(child, topLeft);
-                sum += loadSample<Sample>(child, topLeft + channels);
-                sum += loadSample<Sample>(child, bottomLeft);
-                sum += loadSample<Sample>(child, bottomLeft + channels);
-                double const mean = sum / 4.0;
-                long long const index = (y * tileSize + x) * channels + c;
-                if (plan.type == TiffSampleType::Float32)
-                    storeSample<Sample>(tile, index, mean);
-                else
-                    storeSample<Sample>(tile, index, std::clamp(std::floor(mean + 0.5), 0.0, maxStored));
-            }
-        }
-    }
-}
 
 // One worker thread's buffers, kept from tile to tile.
 struct Worker
 {
-    Worker(TileEncoder::Method method, int level) : encoder(method, level) {}
+    explicit Worker(TileEncoder&& encoder) : encoder(std::move(encoder)) {}
 
     TileEncoder encoder;
+    SampleStatistics statistics;
     std::vector<double> region;
     std::vector<unsigned char> tile;
     std::vector<unsigned char> children[4];
@@ -189,8 +92,8 @@ public:
     {
     }
 
-    // Computes and compresses tile `index` of slice z at level `level` into `encoded`.
-    void compute(Worker& worker, long long z, long long level, long long index, std::vector<unsigned char>& encoded)
+    // Computes and compresses tile `index` of full-resolution page `page` at level `level` into `encoded`.
+    void compute(Worker& worker, long long page, long long level, long long index, std::vector<unsigned char>& encoded)
     {
         LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
         long long const tileX = index % shape.tilesX;
@@ -199,46 +102,47 @@ public:
         long long const height = std::min(plan.tileSize, shape.height - tileY * plan.tileSize);
         worker.tile.resize(static_cast<std::size_t>(plan.tileBytes()));
         if (level == 0)
-            computeFromImage(worker, z, tileX, tileY, width, height);
+            computeFromImage(worker, page, tileX, tileY, width, height);
         else
-            computeFromLevelAbove(worker, z, level, tileX, tileY, width, height);
-        worker.encoder.encode(worker.tile.data(), worker.tile.size(), encoded);
-    }
-
-private:
-    void computeFromImage(Worker& worker, long long z, long long tileX, long long tileY, long long width,
-                          long long height)
-    {
-        Vector const min(tileX * plan.tileSize, tileY * plan.tileSize, z);
-        Box const box(min, min + Vector(width - 1, height - 1, 0));
-        worker.region.assign(static_cast<std::size_t>(box.getSize() * plan.channels), 0.0);
-        image.openRegion(worker.region.data(), plan.sourceLevel, box);
-        switch (plan.type)
+            computeFromLevelAbove(worker, page, level, tileX, tileY, width, height);
+        try
         {
-        case TiffSampleType::UInt8:
-            storeRegion<std::uint8_t>(plan, worker.region.data(), width, height, worker.tile.data());
-            break;
-        case TiffSampleType::UInt16:
-            storeRegion<std::uint16_t>(plan, worker.region.data(), width, height, worker.tile.data());
-            break;
-        case TiffSampleType::Float32:
-            storeRegion<float>(plan, worker.region.data(), width, height, worker.tile.data());
-            break;
+            worker.encoder.encode(worker.tile.data(), worker.tile.size(), encoded);
+        }
+        catch (std::runtime_error const& error)
+        {
+            fail(error.what());
         }
     }
 
-    void computeFromLevelAbove(Worker& worker, long long z, long long level, long long tileX, long long tileY,
+private:
+    void computeFromImage(Worker& worker, long long page, long long tileX, long long tileY, long long width,
+                          long long height)
+    {
+        long long const z = page / plan.pagesPerSlice;
+        long long const firstChannel = plan.pagesPerSlice > 1 ? page % plan.pagesPerSlice : 0;
+        Vector const min(tileX * plan.tileSize, tileY * plan.tileSize, z);
+        Box const box(min, min + Vector(width - 1, height - 1, 0));
+        worker.region.assign(static_cast<std::size_t>(box.getSize() * plan.imageChannels), 0.0);
+        image.openRegion(worker.region.data(), plan.sourceLevel, box);
+        storeRegion(plan.layout, worker.region.data(), firstChannel, width, height, worker.tile.data(),
+                    worker.statistics);
+    }
+
+    void computeFromLevelAbove(Worker& worker, long long page, long long level, long long tileX, long long tileY,
                                long long width, long long height)
     {
-        long long const directory = plan.directoryOf(z, level - 1);
+        // Directories are told apart by page and level, whichever way the file chains them.
+        long long const directory = page * static_cast<long long>(plan.levels.size()) + level - 1;
         // The level above was finished before this level started; a handle opened now sees it.
         if (worker.readerDirectory != directory)
         {
             worker.reader.reset();
             // Not memory-mapped ("m"): mapped pages of the file would count as the process's memory.
             worker.reader = std::make_unique<TiffHandle>(temporaryPath, "rm", context);
-            if (TIFFSetDirectory(worker.reader->get(), static_cast<tdir_t>(directory)) != 1)
-                worker.reader->fail("cannot read back page " + std::to_string(directory));
+            openDirectory(*worker.reader, page, level - 1);
+            if (plan.compression == TiffCompression::JPEG && plan.channels == 3)
+                TIFFSetField(worker.reader->get(), TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
             worker.readerDirectory = directory;
         }
         LevelShape const& above = plan.levels[static_cast<std::size_t>(level - 1)];
@@ -260,122 +164,31 @@ private:
                     static_cast<tmsize_t>(child.size()))
                     worker.reader->fail("cannot read back tile " + std::to_string(childIndex));
             }
-        switch (plan.type)
-        {
-        case TiffSampleType::UInt8:
-            averageChildren<std::uint8_t>(plan, worker.children, width, height, worker.tile.data());
-            break;
-        case TiffSampleType::UInt16:
-            averageChildren<std::uint16_t>(plan, worker.children, width, height, worker.tile.data());
-            break;
-        case TiffSampleType::Float32:
-            averageChildren<float>(plan, worker.children, width, height, worker.tile.data());
-            break;
-        }
+        averageChildren(plan.layout, worker.children, width, height, worker.tile.data());
+    }
+
+    // Makes level `level` of full-resolution page `page` the reader's current directory: a page of
+    // the main chain in a plain pyramid, a page and then one of its SubIFDs in OME-TIFF.
+    void openDirectory(TiffHandle& reader, long long page, long long level)
+    {
+        TIFF* tiff = reader.get();
+        tdir_t const mainDirectory = static_cast<tdir_t>(plan.ome ? page : plan.directoryOf(page, level));
+        if (TIFFSetDirectory(tiff, mainDirectory) != 1)
+            reader.fail("cannot read back page " + std::to_string(mainDirectory));
+        if (!plan.ome || level == 0)
+            return;
+        std::uint16_t count = 0;
+        toff_t* offsets = nullptr;
+        if (TIFFGetField(tiff, TIFFTAG_SUBIFD, &count, &offsets) != 1 || count < level)
+            reader.fail("cannot find level " + std::to_string(level) + " of page " + std::to_string(page));
+        if (TIFFSetSubDirectory(tiff, offsets[level - 1]) != 1)
+            reader.fail("cannot read back level " + std::to_string(level) + " of page " + std::to_string(page));
     }
 
     Plan const& plan;
     Image& image;
     std::string temporaryPath;
 };
-
-// Runs compute(index, worker) for indices 0..count-1 on the workers and hands the results to
-// consume(index, bytes) on the calling thread, in index order. At most `window` results wait to
-// be consumed. Returns false when consume asked to stop; rethrows the first exception.
-template <typename Compute, typename Consume>
-bool runInOrder(long long count, std::vector<Worker>& workers, long long window, Compute compute, Consume consume)
-{
-    std::mutex mutex;
-    std::condition_variable changed;
-    long long handedOut = 0;
-    long long consumed = 0;
-    bool stop = false;
-    std::exception_ptr error;
-    std::vector<std::vector<unsigned char>> ring(static_cast<std::size_t>(window));
-    std::vector<bool> ready(static_cast<std::size_t>(window), false);
-
-    auto work = [&](Worker& worker) {
-        std::vector<unsigned char> encoded;
-        while (true)
-        {
-            long long index;
-            {
-                std::unique_lock<std::mutex> lock(mutex);
-                changed.wait(lock, [&] { return stop || handedOut >= count || handedOut < consumed + window; });
-                if (stop || handedOut >= count)
-                    return;
-                index = handedOut++;
-            }
-            try
-            {
-                compute(worker, index, encoded);
-            }
-            catch (...)
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                if (!error)
-                    error = std::current_exception();
-                stop = true;
-                changed.notify_all();
-                return;
-            }
-            std::lock_guard<std::mutex> lock(mutex);
-            std::size_t const slot = static_cast<std::size_t>(index % window);
-            ring[slot].swap(encoded);
-            ready[slot] = true;
-            changed.notify_all();
-        }
-    };
-
-    std::vector<std::thread> threads;
-    threads.reserve(workers.size());
-    for (Worker& worker : workers)
-        threads.emplace_back(work, std::ref(worker));
-
-    bool completed = true;
-    std::vector<unsigned char> bytes;
-    for (long long index = 0; index < count; ++index)
-    {
-        {
-            std::unique_lock<std::mutex> lock(mutex);
-            std::size_t const slot = static_cast<std::size_t>(index % window);
-            changed.wait(lock, [&] { return stop || ready[slot]; });
-            if (stop)
-                break;
-            bytes.swap(ring[slot]);
-            ready[slot] = false;
-            consumed = index + 1;
-            changed.notify_all();
-        }
-        bool keepGoing = false;
-        try
-        {
-            keepGoing = consume(index, bytes);
-        }
-        catch (...)
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            if (!error)
-                error = std::current_exception();
-            stop = true;
-            changed.notify_all();
-            break;
-        }
-        if (!keepGoing)
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            stop = true;
-            completed = false;
-            changed.notify_all();
-            break;
-        }
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    if (error)
-        std::rethrow_exception(error);
-    return completed;
-}
 
 // Removes the temporary file unless the write succeeded and renamed it.
 struct TemporaryFile
@@ -390,10 +203,48 @@ struct TemporaryFile
     }
 };
 
+std::uint16_t compressionTag(TiffCompression compression)
+{
+    switch (compression)
+    {
+    case TiffCompression::Deflate:
+        return COMPRESSION_ADOBE_DEFLATE;
+    case TiffCompression::LZW:
+        return COMPRESSION_LZW;
+    case TiffCompression::JPEG:
+        return COMPRESSION_JPEG;
+    case TiffCompression::Zstd:
+        return COMPRESSION_ZSTD;
+    case TiffCompression::None:
+        break;
+    }
+    return COMPRESSION_NONE;
+}
+
+TileEncoder makeEncoder(Plan const& plan, PyramidalTiffOptions const& options)
+{
+    switch (options.compression)
+    {
+    case TiffCompression::Deflate:
+        return TileEncoder(TileEncoder::Method::Deflate, options.deflateLevel);
+    case TiffCompression::LZW:
+        return TileEncoder(TileEncoder::Method::LZW, 0);
+    case TiffCompression::JPEG:
+        return TileEncoder(TileEncoder::Method::JPEG, options.jpegQuality, plan.tileSize, plan.tileSize,
+                           plan.channels);
+    case TiffCompression::Zstd:
+        return TileEncoder(TileEncoder::Method::Zstd, options.zstdLevel);
+    case TiffCompression::None:
+        break;
+    }
+    return TileEncoder(TileEncoder::Method::None, 0);
+}
+
 void describePage(TIFF* tiff, Plan const& plan, long long z, long long level, std::string const& sliceName)
 {
     LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
-    std::uint32_t const subfileType = level > 0 ? FILETYPE_REDUCEDIMAGE : (plan.depth > 1 ? FILETYPE_PAGE : 0);
+    std::uint32_t const subfileType =
+        level > 0 ? FILETYPE_REDUCEDIMAGE : (plan.depth > 1 && !plan.ome ? FILETYPE_PAGE : 0);
     TIFFSetField(tiff, TIFFTAG_SUBFILETYPE, subfileType);
     TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(shape.width));
     TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, static_cast<std::uint32_t>(shape.height));
@@ -405,7 +256,16 @@ void describePage(TIFF* tiff, Plan const& plan, long long z, long long level, st
     TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, static_cast<std::uint16_t>(plan.channels));
     TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
     bool const rgb = plan.channels == 3;
-    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, rgb ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
+    TIFFSetField(tiff, TIFFTAG_COMPRESSION, compressionTag(plan.compression));
+    if (rgb && plan.compression == TiffCompression::JPEG)
+    {
+        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_YCBCR);
+        TIFFSetField(tiff, TIFFTAG_YCBCRSUBSAMPLING, static_cast<std::uint16_t>(2), static_cast<std::uint16_t>(2));
+        float referenceBlackWhite[6] = {0.0f, 255.0f, 128.0f, 255.0f, 128.0f, 255.0f};
+        TIFFSetField(tiff, TIFFTAG_REFERENCEBLACKWHITE, referenceBlackWhite);
+    }
+    else
+        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, rgb ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
     if (!rgb && plan.channels > 1)
     {
         std::vector<std::uint16_t> extra(static_cast<std::size_t>(plan.channels - 1), EXTRASAMPLE_UNSPECIFIED);
@@ -420,42 +280,22 @@ void describePage(TIFF* tiff, Plan const& plan, long long z, long long level, st
     }
     if (plan.type == TiffSampleType::Float32)
     {
-        TIFFSetField(tiff, TIFFTAG_SMINSAMPLEVALUE, plan.range.min);
-        TIFFSetField(tiff, TIFFTAG_SMAXSAMPLEVALUE, plan.range.max);
+        TIFFSetField(tiff, TIFFTAG_SMINSAMPLEVALUE, plan.ranges.front().min);
+        TIFFSetField(tiff, TIFFTAG_SMAXSAMPLEVALUE, plan.ranges.front().max);
     }
+    if (plan.ome && level == 0 && plan.levels.size() > 1)
+    {
+        // Placeholders: libtiff fills in the offsets of the next directories it writes.
+        std::vector<toff_t> offsets(plan.levels.size() - 1, 0);
+        TIFFSetField(tiff, TIFFTAG_SUBIFD, static_cast<std::uint16_t>(offsets.size()), offsets.data());
+    }
+    if (plan.ome)
+        return;
     if (plan.depth > 1 && level == 0)
         TIFFSetField(tiff, TIFFTAG_PAGENUMBER, static_cast<std::uint16_t>(std::min<long long>(z, 65535)),
                      static_cast<std::uint16_t>(std::min<long long>(plan.depth, 65535)));
     if (level == 0 && !sliceName.empty())
         TIFFSetField(tiff, TIFFTAG_PAGENAME, sliceName.c_str());
-}
-
-std::uint16_t compressionTag(TiffCompression compression)
-{
-    switch (compression)
-    {
-    case TiffCompression::Deflate:
-        return COMPRESSION_ADOBE_DEFLATE;
-    case TiffCompression::LZW:
-        return COMPRESSION_LZW;
-    case TiffCompression::None:
-        break;
-    }
-    return COMPRESSION_NONE;
-}
-
-TileEncoder::Method encoderMethod(TiffCompression compression)
-{
-    switch (compression)
-    {
-    case TiffCompression::Deflate:
-        return TileEncoder::Method::Deflate;
-    case TiffCompression::LZW:
-        return TileEncoder::Method::LZW;
-    case TiffCompression::None:
-        break;
-    }
-    return TileEncoder::Method::None;
 }
 
 Plan planFor(Image& image, PyramidalTiffOptions const& options)
@@ -464,6 +304,10 @@ Plan planFor(Image& image, PyramidalTiffOptions const& options)
         fail("the tile size must be a multiple of 16 from 16 to 65536, not " + std::to_string(options.tileSize));
     if (options.deflateLevel < 1 || options.deflateLevel > 12)
         fail("the Deflate level must be from 1 to 12, not " + std::to_string(options.deflateLevel));
+    if (options.zstdLevel < 1 || options.zstdLevel > 22)
+        fail("the zstd level must be from 1 to 22, not " + std::to_string(options.zstdLevel));
+    if (options.jpegQuality < 1 || options.jpegQuality > 100)
+        fail("the JPEG quality must be from 1 to 100, not " + std::to_string(options.jpegQuality));
     if (options.threads < 0)
         fail("the number of threads must not be negative");
     if (options.level < 0 || options.level >= image.getNumLevels())
@@ -476,24 +320,82 @@ Plan planFor(Image& image, PyramidalTiffOptions const& options)
     long long const channels = image.getNumChannels();
     if (channels < 1 || channels > 65535)
         fail("TIFF needs 1 to 65535 channels, the image has " + std::to_string(channels));
+    if (options.compression == TiffCompression::JPEG && options.sampleType != TiffSampleType::UInt8)
+        fail("JPEG compression needs uint8 samples");
+    if (options.compression == TiffCompression::JPEG && channels != 1 && channels != 3 && !options.omeTiff)
+        fail("JPEG compression needs 1 (grey) or 3 (RGB) channels, the image has " + std::to_string(channels));
+    if (TIFFIsCODECConfigured(compressionTag(options.compression)) != 1)
+        fail("this libtiff cannot write the chosen compression");
+    if (!options.channelRanges.empty() && static_cast<long long>(options.channelRanges.size()) != channels)
+        fail("there are " + std::to_string(options.channelRanges.size()) + " channel ranges for " +
+             std::to_string(channels) + " channels");
 
     Plan plan;
     plan.sourceLevel = options.level;
     plan.channels = channels;
+    plan.imageChannels = channels;
+    plan.ome = options.omeTiff;
     plan.depth = extent.z;
+    if (plan.ome && !(channels == 3 && options.sampleType == TiffSampleType::UInt8))
+    {
+        plan.channels = 1;
+        plan.pagesPerSlice = channels;
+    }
+    if (plan.pages() > 0xfffe)
+        fail("TIFF holds at most 65534 pages, the image needs " + std::to_string(plan.pages()));
     plan.tileSize = options.tileSize;
     plan.type = options.sampleType;
     plan.bytesPerSample = plan.type == TiffSampleType::UInt8 ? 1 : (plan.type == TiffSampleType::UInt16 ? 2 : 4);
-    plan.range = options.valueRange ? *options.valueRange : image.getValueRange();
-    if (plan.type != TiffSampleType::Float32 &&
-        !(std::isfinite(plan.range.min) && std::isfinite(plan.range.max) && plan.range.max > plan.range.min))
-        fail("the value range must be finite with max > min to map onto integer samples");
+    plan.compression = options.compression;
+    plan.ranges = options.channelRanges;
+    if (plan.ranges.empty())
+        plan.ranges.assign(static_cast<std::size_t>(channels),
+                           options.valueRange ? *options.valueRange : image.getValueRange());
+    for (ValueRange<double> const& range : plan.ranges)
+        if (plan.type != TiffSampleType::Float32 &&
+            !(std::isfinite(range.min) && std::isfinite(range.max) && range.max > range.min))
+            fail("the value range must be finite with max > min to map onto integer samples");
     if (plan.tileBytes() > TiffHandle::maxAllocation)
         fail("a tile of " + std::to_string(plan.tileSize) + " x " + std::to_string(plan.tileSize) + " voxels and " +
              std::to_string(channels) + " channels is too large");
     plan.voxelSize = image.getVoxelSize(options.level);
-    plan.levels = levelsOf(extent, plan.tileSize);
+    plan.levels = pyramidLevels(extent, plan.tileSize);
+    plan.layout.type = plan.type;
+    plan.layout.tileSize = plan.tileSize;
+    plan.layout.samples = plan.channels;
+    plan.layout.ranges = plan.ranges;
     return plan;
+}
+
+OmeDescription omeDescriptionOf(Image& image, Plan const& plan, std::string const& path)
+{
+    OmeDescription description;
+    std::string const file = path.substr(path.find_last_of('/') + 1);
+    description.name = file.substr(0, file.find('.'));
+    description.sizeX = plan.levels.front().width;
+    description.sizeY = plan.levels.front().height;
+    description.sizeZ = plan.depth;
+    description.sizeC = plan.imageChannels;
+    description.pixelType =
+        plan.type == TiffSampleType::UInt8 ? "uint8" : (plan.type == TiffSampleType::UInt16 ? "uint16" : "float");
+    description.interleaved = plan.pagesPerSlice == 1 && plan.imageChannels > 1;
+    for (long long c = 0; c < plan.imageChannels; ++c)
+    {
+        // Some filters cannot name a channel they made; such a channel is called by its number.
+        try
+        {
+            std::string const name = image.getChannelName(c);
+            description.channelNames.push_back(name.empty() ? "Channel " + std::to_string(c) : name);
+        }
+        catch (std::runtime_error const&)
+        {
+            description.channelNames.push_back("Channel " + std::to_string(c));
+        }
+    }
+    description.voxelX = plan.voxelSize.x;
+    description.voxelY = plan.voxelSize.y;
+    description.voxelZ = plan.voxelSize.z;
+    return description;
 }
 
 std::string makeTemporaryFile(std::string const& path)
@@ -519,7 +421,7 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
         options.threads > 0 ? options.threads : std::max(1u, std::thread::hardware_concurrency());
     long long totalTiles = 0;
     for (LevelShape const& shape : plan.levels)
-        totalTiles += shape.tilesX * shape.tilesY * plan.depth;
+        totalTiles += shape.tilesX * shape.tilesY * plan.pages();
 
     TemporaryFile temporary{makeTemporaryFile(path)};
     auto output = std::make_unique<TiffHandle>(temporary.path, "w8", context);
@@ -527,20 +429,23 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
     std::vector<Worker> workers;
     workers.reserve(static_cast<std::size_t>(threads));
     for (long long i = 0; i < threads; ++i)
-        workers.emplace_back(encoderMethod(options.compression), options.deflateLevel);
+        workers.emplace_back(makeEncoder(plan, options));
     TileComputer computer(plan, image, temporary.path);
 
+    std::string const description = plan.ome ? omeXml(omeDescriptionOf(image, plan, path)) : std::string();
     long long done = 0;
-    for (long long z = 0; z < plan.depth; ++z)
+    for (long long page = 0; page < plan.pages(); ++page)
     {
+        long long const z = page / plan.pagesPerSlice;
         std::string const sliceName = image.getSliceName(z);
         for (long long level = 0; level < static_cast<long long>(plan.levels.size()); ++level)
         {
             describePage(tiff, plan, z, level, sliceName);
-            TIFFSetField(tiff, TIFFTAG_COMPRESSION, compressionTag(options.compression));
+            if (page == 0 && level == 0 && plan.ome)
+                TIFFSetField(tiff, TIFFTAG_IMAGEDESCRIPTION, description.c_str());
             LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
-            auto compute = [&, z, level](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
-                computer.compute(worker, z, level, index, encoded);
+            auto compute = [&, page, level](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
+                computer.compute(worker, page, level, index, encoded);
             };
             auto consume = [&](long long index, std::vector<unsigned char>& bytes) {
                 if (TIFFWriteRawTile(tiff, static_cast<ttile_t>(index), bytes.data(),
@@ -552,8 +457,15 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
             if (!runInOrder(shape.tilesX * shape.tilesY, workers, 2 * threads, compute, consume))
                 return false;
             if (TIFFWriteDirectory(tiff) != 1)
-                output->fail("cannot write the page of slice " + std::to_string(z) + ", level " + std::to_string(level));
+                output->fail("cannot write page " + std::to_string(page) + ", level " + std::to_string(level));
         }
+    }
+    if (options.statistics != nullptr)
+    {
+        *options.statistics = SampleStatistics();
+        if (plan.type != TiffSampleType::Float32)
+            for (Worker const& worker : workers)
+                addStatistics(*options.statistics, worker.statistics);
     }
     // Readers of the temporary file close before it is renamed.
     workers.clear();

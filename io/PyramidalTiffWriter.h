@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Nuvek {
 
@@ -13,7 +14,11 @@ enum class TiffCompression
 {
     None,
     Deflate,
-    LZW
+    LZW,
+    /// Lossy, for uint8 samples of 1 (grey) or 3 (RGB) channels: a baseline JPEG stream per tile,
+    /// RGB stored as YCbCr with the colour halved along x and y, as slide scanners store it.
+    JPEG,
+    Zstd
 };
 
 /// The sample type writePyramidalTiff stores.
@@ -24,6 +29,18 @@ enum class TiffSampleType
     Float32
 };
 
+/// \brief How the level-0 samples of a write fell against the value range of integer samples.
+struct SampleStatistics
+{
+    /// Samples mapped onto integers (NaN not counted).
+    long long samples = 0;
+    /// Samples whose value lay below or above the range, stored as 0 or the type's maximum.
+    long long saturated = 0;
+    /// The lowest and highest integer stored (0 and 0 when no sample was counted).
+    double lowestStored = 0.0;
+    double highestStored = 0.0;
+};
+
 /// \brief Options of writePyramidalTiff.
 struct PyramidalTiffOptions
 {
@@ -32,9 +49,19 @@ struct PyramidalTiffOptions
     TiffCompression compression = TiffCompression::Deflate;
     /// The Deflate level, 1 (fastest) to 12 (smallest).
     int deflateLevel = 6;
+    /// The zstd level, 1 (fastest) to 22 (smallest).
+    int zstdLevel = 3;
+    /// The JPEG quality, 1 to 100.
+    int jpegQuality = 90;
     TiffSampleType sampleType = TiffSampleType::UInt8;
     /// The range that integer sample types map from; the image's getValueRange() when unset.
     std::optional<ValueRange<double>> valueRange;
+    /// One range per channel for integer sample types, overriding valueRange when not empty.
+    std::vector<ValueRange<double>> channelRanges;
+    /// When set, receives how the level-0 samples fell against the range (integer types only).
+    SampleStatistics* statistics = nullptr;
+    /// Write OME-TIFF (see writePyramidalTiff) instead of a plain pyramid.
+    bool omeTiff = false;
     /// The image's level that becomes the file's level 0.
     long long level = 0;
     /// Worker threads that compute and compress tiles; 0 means one per processor.
@@ -54,10 +81,21 @@ struct PyramidalTiffOptions
 /// of the 2 x 2 block of stored level-L voxels that it covers (added row by row, divided by 4,
 /// then stored as below); a last odd row or column of level L is not used, so the extents are those
 /// MemoryImage gives its levels. Three channels are stored as RGB, any other number as
-/// grey with extra samples, interleaved. The voxel size of options.level is stored as the
+/// grey with extra samples, interleaved. JPEG tiles are compressed whole (a tile beyond the
+/// image's edge is padded with 0); coarser levels average the decoded tiles of the level above.
+/// The voxel size of options.level is stored as the
 /// resolution in pixels per centimetre, read as nanometres; level L stores 2^L times it.
 ///
-/// Stored values, with (min, max) the value range:
+/// With options.omeTiff, the file is an OME-TIFF instead, as microscopy software reads it: the
+/// full-resolution pages form the main chain and each one's coarser levels are its SubIFDs. An image
+/// of 3 channels stored as uint8 has one RGB page per z slice; any other has one single-sample page
+/// per channel and z slice, channels varying fastest. The first page's ImageDescription is OME-XML
+/// (dimension order XYCZT, SizeC, SizeZ, the channel names from getChannelName ("Channel c" for an
+/// empty name or one the image cannot give), PhysicalSizeX, Y and
+/// Z in micrometres from the voxel size). Each channel page asks the image for its tiles, so the
+/// image computes every level-0 tile once per channel.
+///
+/// Stored values, with (min, max) the channel's value range:
 /// - UInt8, UInt16: round((v - min) / (max - min) * M), M = 255 or 65535, rounding halves up and
 ///   clamping to 0 and M; NaN stores 0, +infinity M, -infinity 0. The range must be finite with
 ///   max > min. Coarser levels average stored samples and round halves up the same way.

@@ -13,17 +13,18 @@ build=build/fuzz
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DNUVEK_SANITIZE=address,undefined -DNUVEK_BUILD_FUZZERS=ON -DNUVEK_BUILD_EXAMPLES=OFF \
     -DNUVEK_BUILD_BENCHMARKS=OFF >/dev/null
-cmake --build "$build" -j "$(nproc)" --target fuzz_chains fuzz_tiff_image fuzz_metadata
+cmake --build "$build" -j "$(nproc)" --target fuzz_chains fuzz_tiff_image fuzz_metadata fuzz_zarr_image
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 mkdir -p "$build/findings"
 status=0
-for target in chains tiff_image metadata; do
+for target in chains tiff_image metadata zarr_image; do
     case $target in
         chains) corpus=tests/reliability/fuzz/corpus; binary="$build/tests/reliability/fuzz/fuzz_chains" ;;
         tiff_image) corpus=tests/io/fuzz/corpus; binary="$build/tests/io/fuzz/fuzz_tiff_image" ;;
         metadata) corpus=tests/io/fuzz/metadata-corpus; binary="$build/tests/io/fuzz/fuzz_metadata" ;;
+        zarr_image) corpus=tests/io/fuzz/zarr-corpus; binary="$build/tests/io/fuzz/fuzz_zarr_image" ;;
     esac
     work="$build/corpus-$target"
     rm -rf "$work" && mkdir -p "$work"

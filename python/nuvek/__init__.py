@@ -52,12 +52,14 @@ from ._nuvek import (  # noqa: F401
     UpsampleFilter,
     ValueReplacementFilter,
     VoxelSizeModificationFilter,
+    ZarrImage,
     ZStackFilter,
     canonical_chain_expression,
     describe_filters,
     filters,
     is_shareable,
     open_image,
+    write_ome_zarr,
     write_pyramidal_tiff,
 )
 

@@ -57,9 +57,10 @@ py::dict describeEntry(Nuvek::FilterEntry const& entry)
 void bindChains(py::module_& module)
 {
     module.def("open_image", &Nuvek::openImage, py::arg("path"), py::arg("time") = 0, R"doc(
-Opens an image file as the nuvek tool does, choosing the reader by the file's content: a vendor
-whole-slide format that OpenSlide recognises as a SlideImage, plain, OME and ImageJ TIFF as a
-TiffImage, whatever the file's name. time picks the time point of a file with several.
+Opens an image file as the nuvek tool does, choosing the reader by the file's content: a folder
+holding a zarr group or array as a ZarrImage, a vendor whole-slide format that OpenSlide recognises
+as a SlideImage, plain, OME and ImageJ TIFF as a TiffImage, whatever the file's name. time picks
+the time point of a file with several.
 )doc");
 
     module.def(

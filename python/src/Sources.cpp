@@ -3,8 +3,10 @@
 #include <nuvek/core/MemoryImage.h>
 #include <nuvek/io/ImageFormats.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
+#include <nuvek/io/OmeZarrWriter.h>
 #include <nuvek/io/SlideImage.h>
 #include <nuvek/io/TiffImage.h>
+#include <nuvek/io/ZarrImage.h>
 
 #include <pybind11/functional.h>
 #include <pybind11/stl.h>
@@ -93,7 +95,7 @@ public:
 
 // A writer option named by a string; a bad name is a ValueError with the library's message.
 template <typename Parse>
-auto namedOption(std::string const& name, Parse parse)
+auto namedOption(char const* function, std::string const& name, Parse parse)
 {
     try
     {
@@ -101,7 +103,7 @@ auto namedOption(std::string const& name, Parse parse)
     }
     catch (std::runtime_error const& error)
     {
-        throw py::value_error(std::string("write_pyramidal_tiff: ") + error.what());
+        throw py::value_error(std::string(function) + ": " + error.what());
     }
 }
 
@@ -199,6 +201,13 @@ description says (else z slices). time picks the time point of a file with sever
         .def("has_level", &Nuvek::TiffImage::hasLevel, py::arg("level"))
         .def("get_blocks_decoded", &Nuvek::TiffImage::getBlocksDecoded);
 
+    py::class_<Nuvek::ZarrImage, Image>(module, "ZarrImage", R"doc(
+A source image read from a zarr (version 2) folder: an OME-Zarr multiscale group (one level per
+dataset) or a plain array of 2 to 5 dimensions (from the last: x, y, z, c, t); values unscaled.
+)doc")
+        .def(py::init<std::string const&>(), py::arg("path"))
+        .def("get_data_type", &Nuvek::ZarrImage::getDataType);
+
     py::class_<Nuvek::SlideImage, Image>(module, "SlideImage", R"doc(
 A source image read from a whole-slide file through OpenSlide: channels "Red", "Green" and "Blue"
 with values from 0 to 255, one z slice.
@@ -215,11 +224,13 @@ void bindWriter(py::module_& module)
         "write_pyramidal_tiff",
         [](Image& image, std::string const& path, long long tileSize, std::string const& compression,
            std::string const& sampleType, std::optional<Nuvek::ValueRange<double>> valueRange, long long level,
-           int threads, std::function<bool(long long, long long)> progress) {
+           int threads, std::function<bool(long long, long long)> progress, bool omeTiff, int quality) {
             Nuvek::PyramidalTiffOptions options;
+            options.omeTiff = omeTiff;
+            options.jpegQuality = quality;
             options.tileSize = tileSize;
-            options.compression = namedOption(compression, Nuvek::ImageFormats::parseCompression);
-            options.sampleType = namedOption(sampleType, Nuvek::ImageFormats::parseSampleType);
+            options.compression = namedOption("write_pyramidal_tiff", compression, Nuvek::ImageFormats::parseCompression);
+            options.sampleType = namedOption("write_pyramidal_tiff", sampleType, Nuvek::ImageFormats::parseSampleType);
             options.valueRange = valueRange;
             options.level = level;
             options.threads = threads;
@@ -233,13 +244,46 @@ void bindWriter(py::module_& module)
         },
         py::arg("image"), py::arg("path"), py::kw_only(), py::arg("tile_size") = 256,
         py::arg("compression") = "deflate", py::arg("sample_type") = "uint8", py::arg("value_range") = py::none(),
-        py::arg("level") = 0, py::arg("threads") = 0, py::arg("progress") = py::none(),
+        py::arg("level") = 0, py::arg("threads") = 0, py::arg("progress") = py::none(), py::arg("ome_tiff") = false,
+        py::arg("quality") = 90,
         R"doc(
 Writes image as a tiled pyramidal BigTIFF: its level `level` as the file's level 0, then coarser levels
 of 2 x 2 means down to one tile. sample_type 'uint8' or 'uint16' maps value_range (the image's own
 range when None) onto the integer range; 'float32' stores values unscaled. progress(done, total),
 when given, is called after every tile and cancels the write by returning False. Returns True when
-the file was written. The file appears at path only when complete.
+the file was written. The file appears at path only when complete. compression is 'none', 'deflate',
+'lzw', 'zstd' or 'jpeg' (uint8 grey or RGB only, at `quality`). ome_tiff=True writes OME-TIFF: full
+resolution pages with their levels as SubIFDs and OME-XML naming the axes, channels and physical sizes.
+)doc");
+
+    module.def(
+        "write_ome_zarr",
+        [](Image& image, std::string const& path, long long chunkSize, std::string const& compression,
+           int compressionLevel, std::string const& sampleType, std::optional<Nuvek::ValueRange<double>> valueRange,
+           long long level, int threads, std::function<bool(long long, long long)> progress) {
+            Nuvek::OmeZarrOptions options;
+            options.chunkSize = chunkSize;
+            options.compression = namedOption("write_ome_zarr", compression, Nuvek::ImageFormats::parseZarrCompression);
+            options.compressionLevel = compressionLevel;
+            options.sampleType = namedOption("write_ome_zarr", sampleType, Nuvek::ImageFormats::parseSampleType);
+            options.valueRange = valueRange;
+            options.level = level;
+            options.threads = threads;
+            if (progress)
+                options.progress = [&progress](long long done, long long total) {
+                    py::gil_scoped_acquire gil;
+                    return progress(done, total);
+                };
+            py::gil_scoped_release release;
+            return Nuvek::writeOmeZarr(image, path, options);
+        },
+        py::arg("image"), py::arg("path"), py::kw_only(), py::arg("chunk_size") = 256, py::arg("compression") = "zstd",
+        py::arg("compression_level") = 0, py::arg("sample_type") = "float32", py::arg("value_range") = py::none(),
+        py::arg("level") = 0, py::arg("threads") = 0, py::arg("progress") = py::none(),
+        R"doc(
+Writes image as an OME-Zarr (NGFF 0.4, zarr v2) multiscale group: arrays "0", "1", ... of axes
+(c, z, y, x), chunks (1, 1, chunk_size, chunk_size), levels of 2 x 2 means as write_pyramidal_tiff
+makes them, compression 'none', 'zlib' or 'zstd'. The group appears at path only when complete.
 )doc");
 }
 

@@ -11,6 +11,7 @@
 #include "support/VoxelCompare.h"
 
 #include <gtest/gtest.h>
+#include <tiffio.h>
 
 #include <atomic>
 #include <cmath>
@@ -80,7 +81,7 @@ std::vector<double> halvedReference(std::vector<double> const& above, Vector con
 std::string nameOf(TiffSampleType type, TiffCompression compression)
 {
     std::string const types[] = {"uint8", "uint16", "float32"};
-    std::string const compressions[] = {"none", "deflate", "lzw"};
+    std::string const compressions[] = {"none", "deflate", "lzw", "jpeg", "zstd"};
     return types[static_cast<int>(type)] + "/" + compressions[static_cast<int>(compression)];
 }
 
@@ -118,7 +119,8 @@ TEST(PyramidalTiffWriter, EverySampleTypeAndCompressionRoundTrips)
     auto image = NuvekTest::randomImage(random, Vector(301, 170, 1), 3, mix);
     image->setValueRange(Nuvek::ValueRange<double>(0.0, 100.0));
     for (TiffSampleType type : {TiffSampleType::UInt8, TiffSampleType::UInt16, TiffSampleType::Float32})
-        for (TiffCompression compression : {TiffCompression::None, TiffCompression::Deflate, TiffCompression::LZW})
+        for (TiffCompression compression :
+             {TiffCompression::None, TiffCompression::Deflate, TiffCompression::LZW, TiffCompression::Zstd})
         {
             std::string const name = nameOf(type, compression);
             std::string const path = directory.path("round" + std::to_string(static_cast<int>(type)) +
@@ -326,12 +328,32 @@ TEST(PyramidalTiffWriter, BadOptionsAreRejectedBeforeAnythingIsWritten)
     options.deflateLevel = 0;
     EXPECT_EQ(write(options), "writePyramidalTiff: the Deflate level must be from 1 to 12, not 0");
     options.deflateLevel = 1;
+    options.zstdLevel = 23;
+    EXPECT_EQ(write(options), "writePyramidalTiff: the zstd level must be from 1 to 22, not 23");
+    options.zstdLevel = 1;
+    options.jpegQuality = 0;
+    EXPECT_EQ(write(options), "writePyramidalTiff: the JPEG quality must be from 1 to 100, not 0");
+    options.jpegQuality = 90;
     options.threads = -1;
     EXPECT_EQ(write(options), "writePyramidalTiff: the number of threads must not be negative");
     options.threads = 0;
     options.level = 6;
     EXPECT_EQ(write(options), "writePyramidalTiff: the image has no level 6");
     options.level = 0;
+    options.compression = TiffCompression::JPEG;
+    options.sampleType = TiffSampleType::UInt16;
+    EXPECT_EQ(write(options), "writePyramidalTiff: JPEG compression needs uint8 samples");
+    options.sampleType = TiffSampleType::UInt8;
+    MemoryImage twoChannels(Vector(40, 40, 1), 2);
+    EXPECT_EQ(messageOf([&] { writePyramidalTiff(twoChannels, path, options); }),
+              "writePyramidalTiff: JPEG compression needs 1 (grey) or 3 (RGB) channels, the image has 2");
+    options.compression = TiffCompression::Deflate;
+    options.channelRanges = {Nuvek::ValueRange<double>(0.0, 1.0), Nuvek::ValueRange<double>(0.0, 2.0)};
+    EXPECT_EQ(write(options), "writePyramidalTiff: there are 2 channel ranges for 1 channels");
+    options.channelRanges = {Nuvek::ValueRange<double>(0.0, -1.0)};
+    EXPECT_EQ(write(options),
+              "writePyramidalTiff: the value range must be finite with max > min to map onto integer samples");
+    options.channelRanges.clear();
     options.valueRange = Nuvek::ValueRange<double>(1.0, 1.0);
     EXPECT_EQ(write(options),
               "writePyramidalTiff: the value range must be finite with max > min to map onto integer samples");
@@ -352,6 +374,247 @@ TEST(PyramidalTiffWriter, BadOptionsAreRejectedBeforeAnythingIsWritten)
               0u);
 }
 
+TEST(PyramidalTiffWriter, OmeTiffReadsBackBitForBitWithItsLevelsAsSubIfds)
+{
+    NuvekTest::TemporaryDirectory directory;
+    std::mt19937_64 random(31);
+    struct Case
+    {
+        long long channels;
+        Vector extent;
+        TiffSampleType type;
+    };
+    // One RGB page per slice, and single-channel float slices: both read as slices by TiffImage.
+    Case const cases[] = {{3, Vector(150, 100, 1), TiffSampleType::UInt8},
+                          {1, Vector(140, 110, 3), TiffSampleType::Float32}};
+    for (Case const& test : cases)
+    {
+        NuvekTest::ValueMix mix;
+        mix.low = 0.0;
+        mix.high = 255.0;
+        mix.specialShare = 0.0;
+        auto image = NuvekTest::randomImage(random, test.extent, test.channels, mix);
+        image->setValueRange(Nuvek::ValueRange<double>(0.0, 255.0));
+        image->setVoxelSize(Vector(500, 500, 3000));
+        std::string const path = directory.path("image" + std::to_string(test.channels) + ".ome.tif");
+        PyramidalTiffOptions options;
+        options.tileSize = 32;
+        options.sampleType = test.type;
+        options.omeTiff = true;
+        ASSERT_TRUE(writePyramidalTiff(*image, path, options));
+
+        TiffImage file(path);
+        ASSERT_EQ(file.getExtent(0), test.extent);
+        ASSERT_EQ(file.getNumChannels(), test.channels);
+        ASSERT_EQ(file.getNumLevels(), 4);
+        EXPECT_EQ(file.getVoxelSize(1), Vector(1000, 1000, 3000));
+        Box const whole(test.extent);
+        std::vector<double> expected;
+        for (double value : image->getValues())
+            expected.push_back(storedReference(value, test.type, 0.0, 255.0));
+        EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(file, 0, whole), whole));
+        for (long long level = 1; level < 4; ++level)
+        {
+            Vector const aboveExtent = file.getExtent(level - 1);
+            Vector const extent = file.getExtent(level);
+            std::vector<double> const above = NuvekTest::openWhole(file, level - 1, Box(aboveExtent));
+            EXPECT_TRUE(NuvekTest::sameBits(halvedReference(above, aboveExtent, extent, test.channels, test.type),
+                                            NuvekTest::openWhole(file, level, Box(extent)), Box(extent)))
+                << "level " << level;
+        }
+
+        // The main chain holds only full-resolution pages; the first one describes the image.
+        TIFF* tiff = TIFFOpen(path.c_str(), "r");
+        ASSERT_NE(tiff, nullptr);
+        EXPECT_EQ(TIFFNumberOfDirectories(tiff), test.extent.z);
+        std::uint16_t count = 0;
+        toff_t* offsets = nullptr;
+        ASSERT_EQ(TIFFGetField(tiff, TIFFTAG_SUBIFD, &count, &offsets), 1);
+        EXPECT_EQ(count, 3);
+        char* description = nullptr;
+        ASSERT_EQ(TIFFGetField(tiff, TIFFTAG_IMAGEDESCRIPTION, &description), 1);
+        std::string const xml = description;
+        TIFFClose(tiff);
+        EXPECT_NE(xml.find("DimensionOrder=\"XYCZT\""), std::string::npos) << xml;
+        EXPECT_NE(xml.find("SizeZ=\"" + std::to_string(test.extent.z) + "\""), std::string::npos) << xml;
+        EXPECT_NE(xml.find("PhysicalSizeX=\"0.5\" PhysicalSizeXUnit=\"\xc2\xb5m\""), std::string::npos) << xml;
+        EXPECT_NE(xml.find("PhysicalSizeZ=\"3\""), std::string::npos) << xml;
+    }
+}
+
+// Pages of one channel each: the reader must put them back as channels and slices by the OME-XML,
+// with the names and the voxel size it gives, and every float, NaN and infinities included, intact.
+TEST(PyramidalTiffWriter, OmeTiffChannelPagesReadBackAsChannelsWithNamesAndVoxelSize)
+{
+    NuvekTest::TemporaryDirectory directory;
+    std::mt19937_64 random(37);
+    struct Case
+    {
+        long long channels;
+        Vector extent;
+    };
+    Case const cases[] = {{2, Vector(90, 70, 3)}, {4, Vector(75, 66, 1)}, {4, Vector(40, 50, 2)}};
+    for (Case const& test : cases)
+    {
+        NuvekTest::ValueMix mix;
+        mix.specialShare = 0.02;
+        auto image = NuvekTest::randomImage(random, test.extent, test.channels, mix);
+        std::vector<std::string> names;
+        for (long long c = 0; c < test.channels; ++c)
+            names.push_back("stain " + std::to_string(c) + " µ&<x>");
+        image->setChannelNames(names);
+        image->setVoxelSize(Vector(250, 250, 2000));
+        std::string const path = directory.path("channels" + std::to_string(test.channels) + "z" +
+                                                std::to_string(test.extent.z) + ".ome.tif");
+        PyramidalTiffOptions options;
+        options.tileSize = 16;
+        options.sampleType = TiffSampleType::Float32;
+        options.omeTiff = true;
+        ASSERT_TRUE(writePyramidalTiff(*image, path, options));
+
+        std::string const label = std::to_string(test.channels) + " channels, " + std::to_string(test.extent.z) +
+                                  " slices";
+        TiffImage file(path);
+        ASSERT_EQ(file.getExtent(0), test.extent) << label;
+        ASSERT_EQ(file.getNumChannels(), test.channels) << label;
+        EXPECT_TRUE(file.knowsVoxelSize()) << label;
+        EXPECT_EQ(file.getVoxelSize(0), Vector(250, 250, 2000)) << label;
+        EXPECT_EQ(file.getVoxelSize(1), Vector(500, 500, 2000)) << label;
+        for (long long c = 0; c < test.channels; ++c)
+            EXPECT_EQ(file.getChannelName(c), names[static_cast<std::size_t>(c)]) << label;
+        Box const whole(test.extent);
+        std::vector<double> expected;
+        for (double value : image->getValues())
+            expected.push_back(storedReference(value, TiffSampleType::Float32, 0.0, 1.0));
+        EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(file, 0, whole), whole)) << label;
+    }
+}
+
+TEST(PyramidalTiffWriter, OmeXmlEscapesChannelNames)
+{
+    NuvekTest::TemporaryDirectory directory;
+    MemoryImage image(Vector(20, 20, 1), 2);
+    image.setChannelNames({"a&b <c>", "\"q\" 'r'\x01"});
+    std::string const path = directory.path("names.ome.tif");
+    PyramidalTiffOptions options;
+    options.omeTiff = true;
+    options.sampleType = TiffSampleType::Float32;
+    ASSERT_TRUE(writePyramidalTiff(image, path, options));
+    TIFF* tiff = TIFFOpen(path.c_str(), "r");
+    ASSERT_NE(tiff, nullptr);
+    char* description = nullptr;
+    ASSERT_EQ(TIFFGetField(tiff, TIFFTAG_IMAGEDESCRIPTION, &description), 1);
+    std::string const xml = description;
+    TIFFClose(tiff);
+    EXPECT_NE(xml.find("Name=\"a&amp;b &lt;c&gt;\""), std::string::npos) << xml;
+    EXPECT_NE(xml.find("Name=\"&quot;q&quot; &apos;r&apos; \""), std::string::npos) << xml;
+    EXPECT_NE(xml.find("Name=\"names\""), std::string::npos) << xml;
+}
+
+TEST(PyramidalTiffWriter, ChannelRangesMapEachChannelAndTheStatisticsCountWhatWasClipped)
+{
+    NuvekTest::TemporaryDirectory directory;
+    std::mt19937_64 random(23);
+    NuvekTest::ValueMix mix;
+    mix.low = -10.0;
+    mix.high = 30.0;
+    mix.specialShare = 0.05;
+    auto image = NuvekTest::randomImage(random, Vector(90, 70, 1), 2, mix);
+    PyramidalTiffOptions options;
+    options.tileSize = 32;
+    options.sampleType = TiffSampleType::UInt16;
+    options.channelRanges = {Nuvek::ValueRange<double>(0.0, 20.0), Nuvek::ValueRange<double>(-10.0, 10.0)};
+    Nuvek::SampleStatistics statistics;
+    options.statistics = &statistics;
+    options.threads = 3;
+    std::string const path = directory.path("ranges.tif");
+    ASSERT_TRUE(writePyramidalTiff(*image, path, options));
+
+    std::vector<double> const& values = image->getValues();
+    std::vector<double> expected;
+    long long samples = 0;
+    long long saturated = 0;
+    double lowest = 65535.0;
+    double highest = 0.0;
+    long long const plane = 90 * 70;
+    for (std::size_t i = 0; i < values.size(); ++i)
+    {
+        Nuvek::ValueRange<double> const range = options.channelRanges[i / static_cast<std::size_t>(plane)];
+        double const stored = storedReference(values[i], TiffSampleType::UInt16, range.min, range.max);
+        expected.push_back(stored);
+        if (std::isnan(values[i]))
+            continue;
+        ++samples;
+        double const scaled = std::floor((values[i] - range.min) / (range.max - range.min) * 65535.0 + 0.5);
+        saturated += scaled < 0.0 || scaled > 65535.0 ? 1 : 0;
+        lowest = std::min(lowest, stored);
+        highest = std::max(highest, stored);
+    }
+    TiffImage file(path);
+    Box const whole(Vector(90, 70, 1));
+    EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(file, 0, whole), whole));
+    EXPECT_EQ(statistics.samples, samples);
+    EXPECT_EQ(statistics.saturated, saturated);
+    EXPECT_GT(saturated, 0);
+    EXPECT_EQ(statistics.lowestStored, lowest);
+    EXPECT_EQ(statistics.highestStored, highest);
+}
+
+TEST(PyramidalTiffWriter, JpegTilesAreCloseToTheImageAndTheOutputDoesNotDependOnThreads)
+{
+    NuvekTest::TemporaryDirectory directory;
+    // Smooth colours with some texture, as a slide has: JPEG's loss stays small there.
+    for (long long channels : {3LL, 1LL})
+    {
+        MemoryImage image(Vector(300, 200, 1), channels);
+        std::vector<double> values(static_cast<std::size_t>(300 * 200 * channels));
+        for (long long c = 0; c < channels; ++c)
+            for (long long y = 0; y < 200; ++y)
+                for (long long x = 0; x < 300; ++x)
+                    values[static_cast<std::size_t>((c * 200 + y) * 300 + x)] =
+                        std::floor(128.0 + 60.0 * std::sin(0.05 * static_cast<double>(x + 7 * c)) *
+                                               std::cos(0.04 * static_cast<double>(y)));
+        image.setValues(values);
+        image.setValueRange(Nuvek::ValueRange<double>(0.0, 255.0));
+        std::vector<unsigned char> first;
+        for (int threads : {1, 2, 8})
+        {
+            PyramidalTiffOptions options;
+            options.tileSize = 64;
+            options.compression = TiffCompression::JPEG;
+            options.threads = threads;
+            std::string const path = directory.path("jpeg" + std::to_string(channels) + "-" +
+                                                    std::to_string(threads) + ".tif");
+            ASSERT_TRUE(writePyramidalTiff(image, path, options));
+            if (threads == 1)
+                first = NuvekTest::readBytes(path);
+            else
+                EXPECT_EQ(NuvekTest::readBytes(path), first) << channels << " channels, " << threads << " threads";
+        }
+        std::string const path = directory.path("jpeg" + std::to_string(channels) + "-1.tif");
+        TiffImage file(path);
+        ASSERT_EQ(file.getNumChannels(), channels);
+        ASSERT_EQ(file.getNumLevels(), 4);
+        Box const whole(Vector(300, 200, 1));
+        std::vector<double> const read = NuvekTest::openWhole(file, 0, whole);
+        double largest = 0.0;
+        double sum = 0.0;
+        for (std::size_t i = 0; i < read.size(); ++i)
+        {
+            largest = std::max(largest, std::fabs(read[i] - values[i]));
+            sum += std::fabs(read[i] - values[i]);
+        }
+        EXPECT_LT(sum / static_cast<double>(read.size()), 1.5) << channels;
+        EXPECT_LT(largest, 16.0) << channels;
+        if (channels == 3)
+        {
+            // Slide viewers read it: OpenSlide gives the same RGB values as libtiff's decoder.
+            Nuvek::SlideImage slide(path);
+            EXPECT_TRUE(NuvekTest::sameBits(read, NuvekTest::openWhole(slide, 0, whole), whole));
+        }
+    }
+}
+
 TEST(PyramidalTiffWriter, FilesOpenInTiffinfoAndOpenSlide)
 {
     NuvekTest::TemporaryDirectory directory;
@@ -362,7 +625,8 @@ TEST(PyramidalTiffWriter, FilesOpenInTiffinfoAndOpenSlide)
     auto image = NuvekTest::randomImage(random, Vector(512, 384, 1), 3, mix);
     image->setValueRange(Nuvek::ValueRange<double>(0.0, 255.0));
     image->setVoxelSize(Vector(250, 250, 1));
-    for (TiffCompression compression : {TiffCompression::Deflate, TiffCompression::LZW, TiffCompression::None})
+    for (TiffCompression compression :
+         {TiffCompression::Deflate, TiffCompression::LZW, TiffCompression::None, TiffCompression::Zstd})
     {
         std::string const path = directory.path("slide" + std::to_string(static_cast<int>(compression)) + ".tif");
         PyramidalTiffOptions options;

@@ -3,6 +3,7 @@
 #include <nuvek/NuvekChains.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
 #include <nuvek/io/TiffImage.h>
+#include <nuvek/io/ZarrImage.h>
 
 #include "support/RandomImages.h"
 #include "support/Tiling.h"
@@ -155,6 +156,24 @@ TEST_F(ToolRun, BadUsageExitsWithTwoAndLeavesNoOutput)
         {"run " + path("missing.tif") + " " + output + " --chain clamp", "no such file"},
         {"run " + input + " " + output + " --chain clamp --threads 0", "--threads must be a whole number"},
         {"run " + input + " " + output + " --chain clamp --type int7", "--type must be uint8, uint16 or float32"},
+        {"run " + input + " " + output + " --chain clamp --compression jpeg --type float32",
+         "JPEG compression needs uint8 samples"},
+        {"run " + input + " " + output + " --chain 'channel 0 2' --compression jpeg --type uint8",
+         "JPEG compression needs 1 (grey) or 3 (RGB) channels, the image has 2"},
+        {"run " + input + " " + output + " --chain clamp --compression lzw --quality 80",
+         "--quality applies to jpeg compression only."},
+        {"run " + input + " " + output + " --chain clamp --compression zstd --compression-level 23",
+         "--compression-level must be from 1 to 22 for zstd, got 23."},
+        {"run " + input + " " + output + " --chain clamp --type uint8 --range 5,5", "--range takes LO,HI with LO < HI"},
+        {"run " + input + " " + output + " --chain clamp --type uint8 --range '0,1;'", "--range takes LO,HI"},
+        {"run " + input + " " + output + " --chain clamp --type uint8 --range 0,x", "--range takes LO,HI"},
+        {"run " + input + " " + output + " --chain clamp --type uint8 --range '0,1;0,2'",
+         "--range gives 2 ranges, the output has 3 channels."},
+        {"run " + input + " " + output + " --chain clamp --type float32 --range 0,1",
+         "--range applies to uint8 and uint16 output only"},
+        {"run " + input + " " + path("never.png") + " --chain clamp", "the output's name must end in"},
+        {"run " + input + " " + path("never.ome.zarr") + " --chain clamp --compression jpeg",
+         "zarr output takes --compression none, deflate (zarr's zlib) or zstd, not jpeg."},
         {"run " + input + " " + path("no/such/dir/out.tif") + " --chain clamp", "writePyramidalTiff"},
         {"frobnicate", "unknown command 'frobnicate'"},
     };
@@ -165,9 +184,133 @@ TEST_F(ToolRun, BadUsageExitsWithTwoAndLeavesNoOutput)
         EXPECT_NE(outcome.errors.find(test.message), std::string::npos) << test.arguments << ": " << outcome.errors;
         EXPECT_FALSE(std::filesystem::exists(output)) << test.arguments;
     }
+    EXPECT_FALSE(std::filesystem::exists(path("never.ome.zarr")));
     // Nothing but the input is left in the folder (no temporary files either).
     for (auto const& entry : std::filesystem::directory_iterator(directory))
         EXPECT_EQ(entry.path().filename(), "input.tif");
+}
+
+TEST_F(ToolRun, IntegerOutputMapsTheGivenRangeAndHintsWhenTheDefaultHidesTheData)
+{
+    // Fluorescence-like: 16-bit samples that use only 0 to 3000 of 0 to 65535.
+    std::mt19937_64 random(93);
+    auto image = NuvekTest::randomImage(random, Vector(120, 90, 1), 2, {0.0, 3000.0, 0.0});
+    std::vector<double> whole16 = image->getValues();
+    for (double& value : whole16)
+        value = std::floor(value);
+    image->setValues(whole16);
+    image->setValueRange(Nuvek::ValueRange<double>(0, 65535));
+    std::string const dim = path("dim.tif");
+    Nuvek::PyramidalTiffOptions options;
+    options.sampleType = Nuvek::TiffSampleType::UInt16;
+    options.valueRange = Nuvek::ValueRange<double>(0, 65535);
+    ASSERT_TRUE(Nuvek::writePyramidalTiff(*image, dim, options));
+    Box const whole(Vector(120, 90, 1));
+    std::vector<double> const values = NuvekTest::openWhole(*image, 0, whole);
+
+    Outcome const dark = nuvek("run " + dim + " " + path("dark.tif") + " --quiet --chain clamp --type uint8");
+    ASSERT_EQ(dark.status, 0) << dark.errors;
+    EXPECT_NE(dark.errors.find("hint: the output uses only the values 0 to 12 of 0 to 255; --range"), std::string::npos)
+        << dark.errors;
+
+    // One range for both channels, then one per channel: round((v - lo) / (hi - lo) * 255), clamped.
+    for (std::string const range : {"0,3000", "0,3000;1000,2000"})
+    {
+        Outcome const mapped = nuvek("run " + dim + " " + path("mapped.tif") + " --quiet --chain clamp --type uint8 "
+                                                                               "--range '" + range + "'");
+        ASSERT_EQ(mapped.status, 0) << mapped.errors;
+        EXPECT_EQ(mapped.errors, "");
+        Nuvek::TiffImage written(path("mapped.tif"));
+        std::vector<double> const read = NuvekTest::openWhole(written, 0, whole);
+        for (std::size_t i = 0; i < values.size(); ++i)
+        {
+            bool const second = range.find(';') != std::string::npos && i >= values.size() / 2;
+            double const low = second ? 1000.0 : 0.0;
+            double const high = second ? 2000.0 : 3000.0;
+            double const expected = std::min(255.0, std::max(0.0, std::floor((values[i] - low) / (high - low) * 255.0 + 0.5)));
+            ASSERT_EQ(read[i], expected) << range << " at " << i;
+        }
+    }
+
+    // auto: the percentiles of the output at a coarse level spread the values over most of 0..255.
+    Outcome const automatic =
+        nuvek("run " + dim + " " + path("auto.tif") + " --quiet --chain clamp --type uint8 --range auto");
+    ASSERT_EQ(automatic.status, 0) << automatic.errors;
+    EXPECT_EQ(automatic.errors, "");
+    std::vector<double> const stretched = NuvekTest::openWhole(*std::make_unique<Nuvek::TiffImage>(path("auto.tif")), 0, whole);
+    EXPECT_LE(*std::max_element(stretched.begin(), stretched.end()), 255.0);
+    EXPECT_GE(*std::max_element(stretched.begin(), stretched.end()), 250.0);
+    EXPECT_LE(*std::min_element(stretched.begin(), stretched.end()), 5.0);
+
+    // A range that saturates most samples is hinted at too: float samples of 0 to 3000 that claim 0 to 1000.
+    std::string const bright = path("bright.tif");
+    options.sampleType = Nuvek::TiffSampleType::Float32;
+    options.valueRange = Nuvek::ValueRange<double>(0, 1000);
+    image->setValueRange(Nuvek::ValueRange<double>(0, 1000));
+    ASSERT_TRUE(Nuvek::writePyramidalTiff(*image, bright, options));
+    Outcome const saturated = nuvek("run " + bright + " " + path("saturated.tif") + " --quiet --chain clamp --type uint8");
+    ASSERT_EQ(saturated.status, 0) << saturated.errors;
+    EXPECT_NE(saturated.errors.find("of the samples lie outside the value range and are stored as 0 or 255; --range"),
+              std::string::npos)
+        << saturated.errors;
+}
+
+TEST_F(ToolRun, TheTypeDefaultsToTheInputsWhereTheChainKeepsItsValues)
+{
+    std::mt19937_64 random(94);
+    auto image = NuvekTest::randomImage(random, Vector(64, 48, 1), 3, {0.0, 255.0, 0.0});
+    image->setValueRange(Nuvek::ValueRange<double>(0, 255));
+    std::string const eight = path("eight.tif");
+    Nuvek::PyramidalTiffOptions options;
+    options.tileSize = 32;
+    ASSERT_TRUE(Nuvek::writePyramidalTiff(*image, eight, options));
+    struct Case
+    {
+        std::string input;
+        std::string chain;
+        double top;
+    };
+    // The value range TiffImage reports tells the stored type: 255 for 8 bits, 65535 for 16, the
+    // chain's own range for float.
+    Case const cases[] = {{eight, "clamp", 255.0}, {eight, "channel 1 | zslice 0", 255.0},
+                          {eight, "clamp | gaussian 3", 0.0}, {input, "clamp", 0.0}};
+    for (Case const& test : cases)
+    {
+        Outcome const outcome = nuvek("run " + test.input + " " + path("typed.tif") + " --quiet --chain '" + test.chain +
+                                      "' --compression zstd");
+        ASSERT_EQ(outcome.status, 0) << test.chain << ": " << outcome.errors;
+        Nuvek::TiffImage written(path("typed.tif"));
+        if (test.top > 0.0)
+            EXPECT_EQ(written.getValueRange().max, test.top) << test.chain;
+        else
+            EXPECT_NE(written.getValueRange().max, 65535.0) << test.chain;
+        std::filesystem::remove(path("typed.tif"));
+    }
+    Outcome const help = nuvek("run --help");
+    EXPECT_NE(help.output.find("Default: the input's own sample type when the chain"), std::string::npos);
+}
+
+TEST_F(ToolRun, OmeZarrIsWrittenByNameAndReadAsInput)
+{
+    Box const whole(Vector(301, 259, 1));
+    std::vector<double> const expected = expectedOutput(input, "clamp | gaussian 3", whole);
+    std::string const group = path("out.ome.zarr");
+    Outcome const outcome =
+        nuvek("run " + input + " " + group + " --quiet --chain 'clamp | gaussian 3' --tile 64 --compression zstd");
+    ASSERT_EQ(outcome.status, 0) << outcome.errors;
+    Nuvek::ZarrImage written(group);
+    EXPECT_EQ(written.getNumLevels(), 4);
+    EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(written, 0, whole), whole));
+
+    Outcome const info = nuvek("info " + group);
+    ASSERT_EQ(info.status, 0) << info.errors;
+    EXPECT_NE(info.output.find("level 3   37 x 32 x 1 voxels"), std::string::npos) << info.output;
+
+    // The group as input: clamp keeps its float32 values, written as a plain pyramid.
+    Outcome const again = nuvek("run " + group + " " + path("again.tif") + " --quiet --chain clamp");
+    ASSERT_EQ(again.status, 0) << again.errors;
+    Nuvek::TiffImage tiff(path("again.tif"));
+    EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(tiff, 0, whole), whole));
 }
 
 TEST_F(ToolRun, InterruptStopsCleanlyAndLeavesNoOutput)

@@ -1,5 +1,6 @@
 #include "Commands.h"
 
+#include "AutoRange.h"
 #include "OutputWriter.h"
 #include "Preview.h"
 #include "Progress.h"
@@ -11,6 +12,7 @@
 #include <nuvek/chains/NumberText.h>
 #include <nuvek/io/ImageFormats.h>
 #include <nuvek/io/ImageOpener.h>
+#include <nuvek/io/StoredSampleType.h>
 
 #include <algorithm>
 #include <atomic>
@@ -152,9 +154,69 @@ struct RunResult
     double seconds = 0.0;
 };
 
+// Parses --range: "auto", "LO,HI" or "LO,HI;LO,HI;..." (one per channel). An empty result is auto.
+std::vector<Nuvek::ValueRange<double>> parseRanges(std::string const& text)
+{
+    std::vector<Nuvek::ValueRange<double>> ranges;
+    if (text == "auto")
+        return ranges;
+    std::stringstream stream(text);
+    std::string item;
+    auto const bad = [&]() {
+        return std::runtime_error("--range takes LO,HI with LO < HI, one such pair per channel separated by ';', or "
+                                  "auto; got '" + text + "'.");
+    };
+    auto const number = [&](std::string const& word) {
+        std::size_t used = 0;
+        double value = 0.0;
+        try
+        {
+            value = std::stod(word, &used);
+        }
+        catch (std::exception const&)
+        {
+            throw bad();
+        }
+        if (used != word.size() || !std::isfinite(value))
+            throw bad();
+        return value;
+    };
+    while (std::getline(stream, item, ';'))
+    {
+        std::size_t const comma = item.find(',');
+        if (comma == std::string::npos)
+            throw bad();
+        double const low = number(item.substr(0, comma));
+        double const high = number(item.substr(comma + 1));
+        if (!(high > low))
+            throw bad();
+        ranges.emplace_back(low, high);
+    }
+    if (ranges.empty() || text.back() == ';')
+        throw bad();
+    return ranges;
+}
+
+// One line on the standard error stream when integer output with the default range hides the data.
+void hintAtRange(Nuvek::SampleStatistics const& statistics, Nuvek::TiffSampleType type)
+{
+    double const top = type == Nuvek::TiffSampleType::UInt8 ? 255.0 : 65535.0;
+    if (statistics.samples == 0)
+        return;
+    if (statistics.saturated * 2 > statistics.samples)
+        std::fprintf(stderr, "nuvek run: hint: %.0f%% of the samples lie outside the value range and are stored as 0 "
+                             "or %.0f; --range LO,HI or --range auto sets the range to map.\n",
+                     100.0 * static_cast<double>(statistics.saturated) / static_cast<double>(statistics.samples), top);
+    else if (statistics.highestStored - statistics.lowestStored < top / 16.0)
+        std::fprintf(stderr, "nuvek run: hint: the output uses only the values %.0f to %.0f of 0 to %.0f; --range "
+                             "LO,HI or --range auto sets the range to map.\n",
+                     statistics.lowestStored, statistics.highestStored, top);
+}
+
 // Writes the chain's result at a level and box to `output`; throws Interrupted when Ctrl-C stopped it.
 RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::string const& output, long long level,
-                   Nuvek::Box const* requested, OutputSettings const& settings, bool quiet, std::string const& label)
+                   Nuvek::Box const* requested, OutputSettings const& givenSettings, bool quiet,
+                   std::string const& label, bool autoRange = false)
 {
     Nuvek::ChainExpression const expression = Nuvek::parseChainExpression(chainText);
     if (level < 0 || level >= source.getNumLevels())
@@ -165,6 +227,15 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
     if (box.isEmpty())
         throw std::runtime_error("the region to process is empty.");
     Nuvek::ChainImage image(expression, &source, level, box);
+    OutputSettings settings = givenSettings;
+    bool const integer = settings.type != Nuvek::TiffSampleType::Float32;
+    if (autoRange && integer)
+        settings.ranges = estimateChannelRanges(expression, source, level, box);
+    if (settings.ranges.size() > 1 && static_cast<long long>(settings.ranges.size()) != image.getNumChannels())
+        throw std::runtime_error("--range gives " + std::to_string(settings.ranges.size()) +
+                                 " ranges, the output has " + std::to_string(image.getNumChannels()) + " channels.");
+    Nuvek::SampleStatistics statistics;
+    settings.statistics = &statistics;
 
     Progress progress(label, quiet);
     std::atomic<long long> voxelsDone{0};
@@ -179,6 +250,8 @@ RunResult runChain(Nuvek::Image& source, std::string const& chainText, std::stri
         throw Interrupted();
     long long const voxels = box.getSize() * image.getNumChannels();
     progress.finish(voxels);
+    if (integer && givenSettings.ranges.empty() && !autoRange)
+        hintAtRange(statistics, settings.type);
     return RunResult{voxels, progress.elapsedSeconds()};
 }
 
@@ -197,6 +270,15 @@ auto namedOption(Options const& options, std::string const& name, std::string co
     }
 }
 
+// Whether the chain only selects and clamps, so that its values are the input's.
+bool keepsValues(Nuvek::ChainExpression const& expression)
+{
+    for (Nuvek::Stage const& stage : expression.stages)
+        if (stage.name != "clamp" && stage.name != "channel" && stage.name != "zslice")
+            return false;
+    return true;
+}
+
 OutputSettings outputSettings(Options const& options)
 {
     OutputSettings settings;
@@ -204,13 +286,33 @@ OutputSettings outputSettings(Options const& options)
     settings.threads = static_cast<int>(options.integer("threads", defaultThreads(), 1));
     settings.type = namedOption(options, "type", "float32", Nuvek::ImageFormats::parseSampleType);
     settings.compression = namedOption(options, "compression", "deflate", Nuvek::ImageFormats::parseCompression);
+    bool const zstd = settings.compression == Nuvek::TiffCompression::Zstd;
+    std::string const compressionName = Nuvek::ImageFormats::toString(settings.compression);
+    settings.compressionLevel = static_cast<int>(options.integer("compression-level", 0, 1));
+    if (options.has("compression-level") && settings.compression != Nuvek::TiffCompression::Deflate && !zstd)
+        throw std::runtime_error("--compression-level applies to deflate (1 to 12) and zstd (1 to 22) only.");
+    if (settings.compressionLevel > (zstd ? 22 : 12))
+        throw std::runtime_error("--compression-level must be from 1 to " + std::string(zstd ? "22" : "12") +
+                                 " for " + compressionName + ", got " + std::to_string(settings.compressionLevel) +
+                                 ".");
+    settings.quality = static_cast<int>(options.integer("quality", 90, 1));
+    if (options.has("quality") && settings.compression != Nuvek::TiffCompression::JPEG)
+        throw std::runtime_error("--quality applies to jpeg compression only.");
+    if (settings.quality > 100)
+        throw std::runtime_error("--quality must be from 1 to 100, got " + std::to_string(settings.quality) + ".");
+    if (options.has("range"))
+        settings.ranges = parseRanges(options.get("range", ""));
     return settings;
 }
 
-char const* const runHelp = R"(Usage: nuvek run INPUT OUTPUT.tif --chain EXPR [options]
+char const* const runHelp = R"(Usage: nuvek run INPUT OUTPUT --chain EXPR [options]
 
-Runs a filter chain over INPUT (TIFF, BigTIFF or a whole-slide file) and writes the result as a tiled
-pyramidal BigTIFF. Tiles are computed on a pool of worker threads and written in order.
+Runs a filter chain over INPUT (TIFF, BigTIFF, a whole-slide file or a zarr folder) and writes the
+result as a tiled pyramid. Tiles are computed on a pool of worker threads and written in order. The
+output's name chooses the format: .tif, .tiff, .btf or .tf8 a plain pyramid (which OpenSlide opens); .ome.tif
+or .ome.tiff OME-TIFF (levels as SubIFDs, OME-XML with channel names and physical sizes; channels
+and z slices as separate pages unless the output is 3-channel uint8, stored as RGB); .ome.zarr or
+.zarr an OME-Zarr group (NGFF 0.4, zarr v2; --compression none, deflate or zstd).
 
 Chain expressions: filters separated by '|' apply left to right, each with its parameters:
     clamp | gaussian 5 | sobel magnitude 3
@@ -227,9 +329,21 @@ Options:
   --box X,Y,W,H         process only this box at that level (default: the whole image)
   --tile N              output tile size in voxels, a multiple of 16 (default 512)
   --threads N           worker threads (default: all cores)
-  --type T              uint8, uint16 or float32 (default float32); integer types map the chain's
-                        value range linearly onto 0..255 or 0..65535
-  --compression C       none, deflate or lzw (default deflate)
+  --type T              uint8, uint16 or float32. Default: the input's own sample type when the chain
+                        only selects and clamps ('clamp', 'channel', 'zslice', or '()'), so that
+                        values stay as they were; float32 for every other chain
+  --range R             for uint8 and uint16: the values that map linearly onto 0..255 or
+                        0..65535 (below: 0, above: the maximum). LO,HI for every channel;
+                        LO,HI;LO,HI;... one per channel; or auto: per channel, from the 0.1st to
+                        the 99.9th percentile of the chain's finite output values, computed at the
+                        finest level of the input at which the region holds at most 4 Mvoxels (an
+                        estimate: filters then see coarser voxels). Default: the chain's value range;
+                        a hint names --range when that leaves more than half of the samples
+                        saturated or uses less than 1/16 of the integer range
+  --compression C       none, deflate, lzw, zstd or jpeg (default deflate). jpeg is lossy, for
+                        uint8 output of 1 (grey) or 3 (RGB) channels, as slide scanners store tiles
+  --compression-level N deflate: 1 (fastest) to 12 (smallest), default 6; zstd: 1 to 22, default 3
+  --quality Q           jpeg quality, 1 to 100 (default 90)
   --preview FILE.png    also write a small PNG preview of the output
   --quiet               no progress bar and no summary
 
@@ -471,24 +585,33 @@ int runCommand(std::vector<std::string> const& arguments)
         std::fputs(runHelp, stdout);
         return 0;
     }
-    Options const options =
-        parseOptions(arguments, {"chain", "level", "time", "box", "tile", "threads", "type", "compression", "preview"}, {"quiet"});
+    Options const options = parseOptions(arguments,
+                                         {"chain", "level", "time", "box", "tile", "threads", "type", "compression",
+                                          "compression-level", "quality", "range", "preview"},
+                                         {"quiet"});
     if (options.positional.size() != 2)
         throw std::runtime_error("expected INPUT and OUTPUT.tif; 'nuvek run --help' shows the usage.");
     if (!options.has("chain"))
         throw std::runtime_error("--chain is missing; 'nuvek run --help' shows the usage.");
-    OutputSettings const settings = outputSettings(options);
+    OutputSettings settings = outputSettings(options);
+    outputFormatOf(options.positional[1]);
     long long const level = options.integer("level", 0, 0);
     // Parse the chain before touching any file, so that a typo costs nothing.
-    Nuvek::parseChainExpression(options.get("chain", ""));
+    Nuvek::ChainExpression const expression = Nuvek::parseChainExpression(options.get("chain", ""));
     std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(options.positional[0], options.integer("time", 0, 0));
+    if (!options.has("type"))
+        settings.type = keepsValues(expression)
+                            ? Nuvek::storedSampleType(*source).value_or(Nuvek::TiffSampleType::Float32)
+                            : Nuvek::TiffSampleType::Float32;
+    if (options.has("range") && settings.type == Nuvek::TiffSampleType::Float32)
+        throw std::runtime_error("--range applies to uint8 and uint16 output only; float32 stores values as they are.");
     std::unique_ptr<Nuvek::Box> box;
     if (options.has("box"))
         box = std::make_unique<Nuvek::Box>(parseBox(options.get("box", ""), source->getExtent(level)));
     InterruptScope const interruptScope;
     bool const quiet = options.flags.count("quiet") != 0;
     runChain(*source, options.get("chain", ""), options.positional[1], level, box.get(), settings, quiet,
-             options.positional[1]);
+             options.positional[1], options.get("range", "") == "auto");
     if (options.has("preview"))
     {
         std::unique_ptr<Nuvek::Image> written = Nuvek::openImage(options.positional[1]);

@@ -13,8 +13,9 @@ char const* const mainHelp = R"(nuvek: filter chains over large multi-resolution
 
 Usage:
   nuvek demo [DIR] [options]                 make a synthetic brightfield slide and find its nuclei
-  nuvek run INPUT OUTPUT.tif --chain EXPR [options]
+  nuvek run INPUT OUTPUT --chain EXPR [options]
                                              run a filter chain, write a tiled pyramidal BigTIFF
+                                             (OUTPUT.tif), OME-TIFF (.ome.tif) or OME-Zarr (.ome.zarr)
   nuvek view INPUT [--chain EXPR]... [options]
                                              look at chains over INPUT in the browser, computed where you look
   nuvek info FILE                            levels, channels, value range, voxel and tile size

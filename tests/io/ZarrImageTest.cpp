@@ -1,0 +1,125 @@
+#include <nuvek/io/ZarrImage.h>
+
+#include "TiffFiles.h"
+#include "support/Messages.h"
+#include "support/Tiling.h"
+#include "support/VoxelCompare.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+using Nuvek::Box;
+using Nuvek::Vector;
+using Nuvek::ZarrImage;
+using NuvekTest::messageOf;
+
+namespace {
+
+void writeText(std::string const& path, std::string const& text)
+{
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path) << text;
+}
+
+// A big-endian 16-bit chunk of `count` values starting at `first`, counting up.
+std::vector<unsigned char> bigEndianChunk(long long count, int first)
+{
+    std::vector<unsigned char> bytes;
+    for (long long i = 0; i < count; ++i)
+    {
+        int const value = first + static_cast<int>(i);
+        bytes.push_back(static_cast<unsigned char>(value >> 8));
+        bytes.push_back(static_cast<unsigned char>(value & 0xff));
+    }
+    return bytes;
+}
+
+} // namespace
+
+TEST(ZarrImage, APlainArrayReadsItsChunksAndFillsTheMissingOnes)
+{
+    NuvekTest::TemporaryDirectory directory;
+    std::string const path = directory.path("plain.zarr");
+    // (z, y, x) = (2, 5, 7) in chunks of (1, 3, 4): chunk 1.1.1 is not stored.
+    writeText(path + "/.zarray", R"({"zarr_format": 2, "shape": [2, 5, 7], "chunks": [1, 3, 4], "dtype": ">u2",
+        "compressor": null, "fill_value": 9, "order": "C", "filters": null})");
+    for (int z = 0; z < 2; ++z)
+        for (int y = 0; y < 2; ++y)
+            for (int x = 0; x < 2; ++x)
+                if (!(z == 1 && y == 1 && x == 1))
+                    NuvekTest::writeBytes(path + "/" + std::to_string(z) + "." + std::to_string(y) + "." +
+                                              std::to_string(x),
+                                          bigEndianChunk(12, 1000 * z + 100 * y + 10 * x));
+    ASSERT_TRUE(ZarrImage::isZarr(path));
+    ZarrImage image(path);
+    EXPECT_EQ(image.getNumLevels(), 1);
+    EXPECT_EQ(image.getNumChannels(), 1);
+    EXPECT_EQ(image.getExtent(0), Vector(7, 5, 2));
+    EXPECT_EQ(image.getValueRange().max, 65535.0);
+    EXPECT_EQ(image.getVoxelSize(0), Vector(1, 1, 1));
+    EXPECT_EQ(image.getChannelName(0), "Channel 0");
+    EXPECT_EQ(image.getDataType(), ">u2");
+    Box const box(Vector(-1, 0, 0), Vector(7, 4, 1));
+    std::vector<double> const values = NuvekTest::openWhole(image, 0, box);
+    auto at = [&](long long x, long long y, long long z) {
+        return values[static_cast<std::size_t>(((z - box.min.z) * 5 + y) * 9 + (x - box.min.x))];
+    };
+    EXPECT_EQ(at(-1, 0, 0), 0.0);
+    EXPECT_EQ(at(7, 0, 0), 0.0);
+    EXPECT_EQ(at(0, 0, 0), 0.0 + 0.0);
+    EXPECT_EQ(at(5, 4, 0), 100.0 + 10.0 + (1 * 4 + 1));
+    EXPECT_EQ(at(6, 2, 1), 1000.0 + 10.0 + (2 * 4 + 2));
+    EXPECT_EQ(at(4, 3, 1), 9.0);
+    EXPECT_EQ(at(6, 4, 1), 9.0);
+}
+
+TEST(ZarrImage, BadMetadataAndDamagedChunksAreNamed)
+{
+    NuvekTest::TemporaryDirectory directory;
+    struct Case
+    {
+        std::string zarray;
+        std::string message;
+    };
+    std::string const valid = R"("zarr_format": 2, "shape": [4, 4], "chunks": [4, 4], "compressor": null)";
+    Case const cases[] = {
+        {"not json", ".zarray is not valid JSON"},
+        {"[]", ".zarray is not a JSON object"},
+        {R"({"zarr_format": 3, "shape": [4, 4], "chunks": [4, 4], "dtype": "<u1"})", ".zarray: only zarr_format 2 is supported"},
+        {"{" + valid + R"(, "dtype": "<c8"})", ".zarray: the data type \"<c8\" is not supported (unsigned, signed or float numbers)"},
+        {"{" + valid + R"(, "dtype": "<u1", "order": "F"})", ".zarray: only the order \"C\" is supported"},
+        {"{" + valid + R"(, "dtype": "<u1", "filters": [{"id": "delta"}]})", ".zarray: filters are not supported"},
+        {R"({"zarr_format": 2, "shape": [4, 4], "chunks": [4, 0], "dtype": "<u1"})", ".zarray: \"chunks\" holds 0, out of range"},
+        {R"({"zarr_format": 2, "shape": [4, 4], "chunks": [4], "dtype": "<u1"})", ".zarray: \"chunks\" and \"shape\" differ in length"},
+        {R"({"zarr_format": 2, "shape": [4], "chunks": [4], "dtype": "<u1"})", "a plain array needs 2 to 5 dimensions, not 1"},
+        {R"({"zarr_format": 2, "shape": [4, 4], "chunks": [4, 4], "dtype": "<u1", "compressor": {"id": "lz4"}})",
+         ".zarray: the compressor \"lz4\" is not supported"},
+    };
+    int index = 0;
+    for (Case const& test : cases)
+    {
+        std::string const path = directory.path("bad" + std::to_string(index++) + ".zarr");
+        writeText(path + "/.zarray", test.zarray);
+        EXPECT_EQ(messageOf([&] { ZarrImage image(path); }), "ZarrImage: " + path + ": " + test.message) << test.zarray;
+    }
+
+    std::string const group = directory.path("group.zarr");
+    writeText(group + "/.zattrs", R"({"multiscales": [{"axes": [{"name": "y"}, {"name": "q"}], "datasets": [{"path": "0"}]}]})");
+    writeText(group + "/0/.zarray", R"({"zarr_format": 2, "shape": [4, 4], "chunks": [4, 4], "dtype": "<u1"})");
+    EXPECT_EQ(messageOf([&] { ZarrImage image(group); }),
+              "ZarrImage: " + group + ": the axis \"q\" is not one of t, c, z, y, x");
+    writeText(group + "/.zattrs", R"({"multiscales": [{"axes": ["y", "x"], "datasets": [{"path": "../0"}]}]})");
+    EXPECT_EQ(messageOf([&] { ZarrImage image(group); }),
+              "ZarrImage: " + group + ": .zattrs: the dataset path \"../0\" does not name a folder inside the group");
+
+    std::string const damaged = directory.path("damaged.zarr");
+    writeText(damaged + "/.zarray",
+              R"({"zarr_format": 2, "shape": [4, 4], "chunks": [4, 4], "dtype": "<u1", "compressor": {"id": "zstd"}})");
+    NuvekTest::writeBytes(damaged + "/0.0", {1, 2, 3});
+    ZarrImage image(damaged);
+    EXPECT_EQ(messageOf([&] { NuvekTest::openWhole(image, 0, Box(Vector(4, 4, 1))); }),
+              "ZarrImage: " + damaged + ": level 0, chunk 0.0: a chunk does not decompress to its size");
+}
