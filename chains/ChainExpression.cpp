@@ -36,7 +36,8 @@ std::vector<Token> tokenize(std::string const& text)
         }
         if (c == '|' || c == '(' || c == ')')
         {
-            tokens.push_back(Token{c == '|' ? Token::Pipe : (c == '(' ? Token::Open : Token::Close), std::string(1, c), i});
+            tokens.push_back(
+                Token{c == '|' ? Token::Pipe : (c == '(' ? Token::Open : Token::Close), std::string(1, c), i});
             ++i;
             continue;
         }
@@ -83,7 +84,8 @@ private:
     Stage parseStage()
     {
         if (peek().kind != Token::Word)
-            fail(peek().kind == Token::End ? "a filter name is missing at the end" : "expected a filter name, found '" + peek().text + "'");
+            fail(peek().kind == Token::End ? "a filter name is missing at the end"
+                                           : "expected a filter name, found '" + peek().text + "'");
         Stage stage;
         stage.name = tokens[next++].text;
         for (;;)

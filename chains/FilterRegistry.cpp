@@ -355,8 +355,8 @@ std::vector<FilterEntry> makeTable()
     add(Row("zslice", "Presents one z slice.", {"ZStackFilter"}, buildZSlice)
             .with({integer("z", "", "slice index", integers(0, 1))})
             .examplesOn(2, {"0"}));
-    add(Row("voxelsize", "Reports another level-0 voxel size (x, y, z integers).",
-            {"VoxelSizeModificationFilter"}, buildVoxelSize)
+    add(Row("voxelsize", "Reports another level-0 voxel size (x, y, z integers).", {"VoxelSizeModificationFilter"},
+            buildVoxelSize)
             .with({integer("x", "", "", integers(1, 3)), integer("y", "", "", integers(1, 3)),
                    integer("z", "", "", integers(1, 3))})
             .examplesOn(2, {"3 3 7"}));
@@ -368,7 +368,8 @@ std::vector<FilterEntry> makeTable()
 
     // Neighbourhood filters.
     add(Row("box", "Box mean (or sum) over a k x k window.", {"BoxFilter"}, buildBox)
-            .with({integer("k", "", odd, oddIntegers(1, 9)), word("mode", "mean", "mean or sum", choices({"mean", "sum"})),
+            .with({integer("k", "", odd, oddIntegers(1, 9)),
+                   word("mode", "mean", "mean or sum", choices({"mean", "sum"})),
                    word("rounding", "exact", "exact or round", choices({"exact", "round"}))})
             .tilesDiffer("running sums along y restart at every request, so the sums round differently", 1e-9)
             .examplesOn(2, {"5", "5 sum round"}));
@@ -385,8 +386,7 @@ std::vector<FilterEntry> makeTable()
             .with({word("output", "magnitude", "vector or magnitude", choices({"vector", "magnitude"})),
                    integer("k", "3", "kernel size", oddIntegers(1, 7))})
             .examplesOn(2, {"vector 3", "magnitude 5"}));
-    add(Row("harris", "Eigenvalues of the Gaussian-smoothed gradient tensor.", {"HarrisEigenvaluesFilter"},
-            buildHarris)
+    add(Row("harris", "Eigenvalues of the Gaussian-smoothed gradient tensor.", {"HarrisEigenvaluesFilter"}, buildHarris)
             .with({integer("k", "5", "blur size", oddIntegers(1, 7))})
             .examplesOn(1, {"5"}));
     add(Row("localnorm", "Background normalization against a coarser level of the same image.",
@@ -402,8 +402,8 @@ std::vector<FilterEntry> makeTable()
             buildRadial)
             .with({number("radius", "", "expected radius in voxels", numbers(0.5, 8.0)),
                    number("threshold", "0", "minimum gradient magnitude", numbers(0.0, 5.0))})
-            .tilesDiffer("votes are clipped to the request box, and a clipped line is drawn from its clipped end points",
-                         -1.0)
+            .tilesDiffer(
+                "votes are clipped to the request box, and a clipped line is drawn from its clipped end points", -1.0)
             .examplesOn(1, {"3 0.5"}));
 
     // Rank, histogram and texture filters.
@@ -421,7 +421,8 @@ std::vector<FilterEntry> makeTable()
             .with({integer("k", "", odd, oddIntegers(1, 9))})
             .examplesOn(2, {"3"}));
     add(Row("rank", "The value at a rank (0 = minimum) of the k x k window.", {"RankFilter"}, buildRank)
-            .with({integer("k", "", odd, oddIntegers(1, 7)), integer("index", "", "rank, 0 .. k*k - 1", integers(0, 8))})
+            .with(
+                {integer("k", "", odd, oddIntegers(1, 7)), integer("index", "", "rank, 0 .. k*k - 1", integers(0, 8))})
             .examplesOn(2, {"5 7"}));
     add(Row("median", "Median of the k x k window.", {"RankFilter"}, buildMedian)
             .with({integer("k", "", odd, oddIntegers(1, 9))})
@@ -462,11 +463,10 @@ void completeArguments(FilterEntry const& entry, std::size_t given, FilterArgume
     }
     int const chains = static_cast<int>(arguments.chains.size());
     if (chains < entry.minChains || (entry.maxChains >= 0 && chains > entry.maxChains))
-        arguments.fail("takes " +
-                       (entry.maxChains < 0 ? "at least " + std::to_string(entry.minChains)
-                                            : std::to_string(entry.maxChains)) +
-                       " sub-chain(s) in parentheses, got " + std::to_string(chains) +
-                       "; usage: " + FilterRegistry::usage(entry));
+        arguments.fail(
+            "takes " +
+            (entry.maxChains < 0 ? "at least " + std::to_string(entry.minChains) : std::to_string(entry.maxChains)) +
+            " sub-chain(s) in parentheses, got " + std::to_string(chains) + "; usage: " + FilterRegistry::usage(entry));
     for (FilterParameter const& parameter : entry.parameters)
     {
         if (parameter.kind == ParameterKind::Integer)

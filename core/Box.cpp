@@ -4,11 +4,17 @@
 
 namespace Nuvek {
 
-Box::Box() : min(0, 0, 0), max(-1, -1, -1) {}
+Box::Box() : min(0, 0, 0), max(-1, -1, -1)
+{
+}
 
-Box::Box(Vector const& extent) : min(0, 0, 0), max(extent - Vector(1, 1, 1)) {}
+Box::Box(Vector const& extent) : min(0, 0, 0), max(extent - Vector(1, 1, 1))
+{
+}
 
-Box::Box(Vector const& min, Vector const& max) : min(min), max(max) {}
+Box::Box(Vector const& min, Vector const& max) : min(min), max(max)
+{
+}
 
 long long Box::getSize() const
 {

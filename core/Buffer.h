@@ -22,8 +22,7 @@ public:
     }
 
     /// Copies bounds.getSize() * numChannels values from values (nothing is read when that is 0).
-    Buffer(T* values, Box const& bounds, long long level, long long numChannels)
-        : Buffer(bounds, level, numChannels)
+    Buffer(T* values, Box const& bounds, long long level, long long numChannels) : Buffer(bounds, level, numChannels)
     {
         for (std::size_t i = 0; i < data.size(); ++i)
             data[i] = values[i];

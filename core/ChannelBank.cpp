@@ -13,9 +13,7 @@ namespace {
 class ChannelImage : public Image
 {
 public:
-    ChannelImage(Image* image, long long index, std::string name) : image(image), index(index), name(std::move(name))
-    {
-    }
+    ChannelImage(Image* image, long long index, std::string name) : image(image), index(index), name(std::move(name)) {}
 
     std::string getURL() const override { return image->getURL(); }
     Vector getExtent(long long level) const override { return image->getExtent(level); }

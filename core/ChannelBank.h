@@ -1,8 +1,8 @@
 #pragma once
 
 #include <nuvek/core/Box.h>
-#include <nuvek/core/Image.h>
 #include <nuvek/core/Buffer.h>
+#include <nuvek/core/Image.h>
 
 #include <memory>
 #include <string>

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <nuvek/core/Box.h>
-#include <nuvek/core/Vector.h>
 #include <nuvek/core/ValueRange.h>
+#include <nuvek/core/Vector.h>
 
 #include <cstdint>
 #include <string>

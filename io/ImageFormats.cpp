@@ -8,7 +8,7 @@ namespace {
 
 TiffSampleType const sampleTypes[] = {TiffSampleType::UInt8, TiffSampleType::UInt16, TiffSampleType::Float32};
 TiffCompression const compressions[] = {TiffCompression::None, TiffCompression::Deflate, TiffCompression::LZW,
-                                         TiffCompression::JPEG, TiffCompression::Zstd};
+                                        TiffCompression::JPEG, TiffCompression::Zstd};
 ZarrCompression const zarrCompressions[] = {ZarrCompression::None, ZarrCompression::Zlib, ZarrCompression::Zstd};
 
 } // namespace
@@ -41,9 +41,12 @@ std::string ImageFormats::toString(TiffSampleType type)
 {
     switch (type)
     {
-    case TiffSampleType::UInt8: return "uint8";
-    case TiffSampleType::UInt16: return "uint16";
-    case TiffSampleType::Float32: return "float32";
+    case TiffSampleType::UInt8:
+        return "uint8";
+    case TiffSampleType::UInt16:
+        return "uint16";
+    case TiffSampleType::Float32:
+        return "float32";
     }
     throw std::logic_error("unknown sample type");
 }
@@ -52,11 +55,16 @@ std::string ImageFormats::toString(TiffCompression compression)
 {
     switch (compression)
     {
-    case TiffCompression::None: return "none";
-    case TiffCompression::Deflate: return "deflate";
-    case TiffCompression::LZW: return "lzw";
-    case TiffCompression::JPEG: return "jpeg";
-    case TiffCompression::Zstd: return "zstd";
+    case TiffCompression::None:
+        return "none";
+    case TiffCompression::Deflate:
+        return "deflate";
+    case TiffCompression::LZW:
+        return "lzw";
+    case TiffCompression::JPEG:
+        return "jpeg";
+    case TiffCompression::Zstd:
+        return "zstd";
     }
     throw std::logic_error("unknown compression");
 }
@@ -65,9 +73,12 @@ std::string ImageFormats::toString(ZarrCompression compression)
 {
     switch (compression)
     {
-    case ZarrCompression::None: return "none";
-    case ZarrCompression::Zlib: return "zlib";
-    case ZarrCompression::Zstd: return "zstd";
+    case ZarrCompression::None:
+        return "none";
+    case ZarrCompression::Zlib:
+        return "zlib";
+    case ZarrCompression::Zstd:
+        return "zstd";
     }
     throw std::logic_error("unknown compression");
 }

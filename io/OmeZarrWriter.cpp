@@ -88,7 +88,10 @@ void appendChunk(std::vector<unsigned char>& encoded, std::vector<unsigned char>
 class ChunkComputer
 {
 public:
-    ChunkComputer(Plan const& plan, Image& image, std::filesystem::path group) : plan(plan), image(image), group(std::move(group)) {}
+    ChunkComputer(Plan const& plan, Image& image, std::filesystem::path group)
+        : plan(plan), image(image), group(std::move(group))
+    {
+    }
 
     // Computes and compresses the chunks of every channel at position `index` of a level into
     // `encoded`, each as its 8-byte size followed by its bytes.
@@ -256,9 +259,8 @@ Plan planFor(Image& image, OmeZarrOptions const& options)
         fail("a chunk of " + std::to_string(options.chunkSize) + " x " + std::to_string(options.chunkSize) +
              " voxels is too large");
     plan.compression = options.compression;
-    plan.compressionLevel = options.compressionLevel != 0
-                                ? options.compressionLevel
-                                : (options.compression == ZarrCompression::Zlib ? 6 : 3);
+    plan.compressionLevel = options.compressionLevel != 0 ? options.compressionLevel
+                                                          : (options.compression == ZarrCompression::Zlib ? 6 : 3);
     plan.voxelSize = image.getVoxelSize(options.level);
     plan.levels = pyramidLevels(extent, options.chunkSize);
     return plan;
@@ -312,13 +314,12 @@ std::string groupAttributes(Image& image, Plan const& plan, std::string const& n
     for (std::size_t level = 0; level < plan.levels.size(); ++level)
     {
         double const factor = std::ldexp(1.0, static_cast<int>(level));
-        Json scale = {{"type", "scale"},
-                      {"scale", {1.0, micrometresZ, micrometresY * factor, micrometresX * factor}}};
+        Json scale = {{"type", "scale"}, {"scale", {1.0, micrometresZ, micrometresY * factor, micrometresX * factor}}};
         datasets.push_back({{"path", std::to_string(level)}, {"coordinateTransformations", Json::array({scale})}});
     }
-    Json multiscale = {{"version", "0.4"}, {"name", name}, {"axes", axes}, {"datasets", datasets},
-                       {"type", "mean"},
-                       {"metadata", {{"description", "2 x 2 means of the stored level above"}}}};
+    Json multiscale = {{"version", "0.4"}, {"name", name},
+                       {"axes", axes},     {"datasets", datasets},
+                       {"type", "mean"},   {"metadata", {{"description", "2 x 2 means of the stored level above"}}}};
 
     Json channels = Json::array();
     for (long long c = 0; c < plan.channels; ++c)
@@ -343,7 +344,8 @@ std::string groupAttributes(Image& image, Plan const& plan, std::string const& n
     }
     Json document;
     document["multiscales"] = Json::array({multiscale});
-    document["omero"] = {{"name", name}, {"version", "0.4"}, {"channels", channels}, {"rdefs", {{"model", "greyscale"}}}};
+    document["omero"] = {
+        {"name", name}, {"version", "0.4"}, {"channels", channels}, {"rdefs", {{"model", "greyscale"}}}};
     // Infinite or NaN window limits (from a float range) are not JSON numbers; dump writes null.
     return document.dump(4, ' ', false, Json::error_handler_t::replace) + "\n";
 }
@@ -376,8 +378,7 @@ void moveIntoPlace(std::string const& temporary, std::string const& path)
 bool writeOmeZarr(Image& image, std::string const& path, OmeZarrOptions const& options)
 {
     Plan const plan = planFor(image, options);
-    long long const threads =
-        options.threads > 0 ? options.threads : std::max(1u, std::thread::hardware_concurrency());
+    long long const threads = options.threads > 0 ? options.threads : std::max(1u, std::thread::hardware_concurrency());
     long long totalChunks = 0;
     for (long long level = 0; level < static_cast<long long>(plan.levels.size()); ++level)
         totalChunks += plan.positions(level) * plan.channels;

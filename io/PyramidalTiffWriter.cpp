@@ -69,7 +69,6 @@ struct Plan
     }
 };
 
-
 // One worker thread's buffers, kept from tile to tile.
 struct Worker
 {
@@ -230,8 +229,7 @@ TileEncoder makeEncoder(Plan const& plan, PyramidalTiffOptions const& options)
     case TiffCompression::LZW:
         return TileEncoder(TileEncoder::Method::LZW, 0);
     case TiffCompression::JPEG:
-        return TileEncoder(TileEncoder::Method::JPEG, options.jpegQuality, plan.tileSize, plan.tileSize,
-                           plan.channels);
+        return TileEncoder(TileEncoder::Method::JPEG, options.jpegQuality, plan.tileSize, plan.tileSize, plan.channels);
     case TiffCompression::Zstd:
         return TileEncoder(TileEncoder::Method::Zstd, options.zstdLevel);
     case TiffCompression::None:
@@ -417,8 +415,7 @@ std::string makeTemporaryFile(std::string const& path)
 bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOptions const& options)
 {
     Plan const plan = planFor(image, options);
-    long long const threads =
-        options.threads > 0 ? options.threads : std::max(1u, std::thread::hardware_concurrency());
+    long long const threads = options.threads > 0 ? options.threads : std::max(1u, std::thread::hardware_concurrency());
     long long totalTiles = 0;
     for (LevelShape const& shape : plan.levels)
         totalTiles += shape.tilesX * shape.tilesY * plan.pages();

@@ -9,8 +9,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <functional>
-#include <string>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace Nuvek {
@@ -92,8 +92,7 @@ std::uint16_t compressionOfPage(std::string const& path, std::int64_t width, std
 // RGBA interface, which since libtiff 4.4 places a tile taller than its level at the bottom of the
 // raster instead of the top; OpenSlide 3 then returns the level's rows shifted and partly blank.
 // Its own JPEG and JPEG 2000 decoders place such a tile correctly.
-bool misreadsShortLevel(std::string const& path, openslide_t* slide, int level, std::int64_t width,
-                        std::int64_t height)
+bool misreadsShortLevel(std::string const& path, openslide_t* slide, int level, std::int64_t width, std::int64_t height)
 {
     if (std::string(openslide_get_version()).rfind("3.", 0) != 0 || height >= tileHeightOf(slide, level))
         return false;

@@ -9,8 +9,7 @@ namespace Nuvek {
 TiffHandle::TiffHandle(std::string const& path, char const* mode, std::string const& context)
     : path(path), context(context)
 {
-    std::unique_ptr<TIFFOpenOptions, void (*)(TIFFOpenOptions*)> options(TIFFOpenOptionsAlloc(),
-                                                                          TIFFOpenOptionsFree);
+    std::unique_ptr<TIFFOpenOptions, void (*)(TIFFOpenOptions*)> options(TIFFOpenOptionsAlloc(), TIFFOpenOptionsFree);
     if (!options)
         throw std::runtime_error(context + ": " + path + ": out of memory");
     TIFFOpenOptionsSetErrorHandlerExtR(options.get(), &TiffHandle::keepError, this);

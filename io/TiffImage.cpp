@@ -104,23 +104,43 @@ std::string formatName(std::uint16_t format)
 {
     switch (format)
     {
-    case SAMPLEFORMAT_UINT: return "unsigned integer";
-    case SAMPLEFORMAT_INT: return "signed integer";
-    case SAMPLEFORMAT_IEEEFP: return "floating point";
-    case SAMPLEFORMAT_COMPLEXINT: return "complex integer";
-    case SAMPLEFORMAT_COMPLEXIEEEFP: return "complex floating point";
-    default: return "sample format " + std::to_string(format);
+    case SAMPLEFORMAT_UINT:
+        return "unsigned integer";
+    case SAMPLEFORMAT_INT:
+        return "signed integer";
+    case SAMPLEFORMAT_IEEEFP:
+        return "floating point";
+    case SAMPLEFORMAT_COMPLEXINT:
+        return "complex integer";
+    case SAMPLEFORMAT_COMPLEXIEEEFP:
+        return "complex floating point";
+    default:
+        return "sample format " + std::to_string(format);
     }
 }
 
 std::string compressionName(std::uint16_t compression)
 {
     static std::pair<std::uint16_t, char const*> const names[] = {
-        {2, "CCITT RLE"},          {3, "CCITT Group 3 fax"},  {4, "CCITT Group 4 fax"},   {5, "LZW"},
-        {6, "old-style JPEG"},     {7, "JPEG"},               {8, "Deflate"},             {32773, "PackBits"},
-        {32946, "Deflate"},        {33003, "Aperio JPEG 2000 YCbCr"},                     {33005, "Aperio JPEG 2000 RGB"},
-        {34712, "JPEG 2000"},      {34887, "LERC"},           {34892, "lossy JPEG"},      {34925, "LZMA"},
-        {50000, "Zstandard"},      {50001, "WebP"},           {50002, "JPEG XL"},         {52546, "JPEG XL"},
+        {2, "CCITT RLE"},
+        {3, "CCITT Group 3 fax"},
+        {4, "CCITT Group 4 fax"},
+        {5, "LZW"},
+        {6, "old-style JPEG"},
+        {7, "JPEG"},
+        {8, "Deflate"},
+        {32773, "PackBits"},
+        {32946, "Deflate"},
+        {33003, "Aperio JPEG 2000 YCbCr"},
+        {33005, "Aperio JPEG 2000 RGB"},
+        {34712, "JPEG 2000"},
+        {34887, "LERC"},
+        {34892, "lossy JPEG"},
+        {34925, "LZMA"},
+        {50000, "Zstandard"},
+        {50001, "WebP"},
+        {50002, "JPEG XL"},
+        {52546, "JPEG XL"},
     };
     for (auto const& entry : names)
         if (entry.first == compression)
@@ -297,8 +317,9 @@ void decodeJpeg2000(Reader& reader, Page const& page, std::uint32_t index, unsig
     try
     {
         Jpeg2000Decoder::decode(reader.raw.data(), static_cast<std::size_t>(read),
-                                page.tiled ? page.tileWidth : page.width, page.tiled ? page.tileHeight : page.rowsPerStrip,
-                                page.samples, page.bits / 8, page.compression == 33003, block);
+                                page.tiled ? page.tileWidth : page.width,
+                                page.tiled ? page.tileHeight : page.rowsPerStrip, page.samples, page.bits / 8,
+                                page.compression == 33003, block);
     }
     catch (std::runtime_error const& error)
     {
@@ -372,9 +393,9 @@ void readTiles(Reader& reader, Page const& page, Box const& inside, Target const
             Box const part = tileBox.intersected(inside);
             for (long long plane = 0; plane < planes; ++plane)
             {
-                ttile_t const index = TIFFComputeTile(tiff, static_cast<std::uint32_t>(tileX),
-                                                      static_cast<std::uint32_t>(tileY), 0,
-                                                      static_cast<std::uint16_t>(plane));
+                ttile_t const index =
+                    TIFFComputeTile(tiff, static_cast<std::uint32_t>(tileX), static_cast<std::uint32_t>(tileY), 0,
+                                    static_cast<std::uint16_t>(plane));
                 decodeBlock(reader, page, index, tile, tileSize);
                 ++decoded;
                 copyBlock(page, tile, tileX, tileY, tileWidth, part, target, plane);
@@ -412,7 +433,8 @@ Box alignedToBlocks(Page const& page, Box const& inside)
     long long const blockHeight = page.tiled ? page.tileHeight : page.rowsPerStrip;
     Vector const min(inside.min.x / blockWidth * blockWidth, inside.min.y / blockHeight * blockHeight, inside.min.z);
     Vector const max(std::min<long long>(page.width, (inside.max.x / blockWidth + 1) * blockWidth) - 1,
-                     std::min<long long>(page.height, (inside.max.y / blockHeight + 1) * blockHeight) - 1, inside.max.z);
+                     std::min<long long>(page.height, (inside.max.y / blockHeight + 1) * blockHeight) - 1,
+                     inside.max.z);
     return Box(min, max);
 }
 
@@ -751,7 +773,8 @@ void TiffImage::Internals::findVoxelSize(TiffHandle& handle, FileMetadata const&
     if (metadata.sizeX > 0.0 && metadata.sizeY > 0.0)
         x = metadata.sizeX, y = metadata.sizeY;
     else if (tags && metadata.resolutionUnit > 0.0 && unit == RESUNIT_NONE)
-        x = nanometresFrom(resolutionX, metadata.resolutionUnit), y = nanometresFrom(resolutionY, metadata.resolutionUnit);
+        x = nanometresFrom(resolutionX, metadata.resolutionUnit),
+        y = nanometresFrom(resolutionY, metadata.resolutionUnit);
     else if (aperio > 0.0)
         x = aperio, y = aperio;
     else if (tags)

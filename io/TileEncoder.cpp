@@ -71,8 +71,7 @@ extern "C" void jumpOnJpegError(j_common_ptr info)
 }
 
 extern "C" void dropJpegMessage(j_common_ptr)
-{
-}
+{}
 
 // Compresses one image into the buffer at *output (of *outputSize bytes; libjpeg replaces it by
 // one of its own, from malloc, when it does not suffice). Returns false with the message on failure.

@@ -204,8 +204,8 @@ ZarrImage::ZarrImage(std::string const& path) : internals(std::make_unique<Inter
             axisNames = multiscales.axes;
             units = multiscales.units;
             for (std::string const& levelPath : multiscales.paths)
-                self.levels.push_back({(folder / levelPath).string(), parseZarrArray(readText(folder / levelPath / ".zarray")),
-                                       Vector(), Vector()});
+                self.levels.push_back({(folder / levelPath).string(),
+                                       parseZarrArray(readText(folder / levelPath / ".zarray")), Vector(), Vector()});
         }
         else if (std::filesystem::exists(folder / ".zarray", error))
         {
@@ -259,8 +259,8 @@ ZarrImage::ZarrImage(std::string const& path) : internals(std::make_unique<Inter
         if (level.array.shape.size() != axisNames.size())
             self.fail("level " + std::to_string(index) + " has " + std::to_string(level.array.shape.size()) +
                       " dimensions for " + std::to_string(axisNames.size()) + " axes");
-        if (index > 0 && (self.size(level.array, self.axes.c) != self.channels ||
-                          self.size(level.array, self.axes.z) != depth))
+        if (index > 0 &&
+            (self.size(level.array, self.axes.c) != self.channels || self.size(level.array, self.axes.z) != depth))
         {
             self.levels.resize(index);
             break;
@@ -269,8 +269,9 @@ ZarrImage::ZarrImage(std::string const& path) : internals(std::make_unique<Inter
         std::vector<double> const scale =
             index < multiscales.scales.size() ? multiscales.scales[index] : std::vector<double>(axisNames.size(), 1.0);
         auto lengthOf = [&](int position) {
-            return position < 0 ? 1 : voxelLength(scale[static_cast<std::size_t>(position)],
-                                                  units[static_cast<std::size_t>(position)]);
+            return position < 0 ? 1
+                                : voxelLength(scale[static_cast<std::size_t>(position)],
+                                              units[static_cast<std::size_t>(position)]);
         };
         level.voxelSize = Vector(lengthOf(self.axes.x), lengthOf(self.axes.y), lengthOf(self.axes.z));
     }
@@ -285,8 +286,8 @@ ZarrImage::ZarrImage(std::string const& path) : internals(std::make_unique<Inter
     else if (array.kind == 'u')
         self.range = ValueRange<double>(0.0, std::ldexp(1.0, 8 * array.itemSize) - 1.0);
     else
-        self.range = ValueRange<double>(-std::ldexp(1.0, 8 * array.itemSize - 1),
-                                        std::ldexp(1.0, 8 * array.itemSize - 1) - 1.0);
+        self.range =
+            ValueRange<double>(-std::ldexp(1.0, 8 * array.itemSize - 1), std::ldexp(1.0, 8 * array.itemSize - 1) - 1.0);
     for (long long c = 0; c < self.channels; ++c)
         self.channelNames.push_back(static_cast<long long>(multiscales.channelNames.size()) == self.channels &&
                                             !multiscales.channelNames[static_cast<std::size_t>(c)].empty()
@@ -338,9 +339,7 @@ Vector ZarrImage::getTileExtent() const
 {
     Internals const& self = *internals;
     ZarrArrayMetadata const& array = self.levels.front().array;
-    auto chunkOf = [&](int position) {
-        return position < 0 ? 1 : array.chunks[static_cast<std::size_t>(position)];
-    };
+    auto chunkOf = [&](int position) { return position < 0 ? 1 : array.chunks[static_cast<std::size_t>(position)]; };
     return Vector(chunkOf(self.axes.x), chunkOf(self.axes.y), chunkOf(self.axes.z));
 }
 
@@ -436,18 +435,19 @@ void ZarrImage::openRegion(double* out, long long level, Box const& box)
                         for (long long z = z0; z <= z1; ++z)
                             for (long long y = y0; y <= y1; ++y)
                             {
-                                double* row = out + c * plane +
-                                              ((z - box.min.z) * boxExtent.y + (y - box.min.y)) * boxExtent.x;
+                                double* row =
+                                    out + c * plane + ((z - box.min.z) * boxExtent.y + (y - box.min.y)) * boxExtent.x;
                                 long long const rowStart = (c - c0) * strideOf(self.axes.c) +
                                                            (z - chunkIndexZ * chunkZ) * strideOf(self.axes.z) +
                                                            (y - chunkIndexY * chunkY) * strideOf(self.axes.y);
                                 long long const strideX = strideOf(self.axes.x);
                                 for (long long x = x0; x <= x1; ++x)
-                                    row[x - box.min.x] = present ? sampleAt(decoded.data() + (rowStart + (x - chunkIndexX * chunkX) *
-                                                                                                 strideX) *
-                                                                                    array.itemSize,
-                                                                array)
-                                                     : array.fillValue;
+                                    row[x - box.min.x] =
+                                        present ? sampleAt(decoded.data() +
+                                                               (rowStart + (x - chunkIndexX * chunkX) * strideX) *
+                                                                   array.itemSize,
+                                                           array)
+                                                : array.fillValue;
                             }
                 }
 }

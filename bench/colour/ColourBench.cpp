@@ -1,9 +1,9 @@
 // Three-channel colour unmixing of a 2048 x 2048 tile, in voxels per second, next to the plain
 // per-voxel computation and OpenCV doing the same sums with its own logarithm and exponential; and
 // the exponential alone, the library's against the C library's pow.
+#include "filters/internal/Absorptance.h"
 #include <nuvek/core/ChannelBank.h>
 #include <nuvek/core/MemoryImage.h>
-#include "filters/internal/Absorptance.h"
 #include <nuvek/filters/colour/ColorUnmixingFilter.h>
 
 #include "support/BenchImages.h"

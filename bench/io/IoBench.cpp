@@ -43,7 +43,10 @@ public:
     long long getNumChannels() const override { return 3; }
     long long getNumLevels() const override { return 1; }
     Nuvek::ValueRange<double> getValueRange() const override { return Nuvek::ValueRange<double>(0.0, 255.0); }
-    Nuvek::Vector getVoxelSize(long long level) const override { return Nuvek::Vector(250LL << level, 250LL << level, 1); }
+    Nuvek::Vector getVoxelSize(long long level) const override
+    {
+        return Nuvek::Vector(250LL << level, 250LL << level, 1);
+    }
     void openRegion(double* out, long long, Nuvek::Box const& box) override
     {
         for (long long c = 0; c < 3; ++c)
@@ -53,7 +56,8 @@ public:
                     std::uint64_t grain = static_cast<std::uint64_t>(x * 73856093LL ^ y * 19349663LL ^ c * 83492791LL);
                     grain = (grain * 0x9E3779B97F4A7C15ULL) >> 60;
                     bool const inside = x >= 0 && y >= 0 && x < size && y < size;
-                    double const stain = inside ? alongX[static_cast<std::size_t>(x)] * alongY[static_cast<std::size_t>(y)] : 0.0;
+                    double const stain =
+                        inside ? alongX[static_cast<std::size_t>(x)] * alongY[static_cast<std::size_t>(y)] : 0.0;
                     *out++ = 200.0 - 40.0 * static_cast<double>(c) * stain * stain + static_cast<double>(grain);
                 }
     }
@@ -132,9 +136,9 @@ void libtiffDecodeOnly(benchmark::State& state)
         long long const y0 = (choice / perRow) * readTile;
         for (long long y = y0; y < y0 + readTile; y += 256)
             for (long long x = x0; x < x0 + readTile; x += 256)
-                TIFFReadEncodedTile(tiff, TIFFComputeTile(tiff, static_cast<std::uint32_t>(x),
-                                                          static_cast<std::uint32_t>(y), 0, 0),
-                                    tile.data(), static_cast<tmsize_t>(tile.size()));
+                TIFFReadEncodedTile(
+                    tiff, TIFFComputeTile(tiff, static_cast<std::uint32_t>(x), static_cast<std::uint32_t>(y), 0, 0),
+                    tile.data(), static_cast<tmsize_t>(tile.size()));
         benchmark::DoNotOptimize(tile.data());
     }
     TIFFClose(tiff);

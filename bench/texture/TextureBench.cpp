@@ -156,7 +156,8 @@ void rankByFullSort(benchmark::State& state)
             {
                 for (long long j = 0; j < k; ++j)
                     for (long long i = 0; i < k; ++i)
-                        window[static_cast<std::size_t>(j * k + i)] = work[static_cast<std::size_t>((y + j) * width + x + i)];
+                        window[static_cast<std::size_t>(j * k + i)] =
+                            work[static_cast<std::size_t>((y + j) * width + x + i)];
                 std::sort(window.begin(), window.end(), before);
                 out[static_cast<std::size_t>(y * size + x)] = window[static_cast<std::size_t>(rank)];
             }

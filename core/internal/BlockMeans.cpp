@@ -43,8 +43,7 @@ void averageBlocksByDisplacements(double const* src, double* dst, Vector const& 
 // chain of additions per voxel. A value of the row is written only after its whole block has been
 // read, and every source value still to be read lies at or after it, so src and dst may be the same
 // buffer.
-void averageBlocksByRows(double const* src, double* dst, Vector const& extent, long long numChannels,
-                         long long levels)
+void averageBlocksByRows(double const* src, double* dst, Vector const& extent, long long numChannels, long long levels)
 {
     long long const f = 1LL << levels;
     long long const sourceSlice = extent.x * extent.y;

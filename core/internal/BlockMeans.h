@@ -22,7 +22,6 @@ void averageBlocksByDisplacements(double const* src, double* dst, Vector const& 
                                   long long levels);
 
 /// One destination row at a time, several columns side by side.
-void averageBlocksByRows(double const* src, double* dst, Vector const& extent, long long numChannels,
-                         long long levels);
+void averageBlocksByRows(double const* src, double* dst, Vector const& extent, long long numChannels, long long levels);
 
 } // namespace Nuvek

@@ -297,9 +297,8 @@ bool fastExponentialAgreesWith(double (*power)(double base, double exponent))
 bool fastExponentialIsUsed()
 {
     // A function-local static: initialised once, and other threads wait for it.
-    static bool const used = fastExponentialAgreesWith([](double base, double exponent) {
-        return std::pow(base, exponent);
-    });
+    static bool const used =
+        fastExponentialAgreesWith([](double base, double exponent) { return std::pow(base, exponent); });
     return used;
 }
 

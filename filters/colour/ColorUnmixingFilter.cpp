@@ -139,8 +139,8 @@ void ColorUnmixingFilter::reinit(std::vector<double> const& weights)
     ++hashCounter;
 }
 
-std::vector<std::vector<double>> ColorUnmixingFilter::computeMatrixFromColors(
-    std::vector<std::vector<double>> const& colors)
+std::vector<std::vector<double>>
+ColorUnmixingFilter::computeMatrixFromColors(std::vector<std::vector<double>> const& colors)
 {
     std::size_t const components = colors.empty() ? 0 : colors[0].size();
     std::vector<std::vector<double>> densities(colors.size(), std::vector<double>(components, 0.0));

@@ -98,8 +98,8 @@ void PixelProcessingFilter::openRegionInImage(double* out, long long level, Box 
         for (long long z = inside.min.z; z <= inside.max.z; ++z)
             for (long long y = inside.min.y; y <= inside.max.y; ++y)
             {
-                long long const partStart = (z - part.min.z) * partStrides.z + (y - part.min.y) * partStrides.y +
-                                            (inside.min.x - part.min.x);
+                long long const partStart =
+                    (z - part.min.z) * partStrides.z + (y - part.min.y) * partStrides.y + (inside.min.x - part.min.x);
                 long long const outStart = (z - region.min.z) * outStrides.z + (y - region.min.y) * outStrides.y +
                                            (inside.min.x - region.min.x);
                 for (std::size_t k = 0; k < planes.size(); ++k)

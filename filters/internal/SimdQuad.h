@@ -7,7 +7,6 @@ namespace Nuvek {
 typedef double Quad __attribute__((vector_size(4 * sizeof(double))));
 
 /// The same, read from or written to any double in memory (aligned to a double, not to the vector).
-typedef double UnalignedQuad
-    __attribute__((vector_size(4 * sizeof(double)), aligned(alignof(double)), may_alias));
+typedef double UnalignedQuad __attribute__((vector_size(4 * sizeof(double)), aligned(alignof(double)), may_alias));
 
 } // namespace Nuvek

@@ -1,5 +1,5 @@
-#include <nuvek/filters/neighbourhood/BoxFilter.h>
 #include "filters/internal/TargetClones.h"
+#include <nuvek/filters/neighbourhood/BoxFilter.h>
 
 #include "filters/internal/SimdQuad.h"
 
@@ -99,8 +99,8 @@ constexpr long long rowsPerGroup = 6;
 // left in the window's last slot; on return it is what the last of these rows leaves there.
 template <long long count>
 __attribute__((always_inline)) inline void sumRowsAlongX(double* rows, long long stride, long long outputWidth,
-                                                          long long kernelSize, long long carriedPosition,
-                                                          double& carried)
+                                                         long long kernelSize, long long carriedPosition,
+                                                         double& carried)
 {
     double sums[count];
     for (long long r = 0; r < count; ++r)
@@ -131,24 +131,21 @@ __attribute__((always_inline)) inline void sumRowsAlongX(double* rows, long long
 
 // Scalar on purpose (the file is built without straight-line vectorisation where the compiler has
 // it): packing the rows' values into vectors costs more shuffles than it saves.
-NUVEK_TARGET_CLONES void sumRowGroupAlongX(double* rows, long long stride,
-                                           long long outputWidth, long long kernelSize,
+NUVEK_TARGET_CLONES void sumRowGroupAlongX(double* rows, long long stride, long long outputWidth, long long kernelSize,
                                            long long carriedPosition, double& carried)
 {
     sumRowsAlongX<rowsPerGroup>(rows, stride, outputWidth, kernelSize, carriedPosition, carried);
 }
 
-NUVEK_TARGET_CLONES void sumRowAlongX(double* row, long long outputWidth,
-                                      long long kernelSize, long long carriedPosition,
-                                      double& carried)
+NUVEK_TARGET_CLONES void sumRowAlongX(double* row, long long outputWidth, long long kernelSize,
+                                      long long carriedPosition, double& carried)
 {
     sumRowsAlongX<1>(row, 0, outputWidth, kernelSize, carriedPosition, carried);
 }
 
 // The column sums of output row 0: 0.0, plus the row sums of input rows 0 to k - 2 in order, minus
 // the empty slot's 0.0, plus input row k - 1.
-NUVEK_TARGET_CLONES void startColumnSums(double* sums, double const* rows,
-                                         long long stride, long long outputWidth,
+NUVEK_TARGET_CLONES void startColumnSums(double* sums, double const* rows, long long stride, long long outputWidth,
                                          long long kernelSize)
 {
     for (long long x = 0; x < outputWidth; ++x)
@@ -169,11 +166,8 @@ NUVEK_TARGET_CLONES void startColumnSums(double* sums, double const* rows,
 
 // One step down: every column sum loses the row leaving the window and gains the one entering it.
 // With `entering` null only the scaling is done, for output row 0.
-NUVEK_TARGET_CLONES void advanceColumnSumsInto(double* out, double* sums,
-                                               double const* leaving,
-                                               double const* entering,
-                                               long long outputWidth, double scale,
-                                               bool rounding)
+NUVEK_TARGET_CLONES void advanceColumnSumsInto(double* out, double* sums, double const* leaving, double const* entering,
+                                               long long outputWidth, double scale, bool rounding)
 {
     long long x = 0;
     if (entering != nullptr)
@@ -203,8 +197,8 @@ NUVEK_TARGET_CLONES void advanceColumnSumsInto(double* out, double* sums,
 
 // Both passes, plane by plane: rows are summed along x a group at a time, and every output row is
 // produced as soon as the rows of its window are summed, while they are still in cache.
-void sumBoxFast(double* out, double* work, Vector const& outputExtent, Vector const& inputExtent,
-                long long numChannels, long long kernelSize, double scale, bool rounding)
+void sumBoxFast(double* out, double* work, Vector const& outputExtent, Vector const& inputExtent, long long numChannels,
+                long long kernelSize, double scale, bool rounding)
 {
     long long const stride = inputExtent.x;
     long long const width = outputExtent.x;

@@ -1,5 +1,5 @@
-#include <nuvek/filters/neighbourhood/DistanceTransformFilter.h>
 #include "filters/internal/TargetClones.h"
+#include <nuvek/filters/neighbourhood/DistanceTransformFilter.h>
 
 #include <algorithm>
 #include <cmath>
@@ -131,9 +131,8 @@ void transformColumns(double* slice, long long width, long long height, long lon
 // to the bit. A column without a target gets the envelope of an all-farAway column, built once.
 constexpr long long longestBinaryColumn = 1LL << 20;
 
-NUVEK_TARGET_CLONES void
-transformBinaryColumns(double* slice, long long width, long long height, double value, long long firstRow,
-                       long long endRow)
+NUVEK_TARGET_CLONES void transformBinaryColumns(double* slice, long long width, long long height, double value,
+                                                long long firstRow, long long endRow)
 {
     // A position beyond any column, on either side.
     constexpr double none = 1e15;
@@ -213,9 +212,8 @@ void takeCappedSquareRoots(double const* squared, long long count, double cap, d
 // Pass 2: squared distances along the rows [firstRow, firstRow + rows) of the slice, then their
 // capped square roots, written to the first `columns` voxels of consecutive output rows starting
 // at `target`. Only the columns [firstColumn, firstColumn + columns) are evaluated.
-void transformRowsInto(double* target, long long targetWidth, double const* slice, long long width,
-                       long long firstRow, long long rows, long long firstColumn, long long columns,
-                       long long maxDistance)
+void transformRowsInto(double* target, long long targetWidth, double const* slice, long long width, long long firstRow,
+                       long long rows, long long firstColumn, long long columns, long long maxDistance)
 {
     double const cap = static_cast<double>(maxDistance);
     std::vector<double> squared(static_cast<std::size_t>(columns));

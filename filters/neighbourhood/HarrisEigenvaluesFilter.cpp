@@ -1,5 +1,5 @@
-#include <nuvek/filters/neighbourhood/HarrisEigenvaluesFilter.h>
 #include "filters/internal/TargetClones.h"
+#include <nuvek/filters/neighbourhood/HarrisEigenvaluesFilter.h>
 
 #include <nuvek/filters/neighbourhood/SobelFilter.h>
 
@@ -14,8 +14,7 @@ namespace {
 // in place: the blurred x gradient a becomes the larger, the blurred y gradient b the smaller.
 // The square root is correctly rounded whether it is taken one value or four at a time; the file is
 // built without errno for math functions so that the compiler can take it four at a time.
-NUVEK_TARGET_CLONES void
-computeEigenvaluesInPlace(double* larger, double* smaller, long long count)
+NUVEK_TARGET_CLONES void computeEigenvaluesInPlace(double* larger, double* smaller, long long count)
 {
     for (long long i = 0; i < count; ++i)
     {

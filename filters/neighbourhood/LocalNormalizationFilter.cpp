@@ -42,35 +42,35 @@ struct Geometry
 
 // Pass for f >= 2, where every background row serves two or more output rows: each needed row is
 // interpolated along x once, into one of two slots, and the output rows mix their two rows.
-void normalizeSharingRows(double* out, Box const& box, double f, std::vector<double> const& cache, long long numChannels,
-                          Geometry const& geometry, Normalization const& normalization)
+void normalizeSharingRows(double* out, Box const& box, double f, std::vector<double> const& cache,
+                          long long numChannels, Geometry const& geometry, Normalization const& normalization)
 {
     Box const& background = geometry.backgroundBox;
     long long const backgroundWidth = geometry.backgroundExtent.x;
     std::size_t const width = static_cast<std::size_t>(box.getExtent().x);
     BilinearRowPair rows(geometry.columns);
 
-    forEachPlaneWithSource(out, box, cache.data(), geometry.backgroundExtent, numChannels,
-                           [&](double* target, double const* plane) {
-        rows.reset();
-        auto rowOf = [&](long long row, long long keep) {
-            return rows.get(row, plane + (row - background.min.y) * backgroundWidth, keep);
-        };
-        for (long long y = box.min.y; y <= box.max.y; ++y)
-        {
-            Between const along(y, f, background.min.y, background.max.y);
-            double const wy = along.weight;
-            double const complement = 1 - wy;
-            double const* lower = rowOf(along.low, along.high);
-            double const* upper = rowOf(along.high, along.low);
-            for (std::size_t i = 0; i < width; ++i)
+    forEachPlaneWithSource(
+        out, box, cache.data(), geometry.backgroundExtent, numChannels, [&](double* target, double const* plane) {
+            rows.reset();
+            auto rowOf = [&](long long row, long long keep) {
+                return rows.get(row, plane + (row - background.min.y) * backgroundWidth, keep);
+            };
+            for (long long y = box.min.y; y <= box.max.y; ++y)
             {
-                double const b = upper[i] * wy + lower[i] * complement;
-                target[i] = (target[i] - b + normalization.rangeWidth) * 0.5 + normalization.rangeMin;
+                Between const along(y, f, background.min.y, background.max.y);
+                double const wy = along.weight;
+                double const complement = 1 - wy;
+                double const* lower = rowOf(along.low, along.high);
+                double const* upper = rowOf(along.high, along.low);
+                for (std::size_t i = 0; i < width; ++i)
+                {
+                    double const b = upper[i] * wy + lower[i] * complement;
+                    target[i] = (target[i] - b + normalization.rangeWidth) * 0.5 + normalization.rangeMin;
+                }
+                target += width;
             }
-            target += width;
-        }
-    });
+        });
 }
 
 // Pass for f < 2, where hardly any background row serves two output rows: the four background
@@ -83,27 +83,27 @@ void normalizePerVoxel(double* out, Box const& box, double f, std::vector<double
     std::size_t const width = static_cast<std::size_t>(box.getExtent().x);
     BilinearColumns const& columns = geometry.columns;
 
-    forEachPlaneWithSource(out, box, cache.data(), geometry.backgroundExtent, numChannels,
-                           [&](double* target, double const* plane) {
-        for (long long y = box.min.y; y <= box.max.y; ++y)
-        {
-            Between const along(y, f, background.min.y, background.max.y);
-            double const wy = along.weight;
-            double const complement = 1 - wy;
-            double const* lower = plane + (along.low - background.min.y) * backgroundWidth;
-            double const* upper = plane + (along.high - background.min.y) * backgroundWidth;
-            for (std::size_t i = 0; i < width; ++i)
+    forEachPlaneWithSource(
+        out, box, cache.data(), geometry.backgroundExtent, numChannels, [&](double* target, double const* plane) {
+            for (long long y = box.min.y; y <= box.max.y; ++y)
             {
-                long long const x0 = columns.low[i];
-                long long const x1 = columns.high[i];
-                double const wx = columns.weight[i];
-                double const b = (wx * upper[x1] + columns.complement[i] * upper[x0]) * wy +
-                                 (wx * lower[x1] + columns.complement[i] * lower[x0]) * complement;
-                target[i] = (target[i] - b + normalization.rangeWidth) * 0.5 + normalization.rangeMin;
+                Between const along(y, f, background.min.y, background.max.y);
+                double const wy = along.weight;
+                double const complement = 1 - wy;
+                double const* lower = plane + (along.low - background.min.y) * backgroundWidth;
+                double const* upper = plane + (along.high - background.min.y) * backgroundWidth;
+                for (std::size_t i = 0; i < width; ++i)
+                {
+                    long long const x0 = columns.low[i];
+                    long long const x1 = columns.high[i];
+                    double const wx = columns.weight[i];
+                    double const b = (wx * upper[x1] + columns.complement[i] * upper[x0]) * wy +
+                                     (wx * lower[x1] + columns.complement[i] * lower[x0]) * complement;
+                    target[i] = (target[i] - b + normalization.rangeWidth) * 0.5 + normalization.rangeMin;
+                }
+                target += width;
             }
-            target += width;
-        }
-    });
+        });
 }
 
 } // namespace

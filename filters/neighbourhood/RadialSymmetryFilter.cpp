@@ -59,8 +59,7 @@ std::int32_t absoluteAs32Bits(long long difference)
 
 // The clipping and drawing live here, where castVotes can inline them; the public static members
 // forward to them. Clipping moves end points only for segments that leave the rectangle.
-bool clipLeavingSegment(double xMax, double yMax, int codeA, int codeB, double& xA, double& xB, double& yA,
-                        double& yB)
+bool clipLeavingSegment(double xMax, double yMax, int codeA, int codeB, double& xA, double& xB, double& yA, double& yB)
 {
     for (int move = 0; (codeA & codeB) == 0; ++move)
     {
@@ -130,7 +129,7 @@ inline bool clipSegment(Vector const& extent, double& xA, double& xB, double& yA
 }
 
 inline void addAlongLine(double* plane, long long rowStride, double value, long long x0, long long x1, long long y0,
-                  long long y1)
+                         long long y1)
 {
     long long const dX = x1 - x0;
     long long const dY = y1 - y0;
@@ -222,8 +221,7 @@ ValueRange<double> RadialSymmetryFilter::getValueRange() const
     return ValueRange<double>(0.0, sobel->getValueRange().max * radius);
 }
 
-bool RadialSymmetryFilter::clampLineToImageBounds(Vector const& extent, double& xA, double& xB, double& yA,
-                                                  double& yB)
+bool RadialSymmetryFilter::clampLineToImageBounds(Vector const& extent, double& xA, double& xB, double& yA, double& yB)
 {
     return clipSegment(extent, xA, xB, yA, yB);
 }

@@ -1,5 +1,5 @@
-#include <nuvek/filters/neighbourhood/SeparableConvolutionFilter.h>
 #include "filters/internal/TargetClones.h"
+#include <nuvek/filters/neighbourhood/SeparableConvolutionFilter.h>
 
 #include "filters/internal/SimdQuad.h"
 
@@ -91,8 +91,7 @@ constexpr long long blockWidth = 4 * quadsPerBlock;
 // (stride 1, out = rows): each block of outputs is computed from values at or right of its first
 // position before it is stored, and later blocks read only further right, so the row needs no copy;
 // the results are kept h places left of the voxels they belong to.
-NUVEK_TARGET_CLONES void correlateRowsInto(double* out, double const* rows,
-                                           long long stride, long long outputWidth,
+NUVEK_TARGET_CLONES void correlateRowsInto(double* out, double const* rows, long long stride, long long outputWidth,
                                            double const* kernel, long long n)
 {
     long long x = 0;
@@ -159,8 +158,7 @@ SeparableConvolutionFilter::SeparableConvolutionFilter(Image* input, std::vector
         throw std::runtime_error("Kernel size must be odd.");
 }
 
-SeparableConvolutionFilter::SeparableConvolutionFilter(Image* input, std::vector<double> const& kernel,
-                                                       bool ownsInput)
+SeparableConvolutionFilter::SeparableConvolutionFilter(Image* input, std::vector<double> const& kernel, bool ownsInput)
     : SeparableConvolutionFilter(input, kernel, kernel, ownsInput)
 {
 }

@@ -95,7 +95,9 @@ void clampFromNearestInside(Image& input, double* out, long long level, Box cons
 
 } // namespace
 
-ClampingFilter::ClampingFilter(Image* input, bool ownsInput) : Filter(input, ownsInput) {}
+ClampingFilter::ClampingFilter(Image* input, bool ownsInput) : Filter(input, ownsInput)
+{
+}
 
 void ClampingFilter::openRegion(double* out, long long level, Box const& box)
 {
@@ -104,8 +106,12 @@ void ClampingFilter::openRegion(double* out, long long level, Box const& box)
         return;
 
     Vector const extent = input->getExtent(level);
-    Margins const margins{below(box.min.x),           below(box.min.y),           below(box.min.z),
-                          beyond(box.max.x, extent.x), beyond(box.max.y, extent.y), beyond(box.max.z, extent.z)};
+    Margins const margins{below(box.min.x),
+                          below(box.min.y),
+                          below(box.min.z),
+                          beyond(box.max.x, extent.x),
+                          beyond(box.max.y, extent.y),
+                          beyond(box.max.z, extent.z)};
     if (margins.lowX == 0 && margins.lowY == 0 && margins.lowZ == 0 && margins.highX == 0 && margins.highY == 0 &&
         margins.highZ == 0)
         return;

@@ -1,5 +1,5 @@
-#include <nuvek/filters/pixelwise/RGBToHSVFilter.h>
 #include "filters/internal/TargetClones.h"
+#include <nuvek/filters/pixelwise/RGBToHSVFilter.h>
 
 #include <nuvek/core/Conversions.h>
 
@@ -14,14 +14,12 @@ namespace {
 constexpr long long blockLength = 4;
 
 // Plain pass: voxel by voxel through the core's conversion.
-void convertOneByOne(double* red, double* green, double* blue, long long begin, long long end, double low,
-                     double span)
+void convertOneByOne(double* red, double* green, double* blue, long long begin, long long end, double low, double span)
 {
     for (long long i = begin; i < end; ++i)
     {
         double hue = 0.0, saturation = 0.0, value = 0.0;
-        convertRGBToHSV((red[i] - low) / span, (green[i] - low) / span, (blue[i] - low) / span, hue, saturation,
-                        value);
+        convertRGBToHSV((red[i] - low) / span, (green[i] - low) / span, (blue[i] - low) / span, hue, saturation, value);
         red[i] = std::floor(hue / 360.0 * 255.0);
         green[i] = std::floor(saturation * 255.0);
         blue[i] = std::floor(value * 255.0);
@@ -82,7 +80,9 @@ void convertBySelection(double* __restrict red, double* __restrict green, double
 
 } // namespace
 
-RGBToHSVFilter::RGBToHSVFilter(Image* input, bool ownsInput) : Filter(input, ownsInput) {}
+RGBToHSVFilter::RGBToHSVFilter(Image* input, bool ownsInput) : Filter(input, ownsInput)
+{
+}
 
 ValueRange<double> RGBToHSVFilter::getValueRange() const
 {

@@ -2,7 +2,9 @@
 
 namespace Nuvek {
 
-ZStackFilter::ZStackFilter(Image* input, long long zSlice, bool ownsInput) : Filter(input, ownsInput), zSlice(zSlice) {}
+ZStackFilter::ZStackFilter(Image* input, long long zSlice, bool ownsInput) : Filter(input, ownsInput), zSlice(zSlice)
+{
+}
 
 void ZStackFilter::openRegion(double* out, long long level, Box const& box)
 {

@@ -50,8 +50,7 @@ void DownsampleFilter::openRegionDownsampled(double* out, long long level, Box c
     }
     // Reduced in place: the means of the blocks now open the buffer with the strides of clippedExtent.
     downsampleBufferFullLevel(work.data(), work.data(), sourceExtent, numChannels, level - sourceLevel);
-    copyImageBuffer(work.data(), clippedExtent, Box(clippedExtent), out, boxExtent, clipped.min - box.min,
-                    numChannels);
+    copyImageBuffer(work.data(), clippedExtent, Box(clippedExtent), out, boxExtent, clipped.min - box.min, numChannels);
 }
 
 } // namespace Nuvek

@@ -84,8 +84,7 @@ void UpsampleFilter::openRegion(double* out, long long level, Box const& box)
         openRegionNearestNeighbor(out, level, box, loan.buffer());
 }
 
-void UpsampleFilter::openRegionNearestNeighbor(double* out, long long level, Box const& box,
-                                               std::vector<double>& cache)
+void UpsampleFilter::openRegionNearestNeighbor(double* out, long long level, Box const& box, std::vector<double>& cache)
 {
     double scale = 1.0;
     Box sourceBox;
@@ -103,16 +102,16 @@ void UpsampleFilter::openRegionNearestNeighbor(double* out, long long level, Box
 
     forEachPlaneWithSource(out, box, cache.data(), sourceBox.getExtent(), input->getNumChannels(),
                            [&](double* target, double const* plane) {
-        for (long long y = box.min.y; y <= box.max.y; ++y)
-        {
-            long long const row =
-                clampTo(static_cast<long long>(static_cast<double>(y) / scale), sourceBox.min.y, sourceBox.max.y);
-            double const* sourceRow = plane + (row - sourceBox.min.y) * sourceWidth;
-            for (long long i = 0; i < width; ++i)
-                target[i] = sourceRow[columns[static_cast<std::size_t>(i)]];
-            target += width;
-        }
-    });
+                               for (long long y = box.min.y; y <= box.max.y; ++y)
+                               {
+                                   long long const row = clampTo(static_cast<long long>(static_cast<double>(y) / scale),
+                                                                 sourceBox.min.y, sourceBox.max.y);
+                                   double const* sourceRow = plane + (row - sourceBox.min.y) * sourceWidth;
+                                   for (long long i = 0; i < width; ++i)
+                                       target[i] = sourceRow[columns[static_cast<std::size_t>(i)]];
+                                   target += width;
+                               }
+                           });
 }
 
 void UpsampleFilter::openRegionBilinear(double* out, long long level, Box const& box, std::vector<double>& cache)
@@ -128,22 +127,22 @@ void UpsampleFilter::openRegionBilinear(double* out, long long level, Box const&
 
     forEachPlaneWithSource(out, box, cache.data(), sourceBox.getExtent(), input->getNumChannels(),
                            [&](double* target, double const* plane) {
-        rows.reset();
-        for (long long y = box.min.y; y <= box.max.y; ++y)
-        {
-            Between const along(y, scale, sourceBox.min.y, sourceBox.max.y);
-            long long const y0 = along.low;
-            long long const y1 = along.high;
-            double const wy = along.weight;
-            double const complement = 1 - wy;
-            double const* lower = rows.get(y0, plane + (y0 - sourceBox.min.y) * sourceWidth, y1);
-            double const* upper = rows.get(y1, plane + (y1 - sourceBox.min.y) * sourceWidth, y0);
-            // (wx v(x1, y1) + (1 - wx) v(x0, y1)) wy + (wx v(x1, y0) + (1 - wx) v(x0, y0)) (1 - wy)
-            for (long long i = 0; i < width; ++i)
-                target[i] = upper[i] * wy + lower[i] * complement;
-            target += width;
-        }
-    });
+                               rows.reset();
+                               for (long long y = box.min.y; y <= box.max.y; ++y)
+                               {
+                                   Between const along(y, scale, sourceBox.min.y, sourceBox.max.y);
+                                   long long const y0 = along.low;
+                                   long long const y1 = along.high;
+                                   double const wy = along.weight;
+                                   double const complement = 1 - wy;
+                                   double const* lower = rows.get(y0, plane + (y0 - sourceBox.min.y) * sourceWidth, y1);
+                                   double const* upper = rows.get(y1, plane + (y1 - sourceBox.min.y) * sourceWidth, y0);
+                                   // (wx v(x1, y1) + (1 - wx) v(x0, y1)) wy + (wx v(x1, y0) + (1 - wx) v(x0, y0)) (1 - wy)
+                                   for (long long i = 0; i < width; ++i)
+                                       target[i] = upper[i] * wy + lower[i] * complement;
+                                   target += width;
+                               }
+                           });
 }
 
 } // namespace Nuvek

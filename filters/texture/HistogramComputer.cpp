@@ -18,9 +18,7 @@ class CircularHistogramBuffers
 {
 public:
     CircularHistogramBuffers(long long width, long long kernelSize, long long numBins)
-        : width(width),
-          kernelSize(kernelSize),
-          ring(static_cast<std::size_t>(width * kernelSize), 0),
+        : width(width), kernelSize(kernelSize), ring(static_cast<std::size_t>(width * kernelSize), 0),
           counts(static_cast<std::size_t>(width * numBins), 0)
     {
         for (long long c = 0; c < width; ++c)

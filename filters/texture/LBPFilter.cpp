@@ -1,5 +1,5 @@
-#include <nuvek/filters/texture/LBPFilter.h>
 #include "filters/internal/TargetClones.h"
+#include <nuvek/filters/texture/LBPFilter.h>
 
 #include <algorithm>
 #include <cmath>
@@ -19,10 +19,8 @@ std::array<long long, 8> neighbourOffsets(long long r, long long d, long long ro
 }
 
 // One row of classes: the code of each centre, then its class from the table.
-NUVEK_TARGET_CLONES void classifyRow(double const* centre, double* target,
-                                     long long width,
-                                     std::array<long long, 8> const& offsets,
-                                     double const* classOfCode)
+NUVEK_TARGET_CLONES void classifyRow(double const* centre, double* target, long long width,
+                                     std::array<long long, 8> const& offsets, double const* classOfCode)
 {
     double const* n0 = centre + offsets[0];
     double const* n1 = centre + offsets[1];

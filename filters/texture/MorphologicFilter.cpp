@@ -1,7 +1,7 @@
 #include <nuvek/filters/texture/MorphologicFilter.h>
 
-#include "filters/internal/TargetClones.h"
 #include "filters/internal/OrderSensitivity.h"
+#include "filters/internal/TargetClones.h"
 
 #include "filters/internal/MorphologicPasses.h"
 
@@ -82,11 +82,20 @@ inline __attribute__((always_inline)) void extremaAlongRowFast(double const* row
 {
     switch (k)
     {
-    case 1: std::copy(row, row + count, result); return;
-    case 3: sweepAlongRow<maximum, 3>(row, result, count); return;
-    case 5: sweepAlongRow<maximum, 5>(row, result, count); return;
-    case 7: sweepAlongRow<maximum, 7>(row, result, count); return;
-    default: break;
+    case 1:
+        std::copy(row, row + count, result);
+        return;
+    case 3:
+        sweepAlongRow<maximum, 3>(row, result, count);
+        return;
+    case 5:
+        sweepAlongRow<maximum, 5>(row, result, count);
+        return;
+    case 7:
+        sweepAlongRow<maximum, 7>(row, result, count);
+        return;
+    default:
+        break;
     }
     // Running extrema: blocks of k values, prefix extrema forwards and suffix extrema backwards
     // within each block; a window spans the end of one block and the start of the next.
@@ -175,15 +184,12 @@ inline __attribute__((always_inline)) void runningExtremaOfFourRows(double const
 struct Scratch
 {
     Scratch(long long width, long long count, long long k)
-        : rowPrefix(static_cast<std::size_t>(k > directSweepLimit ? 4 * width : 0)),
-          rowSuffix(rowPrefix.size()),
-          sensitive(static_cast<std::size_t>(width)),
-          pool(static_cast<std::size_t>((k + 4) * count)),
+        : rowPrefix(static_cast<std::size_t>(k > directSweepLimit ? 4 * width : 0)), rowSuffix(rowPrefix.size()),
+          sensitive(static_cast<std::size_t>(width)), pool(static_cast<std::size_t>((k + 4) * count)),
           ring(static_cast<std::size_t>(k)),
           columnSuffix(static_cast<std::size_t>(k > directSweepLimit ? k * count : 0)),
           columnPrefix(static_cast<std::size_t>(k > directSweepLimit ? count : 0)),
-          rowHasSensitive(static_cast<std::size_t>(k), 0),
-          sensitiveInWindow(static_cast<std::size_t>(count), 0)
+          rowHasSensitive(static_cast<std::size_t>(k), 0), sensitiveInWindow(static_cast<std::size_t>(count), 0)
     {
     }
 
@@ -319,10 +325,18 @@ inline __attribute__((always_inline)) void combineWindowRows(double* target, dou
     }
     switch (k)
     {
-    case 1: sweepAcrossRows<maximum, 1>(ring, target, count); break;
-    case 3: sweepAcrossRows<maximum, 3>(ring, target, count); break;
-    case 5: sweepAcrossRows<maximum, 5>(ring, target, count); break;
-    default: sweepAcrossRows<maximum, 7>(ring, target, count); break;
+    case 1:
+        sweepAcrossRows<maximum, 1>(ring, target, count);
+        break;
+    case 3:
+        sweepAcrossRows<maximum, 3>(ring, target, count);
+        break;
+    case 5:
+        sweepAcrossRows<maximum, 5>(ring, target, count);
+        break;
+    default:
+        sweepAcrossRows<maximum, 7>(ring, target, count);
+        break;
     }
 }
 
@@ -357,9 +371,8 @@ inline __attribute__((always_inline)) void rescanSensitiveColumns(double* target
 // a ring of k rows, and as soon as k rows are in, one output row is taken across them. Where a
 // window of pass 1 results holds NaN or -0.0, its output is the slot-order scan of the ring.
 template <bool maximum>
-NUVEK_TARGET_CLONES void
-extremaOfPlane(double const* plane, long long width, long long height, double* out, long long count, long long k,
-               Scratch& scratch)
+NUVEK_TARGET_CLONES void extremaOfPlane(double const* plane, long long width, long long height, double* out,
+                                        long long count, long long k, Scratch& scratch)
 {
     scratch.startPlane();
     for (long long r = 0; r < height; ++r)

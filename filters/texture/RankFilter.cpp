@@ -1,7 +1,7 @@
 #include <nuvek/filters/texture/RankFilter.h>
 
-#include "filters/internal/TargetClones.h"
 #include "filters/internal/OrderSensitivity.h"
+#include "filters/internal/TargetClones.h"
 
 #include "filters/internal/RankPasses.h"
 #include "filters/internal/SimdQuad.h"
@@ -152,8 +152,7 @@ void selectRanksBySlidingSet(double const* plane, long long width, double* out, 
     std::vector<std::pair<std::uint64_t, std::uint32_t>> order(static_cast<std::size_t>(count));
     for (long long i = 0; i < count; ++i)
         order[static_cast<std::size_t>(i)] = {keyOf(plane[i]), static_cast<std::uint32_t>(i)};
-    std::sort(order.begin(), order.end(),
-              [](auto const& a, auto const& b) { return a.first < b.first; });
+    std::sort(order.begin(), order.end(), [](auto const& a, auto const& b) { return a.first < b.first; });
     std::vector<std::uint32_t> positions(static_cast<std::size_t>(count));
     for (long long p = 0; p < count; ++p)
         positions[order[static_cast<std::size_t>(p)].second] = static_cast<std::uint32_t>(p);
@@ -169,9 +168,7 @@ void selectRanksBySlidingSet(double const* plane, long long width, double* out, 
         for (long long i = 0; i < k; ++i)
             add ? window.insert(source[i]) : window.erase(source[i]);
     };
-    auto emit = [&](long long x, long long y) {
-        out[y * extent.x + x] = valueOf(order[window.select(rank)].first);
-    };
+    auto emit = [&](long long x, long long y) { out[y * extent.x + x] = valueOf(order[window.select(rank)].first); };
 
     for (long long j = 0; j < k; ++j)
         row(j, 0, true);
@@ -336,8 +333,7 @@ inline __attribute__((always_inline)) void medianRowOfThree(double const* top, l
 // The rank of every window of one channel's first slice for k = 3, 5 or 7 and rows of at least four
 // windows: sorting networks over four windows at a time, and exact selection among keys for windows
 // holding NaN or -0.0.
-NUVEK_TARGET_CLONES void selectRanksByNetwork(double const* plane, long long width,
-                                              double* out, Vector const& extent,
+NUVEK_TARGET_CLONES void selectRanksByNetwork(double const* plane, long long width, double* out, Vector const& extent,
                                               long long k, long long rank)
 {
     long long const height = extent.y + k - 1;
@@ -360,9 +356,15 @@ NUVEK_TARGET_CLONES void selectRanksByNetwork(double const* plane, long long wid
         else
             switch (k)
             {
-            case 3: rankRowByNetwork<3>(top, width, extent.x, rank, target); break;
-            case 5: rankRowByNetwork<5>(top, width, extent.x, rank, target); break;
-            default: rankRowByNetwork<7>(top, width, extent.x, rank, target); break;
+            case 3:
+                rankRowByNetwork<3>(top, width, extent.x, rank, target);
+                break;
+            case 5:
+                rankRowByNetwork<5>(top, width, extent.x, rank, target);
+                break;
+            default:
+                rankRowByNetwork<7>(top, width, extent.x, rank, target);
+                break;
             }
         if (!anySensitive)
             continue;

@@ -75,8 +75,8 @@ FileMetadata ImageJDescriptionParser::parse(std::string const& description)
     double spacing = 0.0;
     if (metadata.resolutionUnit > 0.0 && number(values, "spacing", spacing) && spacing > 0.0)
         metadata.sizeZ = spacing * metadata.resolutionUnit;
-    metadata.hasRange = number(values, "min", metadata.min) && number(values, "max", metadata.max) &&
-                        metadata.min < metadata.max;
+    metadata.hasRange =
+        number(values, "min", metadata.min) && number(values, "max", metadata.max) && metadata.min < metadata.max;
     return metadata;
 }
 

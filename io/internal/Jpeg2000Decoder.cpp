@@ -63,7 +63,9 @@ void keepMessage(char const* message, void* user)
     }
 }
 
-void dropMessage(char const*, void*) {}
+void dropMessage(char const*, void*)
+{
+}
 
 [[noreturn]] void fail(std::string const& problem, std::string const& message)
 {

@@ -76,8 +76,9 @@ std::string omeXml(OmeDescription const& description)
     {
         for (long long c = 0; c < description.sizeC; ++c)
         {
-            std::string const name =
-                c < static_cast<long long>(description.channelNames.size()) ? description.channelNames[static_cast<std::size_t>(c)] : "";
+            std::string const name = c < static_cast<long long>(description.channelNames.size())
+                                         ? description.channelNames[static_cast<std::size_t>(c)]
+                                         : "";
             xml += "      <Channel ID=\"Channel:0:" + std::to_string(c) + "\" Name=\"" + escapeXml(name) +
                    "\" SamplesPerPixel=\"1\"/>\n";
         }

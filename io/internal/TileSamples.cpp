@@ -33,7 +33,6 @@ double scaledSample(double value, ValueRange<double> const& range, double maxSto
     return stored;
 }
 
-
 template <typename Sample>
 void storeSample(unsigned char* tile, long long index, double value)
 {

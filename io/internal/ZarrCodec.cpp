@@ -18,11 +18,10 @@ void inflate(bool gzip, std::vector<unsigned char> const& stored, std::size_t si
     if (!decompressor)
         throw std::runtime_error("cannot set up zlib decompression");
     std::size_t written = 0;
-    libdeflate_result const result =
-        gzip ? libdeflate_gzip_decompress(decompressor.get(), stored.data(), stored.size(), decoded.data(), size,
-                                          &written)
-             : libdeflate_zlib_decompress(decompressor.get(), stored.data(), stored.size(), decoded.data(), size,
-                                          &written);
+    libdeflate_result const result = gzip ? libdeflate_gzip_decompress(decompressor.get(), stored.data(), stored.size(),
+                                                                       decoded.data(), size, &written)
+                                          : libdeflate_zlib_decompress(decompressor.get(), stored.data(), stored.size(),
+                                                                       decoded.data(), size, &written);
     if (result != LIBDEFLATE_SUCCESS || written != size)
         throw std::runtime_error("a chunk does not decompress to its size");
 }

@@ -7,8 +7,8 @@
 // Any sequence of the right length converts; Python receives tuples.
 
 #include <nuvek/core/Box.h>
-#include <nuvek/core/Vector.h>
 #include <nuvek/core/ValueRange.h>
+#include <nuvek/core/Vector.h>
 
 #include <pybind11/pybind11.h>
 

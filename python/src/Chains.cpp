@@ -15,10 +15,14 @@ char const* kindName(Nuvek::ParameterKind kind)
 {
     switch (kind)
     {
-    case Nuvek::ParameterKind::Integer: return "integer";
-    case Nuvek::ParameterKind::Number: return "number";
-    case Nuvek::ParameterKind::Word: return "word";
-    case Nuvek::ParameterKind::NumberList: return "numbers";
+    case Nuvek::ParameterKind::Integer:
+        return "integer";
+    case Nuvek::ParameterKind::Number:
+        return "number";
+    case Nuvek::ParameterKind::Word:
+        return "word";
+    case Nuvek::ParameterKind::NumberList:
+        return "numbers";
     }
     return "word";
 }
@@ -66,8 +70,9 @@ the time point of a file with several.
     module.def(
         "canonical_chain_expression",
         [](std::string const& text) { return Nuvek::toString(Nuvek::parseChainExpression(text)); },
-        py::arg("expression"), "The chain expression written back in canonical form; raises RuntimeError when it "
-                               "does not parse.");
+        py::arg("expression"),
+        "The chain expression written back in canonical form; raises RuntimeError when it "
+        "does not parse.");
     module.def(
         "is_shareable",
         [](std::string const& text) { return Nuvek::FilterRegistry::isShareable(Nuvek::parseChainExpression(text)); },

@@ -4,7 +4,6 @@
 
 #include <pybind11/stl.h>
 
-
 namespace NuvekPython {
 
 using Nuvek::Box;
@@ -105,9 +104,11 @@ void bindChannelFilters(py::module_& module)
                  return new Nuvek::ChannelFilter(input, first, count, false);
              }),
              py::arg("input"), py::arg("first"), py::arg("count"), keepInput)
-        .def(py::init([](Image* input, std::string const& name) { return new Nuvek::ChannelFilter(input, name, false); }),
+        .def(py::init(
+                 [](Image* input, std::string const& name) { return new Nuvek::ChannelFilter(input, name, false); }),
              py::arg("input"), py::arg("name"), keepInput);
-    py::class_<Nuvek::ConcatFilter, Filter>(module, "ConcatFilter", "The channels of several inputs, one after another.")
+    py::class_<Nuvek::ConcatFilter, Filter>(module, "ConcatFilter",
+                                            "The channels of several inputs, one after another.")
         .def(py::init([](py::sequence inputs) -> Nuvek::ConcatFilter* {
                  std::vector<Image*> images;
                  std::vector<py::object> kept;
@@ -168,8 +169,8 @@ void bindNeighbourhoodFilters(py::module_& module)
                  return new Nuvek::SeparableConvolutionFilter(input, kernel, false);
              }),
              py::arg("input"), py::arg("kernel"), keepInput);
-    py::class_<Nuvek::GaussianBlurFilter, Nuvek::SeparableConvolutionFilter>(module, "GaussianBlurFilter",
-                                                                             "Gaussian blur with a kernel_size-tap kernel.")
+    py::class_<Nuvek::GaussianBlurFilter, Nuvek::SeparableConvolutionFilter>(
+        module, "GaussianBlurFilter", "Gaussian blur with a kernel_size-tap kernel.")
         .def(py::init([](Image* input, long long kernelSize) {
                  return new Nuvek::GaussianBlurFilter(input, kernelSize, false);
              }),
@@ -246,8 +247,8 @@ void bindResolutionFilters(py::module_& module)
         .def(py::init([](Image* input, long long sourceLevel, Nuvek::UpsampleFilter::Interpolation interpolation) {
                  return new Nuvek::UpsampleFilter(input, sourceLevel, interpolation, false);
              }),
-             py::arg("input"), py::arg("source_level"),
-             py::arg("interpolation") = Nuvek::UpsampleFilter::Bilinear, keepInput)
+             py::arg("input"), py::arg("source_level"), py::arg("interpolation") = Nuvek::UpsampleFilter::Bilinear,
+             keepInput)
         .def("get_cache_size", &Nuvek::UpsampleFilter::getCacheSize);
 }
 

@@ -2,8 +2,8 @@
 
 #include <nuvek/core/MemoryImage.h>
 #include <nuvek/io/ImageFormats.h>
-#include <nuvek/io/PyramidalTiffWriter.h>
 #include <nuvek/io/OmeZarrWriter.h>
+#include <nuvek/io/PyramidalTiffWriter.h>
 #include <nuvek/io/SlideImage.h>
 #include <nuvek/io/TiffImage.h>
 #include <nuvek/io/ZarrImage.h>
@@ -181,7 +181,8 @@ zeros. Level L holds the 2^L x 2^L block means of level 0; voxels outside the ex
                 Vector const extent = image.getExtent(0);
                 std::shared_lock<std::shared_mutex> lock(image.mutex);
                 std::vector<double> const& values = image.getValues();
-                py::array_t<double> array(std::vector<py::ssize_t>{image.getNumChannels(), extent.z, extent.y, extent.x});
+                py::array_t<double> array(
+                    std::vector<py::ssize_t>{image.getNumChannels(), extent.z, extent.y, extent.x});
                 std::copy(values.begin(), values.end(), array.mutable_data());
                 return array;
             },
@@ -229,7 +230,8 @@ void bindWriter(py::module_& module)
             options.omeTiff = omeTiff;
             options.jpegQuality = quality;
             options.tileSize = tileSize;
-            options.compression = namedOption("write_pyramidal_tiff", compression, Nuvek::ImageFormats::parseCompression);
+            options.compression =
+                namedOption("write_pyramidal_tiff", compression, Nuvek::ImageFormats::parseCompression);
             options.sampleType = namedOption("write_pyramidal_tiff", sampleType, Nuvek::ImageFormats::parseSampleType);
             options.valueRange = valueRange;
             options.level = level;

@@ -31,7 +31,8 @@ int main(int argc, char** argv)
 
         std::vector<double> values(static_cast<std::size_t>(extent.prod() * channels));
         std::ifstream input(argv[2], std::ios::binary);
-        input.read(reinterpret_cast<char*>(values.data()), static_cast<std::streamsize>(values.size() * sizeof(double)));
+        input.read(reinterpret_cast<char*>(values.data()),
+                   static_cast<std::streamsize>(values.size() * sizeof(double)));
         if (!input)
             throw std::runtime_error(std::string("cannot read ") + argv[2]);
 
@@ -41,7 +42,8 @@ int main(int argc, char** argv)
         chain->output->openRegion(out.data(), level, box);
 
         std::ofstream output(argv[14], std::ios::binary);
-        output.write(reinterpret_cast<char const*>(out.data()), static_cast<std::streamsize>(out.size() * sizeof(double)));
+        output.write(reinterpret_cast<char const*>(out.data()),
+                     static_cast<std::streamsize>(out.size() * sizeof(double)));
         if (!output)
             throw std::runtime_error(std::string("cannot write ") + argv[14]);
         return 0;

@@ -54,7 +54,8 @@ TEST(ChainExpression, SyntaxErrorsNameTheCharacter)
 {
     EXPECT_EQ(errorOf(""), "Bad chain expression at character 1: a filter name is missing at the end.");
     EXPECT_EQ(errorOf("clamp |"), "Bad chain expression at character 8: a filter name is missing at the end.");
-    EXPECT_EQ(errorOf("clamp || gaussian 3"), "Bad chain expression at character 8: expected a filter name, found '|'.");
+    EXPECT_EQ(errorOf("clamp || gaussian 3"),
+              "Bad chain expression at character 8: expected a filter name, found '|'.");
     EXPECT_EQ(errorOf("add (gaussian 3"), "Bad chain expression at character 16: expected ')' to close the sub-chain.");
     EXPECT_EQ(errorOf("clamp ) gaussian 3"), "Bad chain expression at character 7: unexpected ')'.");
     EXPECT_EQ(errorOf("(clamp)"), "Bad chain expression at character 1: expected a filter name, found '('.");

@@ -104,8 +104,8 @@ TEST(FilterRegistry, NumbersAreWholeTextsOrNothing)
 TEST(FilterRegistry, ChainGivesTheSameBitsAsTheLibraryChainBuiltByHand)
 {
     auto source = rgbImage();
-    std::unique_ptr<Nuvek::Chain> chain =
-        Nuvek::FilterRegistry::buildChain(Nuvek::parseChainExpression("clamp | difference (gaussian 3) (box 5 mean) | threshold 0 -1 1"), source.get());
+    std::unique_ptr<Nuvek::Chain> chain = Nuvek::FilterRegistry::buildChain(
+        Nuvek::parseChainExpression("clamp | difference (gaussian 3) (box 5 mean) | threshold 0 -1 1"), source.get());
     Nuvek::ClampingFilter clamp(source.get(), false);
     Nuvek::GaussianBlurFilter gaussian(&clamp, 3, false);
     Nuvek::BoxFilter box(&clamp, 5, true, false, false);
@@ -117,7 +117,8 @@ TEST(FilterRegistry, ChainGivesTheSameBitsAsTheLibraryChainBuiltByHand)
     EXPECT_TRUE(chain->shareable);
     // Every filter may serve several threads, the two that keep work caches between calls included.
     EXPECT_TRUE(Nuvek::FilterRegistry::isShareable(Nuvek::parseChainExpression("upsample 1 | add () (localnorm 2)")));
-    EXPECT_THROW(Nuvek::FilterRegistry::isShareable(Nuvek::parseChainExpression("add () (blur 2)")), std::runtime_error);
+    EXPECT_THROW(Nuvek::FilterRegistry::isShareable(Nuvek::parseChainExpression("add () (blur 2)")),
+                 std::runtime_error);
 }
 
 TEST(FilterRegistry, BadStagesAreNamedWithTheLibraryMessage)

@@ -105,7 +105,8 @@ TEST(Absorptance, BlocksOfEveryLengthEqualOneMinusPowBitForBit)
 TEST(Absorptance, SelfCheckAcceptsThisPlatformsPowAndRefusesOneOffByAUnit)
 {
     // The C library's pow stays within the 0.53 units the fast exponential relies on.
-    EXPECT_TRUE(Nuvek::fastExponentialAgreesWith([](double base, double exponent) { return std::pow(base, exponent); }));
+    EXPECT_TRUE(
+        Nuvek::fastExponentialAgreesWith([](double base, double exponent) { return std::pow(base, exponent); }));
     EXPECT_TRUE(Nuvek::fastExponentialIsUsed());
     // A pow one unit off for densities from 0.1 to 0.11, where every bit of the power reaches the
     // result, and one a unit off at one density in 256 (by its bits) anywhere.

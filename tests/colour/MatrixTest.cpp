@@ -98,7 +98,9 @@ TEST(Matrix, ProductMatchesReference)
 
 TEST(Matrix, ProductOfMismatchedSizesIsRejected)
 {
-    EXPECT_EQ(messageOf([] { multMatrix({{1, 2, 3}, {4, 5, 6}}, {{1, 2, 3}, {4, 5, 6}}); }),
+    EXPECT_EQ(messageOf([] {
+                  multMatrix({{1, 2, 3}, {4, 5, 6}}, {{1, 2, 3}, {4, 5, 6}});
+              }),
               "Matrices have wrong size for multiplication");
     EXPECT_EQ(messageOf([] { multMatrix({}, {{1}}); }), "Matrices have wrong size for multiplication");
 }
@@ -192,17 +194,29 @@ TEST(Matrix, InverseOfEmptyOrNonSquareMatrices)
 
 TEST(Matrix, RowsTooShortToReadAreRejected)
 {
-    EXPECT_EQ(messageOf([] { transposeMatrix({{1, 2}, {3}}); }),
+    EXPECT_EQ(messageOf([] {
+                  transposeMatrix({{1, 2}, {3}});
+              }),
               "transposeMatrix: row 1 of the matrix has 1 entries where 2 are needed.");
-    EXPECT_EQ(messageOf([] { multMatrix({{1, 2}}, {{1, 2}, {3}}); }),
+    EXPECT_EQ(messageOf([] {
+                  multMatrix({{1, 2}}, {{1, 2}, {3}});
+              }),
               "multMatrix: row 1 of the second matrix has 1 entries where 2 are needed.");
-    EXPECT_EQ(messageOf([] { calcMatrixDet({{1, 2}, {3}}); }),
+    EXPECT_EQ(messageOf([] {
+                  calcMatrixDet({{1, 2}, {3}});
+              }),
               "calcMatrixDet: row 1 of the matrix has 1 entries where 2 are needed.");
-    EXPECT_EQ(messageOf([] { invertMatrix({{1, 2}, {3}}); }),
+    EXPECT_EQ(messageOf([] {
+                  invertMatrix({{1, 2}, {3}});
+              }),
               "invertMatrix: row 1 of the matrix has 1 entries where 2 are needed.");
-    EXPECT_EQ(messageOf([] { calcMinorMatrix({{1, 2}, {3, 4}}, 2, 0); }),
+    EXPECT_EQ(messageOf([] {
+                  calcMinorMatrix({{1, 2}, {3, 4}}, 2, 0);
+              }),
               "calcMinorMatrix: row 2 is out of range for a matrix of 2 rows.");
-    EXPECT_EQ(messageOf([] { calcMinorMatrix({{1, 2}, {3}}, 0, 1); }),
+    EXPECT_EQ(messageOf([] {
+                  calcMinorMatrix({{1, 2}, {3}}, 0, 1);
+              }),
               "calcMinorMatrix: column 1 is out of range for row 1, which has 1 entries.");
     // Longer rows are not an error: their extra entries are not used.
     EXPECT_EQ(transposeMatrix({{1}, {2, 3}}), (Matrix{{1, 2}}));

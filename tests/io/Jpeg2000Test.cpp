@@ -36,7 +36,8 @@ OPJ_SIZE_T appendBytes(void* buffer, OPJ_SIZE_T bytes, void* user)
 }
 
 // A lossless raw J2K codestream of one tile; component c is sampled every `step[c]` voxels.
-std::vector<unsigned char> encodeTile(long long width, long long height, std::function<int(long long, long long, long long)> const& value,
+std::vector<unsigned char> encodeTile(long long width, long long height,
+                                      std::function<int(long long, long long, long long)> const& value,
                                       std::vector<int> const& step)
 {
     std::vector<opj_image_cmptparm_t> parameters(step.size());
@@ -49,7 +50,8 @@ std::vector<unsigned char> encodeTile(long long width, long long height, std::fu
         parameters[c].h = static_cast<OPJ_UINT32>((height + step[c] - 1) / step[c]);
         parameters[c].prec = 8;
     }
-    opj_image_t* image = opj_image_create(static_cast<OPJ_UINT32>(step.size()), parameters.data(), OPJ_CLRSPC_UNSPECIFIED);
+    opj_image_t* image =
+        opj_image_create(static_cast<OPJ_UINT32>(step.size()), parameters.data(), OPJ_CLRSPC_UNSPECIFIED);
     image->x1 = static_cast<OPJ_UINT32>(width);
     image->y1 = static_cast<OPJ_UINT32>(height);
     for (std::size_t c = 0; c < step.size(); ++c)
@@ -69,8 +71,8 @@ std::vector<unsigned char> encodeTile(long long width, long long height, std::fu
     opj_stream_t* stream = opj_stream_default_create(OPJ_FALSE);
     opj_stream_set_user_data(stream, &bytes, nullptr);
     opj_stream_set_write_function(stream, appendBytes);
-    bool const ok = opj_start_compress(codec, image, stream) && opj_encode(codec, stream) &&
-                    opj_end_compress(codec, stream);
+    bool const ok =
+        opj_start_compress(codec, image, stream) && opj_encode(codec, stream) && opj_end_compress(codec, stream);
     opj_stream_destroy(stream);
     opj_destroy_codec(codec);
     opj_image_destroy(image);
@@ -200,8 +202,8 @@ TEST(Jpeg2000, SlideLevelsOfNoExactPowerOfTwoReadThroughTheirPages)
     // Downsample about 2.007: OpenSlide reads level 0, the TIFF page level 1. One thread: OpenSlide
     // 3's JPEG 2000 path frees under glib's futex locks, which ThreadSanitizer cannot see.
     writeJpeg2000Tiff(path, {{301, 261}, {150, 130}}, 33005,
-                      "Aperio Image Library v12.0.15\r\n301x261 [0,0 301x261] (64x64) J2K/KDU Q=70|MPP = 0.5", {1, 1, 1},
-                      value);
+                      "Aperio Image Library v12.0.15\r\n301x261 [0,0 301x261] (64x64) J2K/KDU Q=70|MPP = 0.5",
+                      {1, 1, 1}, value);
     SlideImage slide(path);
     ASSERT_EQ(slide.getProperty("openslide.vendor"), "aperio");
     ASSERT_EQ(slide.getNumLevels(), 2);

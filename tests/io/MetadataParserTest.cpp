@@ -40,28 +40,29 @@ TEST(OmeXmlParser, PagesFollowTheDimensionOrderWithoutTiffData)
 TEST(OmeXmlParser, TiffDataPlacesRunsOfPlanesAndLeavesOthersUnplaced)
 {
     // Planes from (c 1, z 0) on, in XYCZT order, on pages 5 and 6; a single plane on page 9.
-    FileMetadata const metadata = OmeXmlParser::parse(
-        omeWith(R"(DimensionOrder="XYCZT" SizeC="2" SizeZ="2" SizeT="1")",
-                R"(<TiffData IFD="5" FirstC="1" PlaneCount="2"/><TiffData IFD="9"/>)"));
+    FileMetadata const metadata =
+        OmeXmlParser::parse(omeWith(R"(DimensionOrder="XYCZT" SizeC="2" SizeZ="2" SizeT="1")",
+                                    R"(<TiffData IFD="5" FirstC="1" PlaneCount="2"/><TiffData IFD="9"/>)"));
     EXPECT_EQ(metadata.pageOfPlane, (std::vector<long long>{9, 5, 6, -1}));
 }
 
 TEST(OmeXmlParser, PlanesInOtherFilesOfASetStayUnplaced)
 {
-    std::string xml = omeWith(R"(DimensionOrder="XYCZT" SizeC="2" SizeZ="1" SizeT="1")",
-                              R"(<TiffData IFD="0" FirstC="0"><UUID FileName="a.ome.tif"> urn:uuid:a
+    std::string xml =
+        omeWith(R"(DimensionOrder="XYCZT" SizeC="2" SizeZ="1" SizeT="1")",
+                R"(<TiffData IFD="0" FirstC="0"><UUID FileName="a.ome.tif"> urn:uuid:a
  </UUID></TiffData>)"
-                              R"(<TiffData IFD="0" FirstC="1"><UUID FileName="b.ome.tif">urn:uuid:b</UUID></TiffData>)");
+                R"(<TiffData IFD="0" FirstC="1"><UUID FileName="b.ome.tif">urn:uuid:b</UUID></TiffData>)");
     xml.replace(xml.find("<OME "), 5, R"(<OME UUID="urn:uuid:a" )");
     EXPECT_EQ(OmeXmlParser::parse(xml).pageOfPlane, (std::vector<long long>{0, -1}));
 }
 
 TEST(OmeXmlParser, SizesInTheirUnitsAndChannelNames)
 {
-    FileMetadata const metadata = OmeXmlParser::parse(omeWith(
-        R"(DimensionOrder="XYCZT" SizeC="3" SizeZ="1" SizeT="1" PhysicalSizeX="0.25" PhysicalSizeY="325" )"
-        R"(PhysicalSizeYUnit="nm" PhysicalSizeZ="0.001" PhysicalSizeZUnit="mm")",
-        R"(<Channel ID="Channel:0:0" Name="Colour" SamplesPerPixel="3"/>)"));
+    FileMetadata const metadata = OmeXmlParser::parse(
+        omeWith(R"(DimensionOrder="XYCZT" SizeC="3" SizeZ="1" SizeT="1" PhysicalSizeX="0.25" PhysicalSizeY="325" )"
+                R"(PhysicalSizeYUnit="nm" PhysicalSizeZ="0.001" PhysicalSizeZUnit="mm")",
+                R"(<Channel ID="Channel:0:0" Name="Colour" SamplesPerPixel="3"/>)"));
     // One Channel of three samples: the pages are RGB, one channel each.
     EXPECT_EQ(metadata.channels, 1);
     EXPECT_EQ(metadata.channelNames, (std::vector<std::string>{"Colour"}));
@@ -69,9 +70,8 @@ TEST(OmeXmlParser, SizesInTheirUnitsAndChannelNames)
     EXPECT_EQ(metadata.sizeY, 325.0);
     EXPECT_EQ(metadata.sizeZ, 1000.0);
 
-    FileMetadata const unknownUnit = OmeXmlParser::parse(
-        omeWith(R"(DimensionOrder="XYCZT" SizeC="1" SizeZ="1" SizeT="1" PhysicalSizeX="2" PhysicalSizeXUnit="furlong")",
-                ""));
+    FileMetadata const unknownUnit = OmeXmlParser::parse(omeWith(
+        R"(DimensionOrder="XYCZT" SizeC="1" SizeZ="1" SizeT="1" PhysicalSizeX="2" PhysicalSizeXUnit="furlong")", ""));
     EXPECT_EQ(unknownUnit.channels, 1);
     EXPECT_EQ(unknownUnit.sizeX, 0.0);
 }
@@ -81,7 +81,7 @@ TEST(OmeXmlParser, AnythingElseGivesNoMetadata)
     std::vector<std::string> const texts = {
         "",
         "Aperio Image Library",
-        "<OME><Image><Pixels DimensionOrder=\"XYCZT\" SizeC=\"1\"",   // cut off
+        "<OME><Image><Pixels DimensionOrder=\"XYCZT\" SizeC=\"1\"", // cut off
         omeWith(R"(DimensionOrder="XYCZT" SizeC="0" SizeZ="1" SizeT="1")", ""),
         omeWith(R"(DimensionOrder="XYCCT" SizeC="1" SizeZ="1" SizeT="1")", ""),
         omeWith(R"(DimensionOrder="XYCZT" SizeC="99999999" SizeZ="99999" SizeT="1")", ""),

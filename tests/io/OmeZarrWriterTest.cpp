@@ -25,9 +25,9 @@ using Nuvek::MemoryImage;
 using Nuvek::OmeZarrOptions;
 using Nuvek::TiffSampleType;
 using Nuvek::Vector;
+using Nuvek::writeOmeZarr;
 using Nuvek::ZarrCompression;
 using Nuvek::ZarrImage;
-using Nuvek::writeOmeZarr;
 using NuvekTest::messageOf;
 
 namespace {
@@ -139,7 +139,8 @@ TEST(OmeZarrWriter, EveryLevelEqualsTheTiffWritersForEverySampleType)
     for (TiffSampleType type : {TiffSampleType::UInt8, TiffSampleType::UInt16, TiffSampleType::Float32})
         for (ZarrCompression compression : {ZarrCompression::None, ZarrCompression::Zlib, ZarrCompression::Zstd})
         {
-            std::string const name = std::to_string(static_cast<int>(type)) + std::to_string(static_cast<int>(compression));
+            std::string const name =
+                std::to_string(static_cast<int>(type)) + std::to_string(static_cast<int>(compression));
             std::string const zarrPath = directory.path("image" + name + ".ome.zarr");
             std::string const tiffPath = directory.path("image" + name + ".tif");
             OmeZarrOptions options;
@@ -253,8 +254,10 @@ TEST(OmeZarrWriter, CancellingOrFailingLeavesNothingAndAnExistingTargetAlone)
     options.channelRanges = {Nuvek::ValueRange<double>(0, 1), Nuvek::ValueRange<double>(0, 1)};
     EXPECT_EQ(messageOf([&] { writeOmeZarr(*image, directory.path("bad.ome.zarr"), options); }),
               "writeOmeZarr: there are 2 channel ranges for 1 channels");
-    EXPECT_EQ(messageOf([&] { writeOmeZarr(*image, directory.path("missing/out.ome.zarr")); })
-                  .rfind("writeOmeZarr: " + directory.path("missing/out.ome.zarr") + ": cannot create a folder beside it", 0),
-              0u);
+    EXPECT_EQ(
+        messageOf([&] {
+            writeOmeZarr(*image, directory.path("missing/out.ome.zarr"));
+        }).rfind("writeOmeZarr: " + directory.path("missing/out.ome.zarr") + ": cannot create a folder beside it", 0),
+        0u);
     EXPECT_EQ(directory.files(), std::vector<std::string>{"out.ome.zarr"});
 }

@@ -214,9 +214,9 @@ TEST(PyramidalTiffWriter, SlicesChannelsAndVoxelSizeSurviveTheRoundTrip)
     EXPECT_TRUE(NuvekTest::sameBits(values, NuvekTest::openWhole(file, 0, whole), whole));
     // Each slice's level 1 is made from that slice alone.
     std::vector<double> const above = NuvekTest::openWhole(file, 0, whole);
-    EXPECT_TRUE(NuvekTest::sameBits(halvedReference(above, whole.getExtent(), Vector(45, 35, 3), 2,
-                                                    TiffSampleType::UInt16),
-                                    NuvekTest::openWhole(file, 1, Box(Vector(45, 35, 3))), Box(Vector(45, 35, 3))));
+    EXPECT_TRUE(
+        NuvekTest::sameBits(halvedReference(above, whole.getExtent(), Vector(45, 35, 3), 2, TiffSampleType::UInt16),
+                            NuvekTest::openWhole(file, 1, Box(Vector(45, 35, 3))), Box(Vector(45, 35, 3))));
 }
 
 TEST(PyramidalTiffWriter, AsksTheImageForEachTileOnceAndTheOutputDoesNotDependOnThreads)
@@ -234,9 +234,9 @@ TEST(PyramidalTiffWriter, AsksTheImageForEachTileOnceAndTheOutputDoesNotDependOn
     // Level 1 is 100 x 65: tiles 2 x 2, clipped to the extent.
     std::vector<NuvekTest::Request> requests = image.requests();
     ASSERT_EQ(requests.size(), 4u);
-    std::vector<Box> const expected = {Box(Vector(0, 0, 0), Vector(63, 63, 0)), Box(Vector(64, 0, 0), Vector(99, 63, 0)),
-                                       Box(Vector(0, 64, 0), Vector(63, 64, 0)),
-                                       Box(Vector(64, 64, 0), Vector(99, 64, 0))};
+    std::vector<Box> const expected = {
+        Box(Vector(0, 0, 0), Vector(63, 63, 0)), Box(Vector(64, 0, 0), Vector(99, 63, 0)),
+        Box(Vector(0, 64, 0), Vector(63, 64, 0)), Box(Vector(64, 64, 0), Vector(99, 64, 0))};
     for (std::size_t i = 0; i < 4; ++i)
     {
         EXPECT_EQ(requests[i].level, 1);
@@ -369,8 +369,9 @@ TEST(PyramidalTiffWriter, BadOptionsAreRejectedBeforeAnythingIsWritten)
     EXPECT_EQ(messageOf([&] { writePyramidalTiff(empty, directory.path("empty.tif")); }),
               "writePyramidalTiff: the image is empty at level 0");
     std::string const nowhere = directory.path("missing/out.tif");
-    EXPECT_EQ(messageOf([&] { writePyramidalTiff(image, nowhere); }).rfind("writePyramidalTiff: " + nowhere +
-                                                                           ": cannot create a file beside it", 0),
+    EXPECT_EQ(messageOf([&] {
+                  writePyramidalTiff(image, nowhere);
+              }).rfind("writePyramidalTiff: " + nowhere + ": cannot create a file beside it", 0),
               0u);
 }
 
@@ -472,8 +473,8 @@ TEST(PyramidalTiffWriter, OmeTiffChannelPagesReadBackAsChannelsWithNamesAndVoxel
         options.omeTiff = true;
         ASSERT_TRUE(writePyramidalTiff(*image, path, options));
 
-        std::string const label = std::to_string(test.channels) + " channels, " + std::to_string(test.extent.z) +
-                                  " slices";
+        std::string const label =
+            std::to_string(test.channels) + " channels, " + std::to_string(test.extent.z) + " slices";
         TiffImage file(path);
         ASSERT_EQ(file.getExtent(0), test.extent) << label;
         ASSERT_EQ(file.getNumChannels(), test.channels) << label;
@@ -583,8 +584,8 @@ TEST(PyramidalTiffWriter, JpegTilesAreCloseToTheImageAndTheOutputDoesNotDependOn
             options.tileSize = 64;
             options.compression = TiffCompression::JPEG;
             options.threads = threads;
-            std::string const path = directory.path("jpeg" + std::to_string(channels) + "-" +
-                                                    std::to_string(threads) + ".tif");
+            std::string const path =
+                directory.path("jpeg" + std::to_string(channels) + "-" + std::to_string(threads) + ".tif");
             ASSERT_TRUE(writePyramidalTiff(image, path, options));
             if (threads == 1)
                 first = NuvekTest::readBytes(path);

@@ -52,9 +52,9 @@ void writePage(TIFF* tiff, TiffLayout const& layout, PageShape const& page, long
     TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, page.height);
     TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, samples);
     TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bits);
-    std::uint16_t const format = odd ? SAMPLEFORMAT_UINT
-                                     : (layout.floating ? SAMPLEFORMAT_IEEEFP
-                                                        : (layout.isSigned ? SAMPLEFORMAT_INT : SAMPLEFORMAT_UINT));
+    std::uint16_t const format =
+        odd ? SAMPLEFORMAT_UINT
+            : (layout.floating ? SAMPLEFORMAT_IEEEFP : (layout.isSigned ? SAMPLEFORMAT_INT : SAMPLEFORMAT_UINT));
     TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, format);
     TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, layout.planar ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
     TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, layout.rgb && !odd ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);

@@ -13,7 +13,7 @@ struct PageShape
 {
     PageShape() = default;
     PageShape(std::uint32_t width, std::uint32_t height, bool reduced = false, std::string name = "",
-             bool oddSamples = false)
+              bool oddSamples = false)
         : width(width), height(height), reduced(reduced), name(std::move(name)), oddSamples(oddSamples)
     {
     }

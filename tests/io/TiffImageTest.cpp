@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 #include <tiffio.h>
 
-#include <filesystem>
 #include <cmath>
+#include <filesystem>
 #include <functional>
 #include <random>
 #include <thread>
@@ -40,8 +40,8 @@ std::vector<double> expectedRegion(TiffLayout const& layout, std::function<long 
                     long long const page = pageOf(z);
                     std::size_t const mainPages = layout.pages.size();
                     PageShape const& shape = page < static_cast<long long>(mainPages)
-                                                ? layout.pages[static_cast<std::size_t>(page)]
-                                                : layout.subPages[static_cast<std::size_t>(page) - mainPages];
+                                                 ? layout.pages[static_cast<std::size_t>(page)]
+                                                 : layout.subPages[static_cast<std::size_t>(page) - mainPages];
                     bool const inside = x >= 0 && y >= 0 && x < shape.width && y < shape.height;
                     values.push_back(inside ? NuvekTest::storedValue(layout, page, x, y, c) : 0.0);
                 }
@@ -51,9 +51,11 @@ std::vector<double> expectedRegion(TiffLayout const& layout, std::function<long 
 std::string describe(TiffLayout const& layout)
 {
     return "samples " + std::to_string(layout.samples) + ", bits " + std::to_string(layout.bits) +
-           (layout.floating ? " float" : (layout.isSigned ? " signed" : "")) + (layout.planar ? ", planar" : ", contiguous") +
-           (layout.tileWidth > 0 ? ", tiles " + std::to_string(layout.tileWidth) + "x" + std::to_string(layout.tileHeight)
-                               : ", strips of " + std::to_string(layout.rowsPerStrip)) +
+           (layout.floating ? " float" : (layout.isSigned ? " signed" : "")) +
+           (layout.planar ? ", planar" : ", contiguous") +
+           (layout.tileWidth > 0
+                ? ", tiles " + std::to_string(layout.tileWidth) + "x" + std::to_string(layout.tileHeight)
+                : ", strips of " + std::to_string(layout.rowsPerStrip)) +
            ", compression " + std::to_string(layout.compression) + (layout.bigTiff ? ", BigTIFF" : "");
 }
 
@@ -120,10 +122,10 @@ TEST(TiffImage, ReadsEverySampleLayoutLikeTheReference)
                     for (int trial = 0; trial < 12; ++trial)
                     {
                         Box const box = NuvekTest::randomBox(random, Vector(53, 41, 1), 40, 2);
-                        std::vector<double> const expected =
-                            expectedRegion(layout, [](long long) { return 0; }, box, 1);
-                        EXPECT_TRUE(NuvekTest::sameBits(expected, NuvekTest::openWhole(image, 0, box), box,
-                                                        describe(layout)));
+                        std::vector<double> const expected = expectedRegion(
+                            layout, [](long long) { return 0; }, box, 1);
+                        EXPECT_TRUE(
+                            NuvekTest::sameBits(expected, NuvekTest::openWhole(image, 0, box), box, describe(layout)));
                     }
                 }
 }
@@ -234,10 +236,10 @@ TEST(TiffImage, MultiPageAndSubIfdPyramidsBecomeLevels)
         layout.pages = {PageShape{101, 70}};
         // A thumbnail of no power-of-two size and a page of other samples are not levels.
         std::vector<PageShape> others = {{40, 40, true}, PageShape{50, 35, true, "", true}};
-        (subIfds ? layout.subPages : layout.pages).insert((subIfds ? layout.subPages : layout.pages).end(), others.begin(),
-                                                      others.end());
-        (subIfds ? layout.subPages : layout.pages).insert((subIfds ? layout.subPages : layout.pages).end(), levels.begin(),
-                                                      levels.end());
+        (subIfds ? layout.subPages : layout.pages)
+            .insert((subIfds ? layout.subPages : layout.pages).end(), others.begin(), others.end());
+        (subIfds ? layout.subPages : layout.pages)
+            .insert((subIfds ? layout.subPages : layout.pages).end(), levels.begin(), levels.end());
         std::string const path = directory.path(subIfds ? "sub.tif" : "pages.tif");
         NuvekTest::writeTiff(path, layout);
 
@@ -254,7 +256,8 @@ TEST(TiffImage, MultiPageAndSubIfdPyramidsBecomeLevels)
             // Both layouts put level 1 after level 0 and the two pages that are not levels.
             long long const page = 2 + level;
             Box const box(Vector(-2, -2, 0), image.getExtent(level) + Vector(1, 1, -1));
-            EXPECT_TRUE(NuvekTest::sameBits(expectedRegion(layout, [page](long long) { return page; }, box, 1),
+            EXPECT_TRUE(NuvekTest::sameBits(expectedRegion(
+                                                layout, [page](long long) { return page; }, box, 1),
                                             NuvekTest::openWhole(image, level, box), box,
                                             "level " + std::to_string(level) + (subIfds ? " SubIFD" : "")));
         }
@@ -297,8 +300,8 @@ TEST(TiffImage, PageStacksAreSlicesWithTheirOwnLevels)
     layout.bits = 16;
     layout.samples = 2;
     layout.planar = true;
-    layout.pages = {PageShape{40, 30, false, "first"}, PageShape{20, 15, true}, PageShape{40, 30, false, "second"},
-                  PageShape{20, 15, true}, PageShape{40, 30, false}, PageShape{20, 15, true}};
+    layout.pages = {PageShape{40, 30, false, "first"}, PageShape{20, 15, true},  PageShape{40, 30, false, "second"},
+                    PageShape{20, 15, true},           PageShape{40, 30, false}, PageShape{20, 15, true}};
     std::string const path = directory.path("stack.tif");
     NuvekTest::writeTiff(path, layout);
     TiffImage image(path);
@@ -383,9 +386,8 @@ TEST(TiffImage, BadFilesGiveErrorsNamingTheFileAndTheProblem)
     using NuvekTest::RawEntry;
     std::vector<unsigned char> const pixels(16, 9);
     // A valid 4 x 4 grey strip image, then variants with one thing wrong.
-    std::vector<RawEntry> const good = {{256, 3, 1, 4},   {257, 3, 1, 4},  {258, 3, 1, 8},  {259, 3, 1, 1},
-                                        {262, 3, 1, 1},   {273, 4, 1, 8},  {277, 3, 1, 1},  {278, 3, 1, 4},
-                                        {279, 4, 1, 16}};
+    std::vector<RawEntry> const good = {{256, 3, 1, 4}, {257, 3, 1, 4}, {258, 3, 1, 8}, {259, 3, 1, 1}, {262, 3, 1, 1},
+                                        {273, 4, 1, 8}, {277, 3, 1, 1}, {278, 3, 1, 4}, {279, 4, 1, 16}};
     auto with = [&good](std::uint16_t tag, std::uint32_t value) {
         std::vector<RawEntry> entries = good;
         for (RawEntry& entry : entries)
@@ -533,8 +535,10 @@ TEST(TiffImage, PaletteImagesDeliverTheirIndicesAndIntegersTheirTypeRange)
         double min;
         double max;
     };
-    std::vector<Case> const cases = {{8, false, true, 0, 255},           {16, false, true, 0, 65535},
-                                     {8, true, false, -128, 127},        {16, true, false, -32768, 32767},
+    std::vector<Case> const cases = {{8, false, true, 0, 255},
+                                     {16, false, true, 0, 65535},
+                                     {8, true, false, -128, 127},
+                                     {16, true, false, -32768, 32767},
                                      {32, true, false, -2147483648.0, 2147483647.0},
                                      {32, false, false, 0, 4294967295.0}};
     for (Case const& item : cases)
@@ -551,7 +555,8 @@ TEST(TiffImage, PaletteImagesDeliverTheirIndicesAndIntegersTheirTypeRange)
         EXPECT_EQ(image.getValueRange().min, item.min) << path;
         EXPECT_EQ(image.getValueRange().max, item.max) << path;
         Box const box(Vector(-1, -1, 0), Vector(30, 20, 0));
-        EXPECT_TRUE(NuvekTest::sameBits(expectedRegion(layout, [](long long) { return 0; }, box, 1),
+        EXPECT_TRUE(NuvekTest::sameBits(expectedRegion(
+                                            layout, [](long long) { return 0; }, box, 1),
                                         NuvekTest::openWhole(image, 0, box), box, path));
     }
 }
@@ -632,8 +637,8 @@ TiffLayout describedPages(long long pages, std::string description)
 }
 
 // Checks that channel c of slice z is sample c % 2 of page pageOf(c / 2, z).
-void expectPlanes(TiffImage& image, TiffLayout const& layout, std::function<long long(long long, long long)> const& pageOf,
-                  std::string const& what)
+void expectPlanes(TiffImage& image, TiffLayout const& layout,
+                  std::function<long long(long long, long long)> const& pageOf, std::string const& what)
 {
     Box const box(Vector(0, 0, 0), image.getExtent(0) - Vector(1, 1, 1));
     std::vector<double> const values = NuvekTest::openWhole(image, 0, box);
@@ -672,8 +677,9 @@ TEST(TiffImage, ImageJDescriptionsMakePagesChannelsSlicesAndTimePoints)
         EXPECT_TRUE(image.knowsVoxelSize());
         EXPECT_EQ(image.getValueRange().min, 10.0);
         EXPECT_EQ(image.getValueRange().max, 900.0);
-        expectPlanes(image, layout, [time](long long c, long long z) { return c + 2 * (z + 3 * time); },
-                     "ImageJ time " + std::to_string(time));
+        expectPlanes(
+            image, layout, [time](long long c, long long z) { return c + 2 * (z + 3 * time); },
+            "ImageJ time " + std::to_string(time));
     }
     try
     {
@@ -730,8 +736,9 @@ TEST(TiffImage, OmeXmlPlacesPlanesNamesChannelsAndGivesSizes)
         EXPECT_EQ(image.getVoxelSize(0), Vector(500, 600, 2000));
         EXPECT_EQ(image.getChannelName(0), "DAPI Channel 0");
         EXPECT_EQ(image.getChannelName(3), "GFP Channel 3");
-        expectPlanes(image, layout, [time](long long c, long long z) { return 7 - (z + 2 * c + 4 * time); },
-                     "OME time " + std::to_string(time));
+        expectPlanes(
+            image, layout, [time](long long c, long long z) { return 7 - (z + 2 * c + 4 * time); },
+            "OME time " + std::to_string(time));
     }
 }
 
@@ -822,7 +829,8 @@ TEST(TiffImage, OldStyleJpegReadsLikeLibtiffsOwnRgbaDecode)
         for (long long y = box.min.y; y <= box.max.y; ++y)
             for (long long x = box.min.x; x <= box.max.x; ++x)
             {
-                double const value = values[static_cast<std::size_t>((c * extent.y + y - box.min.y) * extent.x + x + 1)];
+                double const value =
+                    values[static_cast<std::size_t>((c * extent.y + y - box.min.y) * extent.x + x + 1)];
                 bool const inside = x >= 0 && x < width;
                 std::uint32_t const pixel = inside ? raster[static_cast<std::size_t>(y * width + x)] : 0;
                 mismatches += value != static_cast<double>((pixel >> (8 * c)) & 0xff);

@@ -88,13 +88,18 @@ TEST(ZarrImage, BadMetadataAndDamagedChunksAreNamed)
     Case const cases[] = {
         {"not json", ".zarray is not valid JSON"},
         {"[]", ".zarray is not a JSON object"},
-        {R"({"zarr_format": 3, "shape": [4, 4], "chunks": [4, 4], "dtype": "<u1"})", ".zarray: only zarr_format 2 is supported"},
-        {"{" + valid + R"(, "dtype": "<c8"})", ".zarray: the data type \"<c8\" is not supported (unsigned, signed or float numbers)"},
+        {R"({"zarr_format": 3, "shape": [4, 4], "chunks": [4, 4], "dtype": "<u1"})",
+         ".zarray: only zarr_format 2 is supported"},
+        {"{" + valid + R"(, "dtype": "<c8"})",
+         ".zarray: the data type \"<c8\" is not supported (unsigned, signed or float numbers)"},
         {"{" + valid + R"(, "dtype": "<u1", "order": "F"})", ".zarray: only the order \"C\" is supported"},
         {"{" + valid + R"(, "dtype": "<u1", "filters": [{"id": "delta"}]})", ".zarray: filters are not supported"},
-        {R"({"zarr_format": 2, "shape": [4, 4], "chunks": [4, 0], "dtype": "<u1"})", ".zarray: \"chunks\" holds 0, out of range"},
-        {R"({"zarr_format": 2, "shape": [4, 4], "chunks": [4], "dtype": "<u1"})", ".zarray: \"chunks\" and \"shape\" differ in length"},
-        {R"({"zarr_format": 2, "shape": [4], "chunks": [4], "dtype": "<u1"})", "a plain array needs 2 to 5 dimensions, not 1"},
+        {R"({"zarr_format": 2, "shape": [4, 4], "chunks": [4, 0], "dtype": "<u1"})",
+         ".zarray: \"chunks\" holds 0, out of range"},
+        {R"({"zarr_format": 2, "shape": [4, 4], "chunks": [4], "dtype": "<u1"})",
+         ".zarray: \"chunks\" and \"shape\" differ in length"},
+        {R"({"zarr_format": 2, "shape": [4], "chunks": [4], "dtype": "<u1"})",
+         "a plain array needs 2 to 5 dimensions, not 1"},
         {R"({"zarr_format": 2, "shape": [4, 4], "chunks": [4, 4], "dtype": "<u1", "compressor": {"id": "lz4"}})",
          ".zarray: the compressor \"lz4\" is not supported"},
     };
@@ -107,7 +112,8 @@ TEST(ZarrImage, BadMetadataAndDamagedChunksAreNamed)
     }
 
     std::string const group = directory.path("group.zarr");
-    writeText(group + "/.zattrs", R"({"multiscales": [{"axes": [{"name": "y"}, {"name": "q"}], "datasets": [{"path": "0"}]}]})");
+    writeText(group + "/.zattrs",
+              R"({"multiscales": [{"axes": [{"name": "y"}, {"name": "q"}], "datasets": [{"path": "0"}]}]})");
     writeText(group + "/0/.zarray", R"({"zarr_format": 2, "shape": [4, 4], "chunks": [4, 4], "dtype": "<u1"})");
     EXPECT_EQ(messageOf([&] { ZarrImage image(group); }),
               "ZarrImage: " + group + ": the axis \"q\" is not one of t, c, z, y, x");

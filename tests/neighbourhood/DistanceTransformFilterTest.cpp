@@ -139,8 +139,8 @@ TEST(dt, IsTheLowestParabolaAtEverySample)
 TEST(dt, MatchesReferenceOnSamplesWithNaNAndInfinities)
 {
     // Minus infinity beats even the envelope's first bound: nothing may be read before the envelope.
-    EXPECT_TRUE(NuvekTest::sameBits(NuvekReference::dt({0.0, -inf, 1e20}), transform({0.0, -inf, 1e20}),
-                                    Box(Vector(3, 1, 1))));
+    EXPECT_TRUE(
+        NuvekTest::sameBits(NuvekReference::dt({0.0, -inf, 1e20}), transform({0.0, -inf, 1e20}), Box(Vector(3, 1, 1))));
     std::mt19937_64 random(702);
     for (long long n = 1; n <= 70; ++n)
         for (int round = 0; round < 20; ++round)
@@ -316,9 +316,8 @@ TEST(DistanceTransformFilter, MatchesReferenceOnRandomBoxes)
         filter.openRegion(actual.data(), level, box);
         Box const withGuard(Vector(0, 0, 0), Vector(static_cast<long long>(expected.size()) - 1, 0, 0));
         ASSERT_TRUE(NuvekTest::sameBits(expected, actual, withGuard,
-                                        "round " + std::to_string(round) + " level " + std::to_string(level) +
-                                            " cap " + std::to_string(cap) + " channels " +
-                                            std::to_string(numChannels)));
+                                        "round " + std::to_string(round) + " level " + std::to_string(level) + " cap " +
+                                            std::to_string(cap) + " channels " + std::to_string(numChannels)));
     }
 }
 
@@ -441,9 +440,8 @@ TEST(DistanceTransformFilter, BinaryAndGeneralColumnPassesAgree)
         for (long long c = 0; c < 2; ++c)
         {
             long long const planeSize = extent.x * extent.y;
-            Nuvek::MemoryImage one(extent, 1,
-                                   std::vector<double>(values.begin() + c * planeSize,
-                                                       values.begin() + (c + 1) * planeSize));
+            Nuvek::MemoryImage one(
+                extent, 1, std::vector<double>(values.begin() + c * planeSize, values.begin() + (c + 1) * planeSize));
             DistanceTransformFilter binary(&one, 1e20, cap, false);
             std::vector<double> const plane(fromBoth.begin() + c * box.getSize(),
                                             fromBoth.begin() + (c + 1) * box.getSize());

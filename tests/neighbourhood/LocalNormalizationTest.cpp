@@ -39,7 +39,8 @@ TEST(LocalNormalizationFilter, ConstantImageGivesTheMiddleOfTheRangeEverywhere)
         for (long long level : {0, 1})
         {
             Box const inside(Vector(0, 0, 0), Vector(39 >> level, 23 >> level, 1));
-            EXPECT_EQ(openWhole(filter, level, inside), std::vector<double>(static_cast<std::size_t>(inside.getSize() * 2), 127.5))
+            EXPECT_EQ(openWhole(filter, level, inside),
+                      std::vector<double>(static_cast<std::size_t>(inside.getSize() * 2), 127.5))
                 << "background level " << backgroundLevel << " level " << level;
         }
     }

@@ -341,8 +341,8 @@ TEST(RadialSymmetryFilter, MatchesReferenceOnRandomBoxes)
         RadialSymmetryFilter filter(source.get(), radius, threshold, false);
         long long const level = round % 3;
         Box const box = NuvekTest::randomBox(random, source->getExtent(level), 14, 3);
-        std::vector<double> const expected = NuvekReference::radialSymmetry(
-            gradientsFor(*source, level, box, radius), box, numChannels, radius, threshold);
+        std::vector<double> const expected = NuvekReference::radialSymmetry(gradientsFor(*source, level, box, radius),
+                                                                            box, numChannels, radius, threshold);
         std::vector<double> actual(expected.size() + 1, sentinel);
         filter.openRegion(actual.data(), level, box);
         EXPECT_EQ(actual.back(), sentinel) << "written past the buffer";

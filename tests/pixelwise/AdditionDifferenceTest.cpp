@@ -23,9 +23,9 @@ using Nuvek::DifferenceFilter;
 using Nuvek::Image;
 using Nuvek::MemoryImage;
 using Nuvek::Vector;
-using NuvekTest::openWhole;
 using NuvekTest::DeletionProbe;
 using NuvekTest::messageOf;
+using NuvekTest::openWhole;
 
 namespace {
 
@@ -192,8 +192,8 @@ TEST(BinaryOperatorFilter, MatchesReferenceOnRandomBoxesAndAsksBothInputsOnce)
                 second.clearRequests();
                 std::vector<double> const expected =
                     operation.reference(openWhole(*firstSource, level, box), openWhole(*secondSource, level, box));
-                std::string const context = operation.name + " channels " + std::to_string(numChannels) + " level " +
-                                            std::to_string(level);
+                std::string const context =
+                    operation.name + " channels " + std::to_string(numChannels) + " level " + std::to_string(level);
                 EXPECT_TRUE(NuvekTest::sameBits(expected, openWhole(*filter, level, box), box, context));
                 for (auto const* recording : {&first, &second})
                 {

@@ -23,9 +23,9 @@ using Nuvek::ConcatFilter;
 using Nuvek::Image;
 using Nuvek::MemoryImage;
 using Nuvek::Vector;
-using NuvekTest::openWhole;
 using NuvekTest::DeletionProbe;
 using NuvekTest::messageOf;
+using NuvekTest::openWhole;
 
 namespace {
 
@@ -59,11 +59,11 @@ TEST(ChannelFilter, LookupByNameIsExactAndTakesTheLowestIndex)
     Box const box(image->getExtent(0));
     std::vector<double> const all = openWhole(*image, 0, box);
     ChannelFilter green(image.get(), "Green", false);
-    EXPECT_TRUE(NuvekTest::sameBits(NuvekReference::selectChannels(all, box.getSize(), 2, 1), openWhole(green, 0, box),
-                                    box));
+    EXPECT_TRUE(
+        NuvekTest::sameBits(NuvekReference::selectChannels(all, box.getSize(), 2, 1), openWhole(green, 0, box), box));
     ChannelFilter lower(image.get(), "green", false);
-    EXPECT_TRUE(NuvekTest::sameBits(NuvekReference::selectChannels(all, box.getSize(), 1, 1), openWhole(lower, 0, box),
-                                    box));
+    EXPECT_TRUE(
+        NuvekTest::sameBits(NuvekReference::selectChannels(all, box.getSize(), 1, 1), openWhole(lower, 0, box), box));
 }
 
 TEST(ChannelFilter, UnknownNamesAreRejectedWithTheNameInQuotes)
@@ -103,8 +103,8 @@ TEST(ChannelFilter, SelectionsMatchReferenceOnRandomBoxesAndForwardTheRequest)
     {
         long long first, count;
     };
-    for (Selection const selection : {Selection{0, 1}, Selection{3, 1}, Selection{1, 2}, Selection{0, 4},
-                                      Selection{1, 3}, Selection{2, 0}})
+    for (Selection const selection :
+         {Selection{0, 1}, Selection{3, 1}, Selection{1, 2}, Selection{0, 4}, Selection{1, 3}, Selection{2, 0}})
     {
         ChannelFilter filter(&recording, selection.first, selection.count, false);
         for (int i = 0; i < 8; ++i)
@@ -112,9 +112,8 @@ TEST(ChannelFilter, SelectionsMatchReferenceOnRandomBoxesAndForwardTheRequest)
             long long const level = i % 3;
             Box const box = NuvekTest::randomBox(random, source->getExtent(level), 11, 3);
             recording.clearRequests();
-            std::vector<double> const expected =
-                NuvekReference::selectChannels(openWhole(*source, level, box), box.getSize(), selection.first,
-                                               selection.count);
+            std::vector<double> const expected = NuvekReference::selectChannels(
+                openWhole(*source, level, box), box.getSize(), selection.first, selection.count);
             EXPECT_TRUE(NuvekTest::sameBits(expected, openWhole(filter, level, box), box,
                                             "first " + std::to_string(selection.first) + " count " +
                                                 std::to_string(selection.count)));
@@ -256,9 +255,13 @@ TEST(ConcatFilter, EmptyAndNullInputsAreRejected)
 {
     MemoryImage image(Vector(2, 2, 1), 1);
     EXPECT_EQ(messageOf([&] { ConcatFilter({}, false); }), "Cannot instantiate a concat filter without input images.");
-    EXPECT_EQ(messageOf([&] { ConcatFilter({&image, nullptr}, false); }),
+    EXPECT_EQ(messageOf([&] {
+                  ConcatFilter({&image, nullptr}, false);
+              }),
               "Cannot instantiate a filter without an input image.");
-    EXPECT_EQ(messageOf([&] { ConcatFilter({nullptr, &image}, false); }),
+    EXPECT_EQ(messageOf([&] {
+                  ConcatFilter({nullptr, &image}, false);
+              }),
               "Cannot instantiate a filter without an input image.");
 }
 

@@ -61,8 +61,17 @@ std::vector<double> convertColours(std::vector<std::vector<double>> const& colou
 // Values that make ties between channels, signed zeros and non-finite inputs likely.
 std::shared_ptr<MemoryImage> tieHeavyImage(std::mt19937_64& random, Vector const& extent, long long numChannels)
 {
-    double const palette[] = {0.0,  -0.0, 0.25, 0.5, 1.0,  255.0, 254.999, 1e-300, -3.0,
-                              std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
+    double const palette[] = {0.0,
+                              -0.0,
+                              0.25,
+                              0.5,
+                              1.0,
+                              255.0,
+                              254.999,
+                              1e-300,
+                              -3.0,
+                              std::numeric_limits<double>::quiet_NaN(),
+                              std::numeric_limits<double>::infinity(),
                               -std::numeric_limits<double>::infinity()};
     std::uniform_int_distribution<int> pick(0, 2 * static_cast<int>(std::size(palette)) - 1);
     std::uniform_real_distribution<double> uniform(0.0, 255.0);

@@ -97,7 +97,8 @@ TEST(ClampingFilter, FrameAroundASingleSliceRepeatsEdgesAndCorners)
     for (long long c = 0; c < 2; ++c)
         for (long long y = box.min.y; y <= box.max.y; ++y)
             for (long long x = box.min.x; x <= box.max.x; ++x)
-                expected.push_back(static_cast<double>(1000 * c + 10 * clampInto(y, extent.y) + clampInto(x, extent.x)));
+                expected.push_back(
+                    static_cast<double>(1000 * c + 10 * clampInto(y, extent.y) + clampInto(x, extent.x)));
     EXPECT_TRUE(NuvekTest::sameBits(expected, out, box));
 }
 

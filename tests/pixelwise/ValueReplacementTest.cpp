@@ -21,8 +21,8 @@ using Nuvek::Box;
 using Nuvek::MemoryImage;
 using Nuvek::ValueReplacementFilter;
 using Nuvek::Vector;
-using NuvekTest::openWhole;
 using NuvekTest::messageOf;
+using NuvekTest::openWhole;
 using Replacements = ValueReplacementFilter::Replacements;
 
 namespace {
@@ -64,7 +64,9 @@ TEST(ValueReplacementFilter, ColoursOfTheWrongLengthAreRejected)
     MemoryImage image(Vector(2, 2, 1), 2);
     EXPECT_EQ(messageOf([&] { ValueReplacementFilter(&image, false, {1, 2, 3}, {4, 5}); }), wrongSize);
     EXPECT_EQ(messageOf([&] { ValueReplacementFilter(&image, false, {1, 2}, {4}); }), wrongSize);
-    EXPECT_EQ(messageOf([&] { ValueReplacementFilter(&image, false, Replacements{{{1, 2}, {3, 4}}, {{5}, {6, 7}}}); }),
+    EXPECT_EQ(messageOf([&] {
+                  ValueReplacementFilter(&image, false, Replacements{{{1, 2}, {3, 4}}, {{5}, {6, 7}}});
+              }),
               wrongSize);
     EXPECT_NO_THROW(ValueReplacementFilter(&image, false, {1, 2}, {3, 4}));
     ValueReplacementFilter valid(&image, false, Replacements{{{1, 2}, {3, 4}}, {{5, 6}, {7, 8}}});
@@ -91,8 +93,8 @@ TEST(ValueReplacementFilter, OnlyWholeExactMatchesReplace)
         {{1.0, 2.0}, {1.0, 2.5}, {9.0, 2.0}, {-0.0, 5.0}, {missing, 3.0}, {4.0, missing}, {1.0, 2.0 + 1e-15}},
         replacements);
     // Plane 0, then plane 1.
-    std::vector<double> const expected{10.0, 1.0, 9.0, -1.0, missing, 4.0,  1.0,
-                                       20.0, 2.5, 2.0, -2.0, 3.0,  missing, 2.0 + 1e-15};
+    std::vector<double> const expected{10.0, 1.0, 9.0, -1.0, missing, 4.0,     1.0,
+                                       20.0, 2.5, 2.0, -2.0, 3.0,     missing, 2.0 + 1e-15};
     EXPECT_TRUE(NuvekTest::sameBits(expected, out, Box(Vector(7, 1, 1))));
     // The same with one colour, through the single-entry constructor.
     MemoryImage image(Vector(2, 1, 1), 2, {0.0, 1.0, 5.0, 5.0});

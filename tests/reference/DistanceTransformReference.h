@@ -17,7 +17,10 @@ inline std::vector<double> dt(std::vector<double> const& f)
     std::vector<double> d(f.size());
     if (n == 0)
         return d;
-    auto at = [](auto& values, long long i) -> auto& { return values[static_cast<std::size_t>(i)]; };
+    auto at = [](auto& values, long long i) -> auto&
+    {
+        return values[static_cast<std::size_t>(i)];
+    };
     std::vector<long long> v(f.size());
     std::vector<double> z(f.size() + 1);
     long long k = 0;

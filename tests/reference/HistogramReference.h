@@ -20,7 +20,8 @@ struct HistogramParameters
     double binWidth;
 };
 
-inline HistogramParameters histogramParameters(long long kernelSize, long long numBins, double rangeMin, double rangeMax)
+inline HistogramParameters histogramParameters(long long kernelSize, long long numBins, double rangeMin,
+                                               double rangeMax)
 {
     return HistogramParameters{kernelSize, numBins, rangeMin, (rangeMax - rangeMin + 1.0) / numBins};
 }

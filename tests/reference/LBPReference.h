@@ -47,7 +47,7 @@ inline std::vector<double> lbp(Nuvek::Image& input, double radiusArgument, Nuvek
             {
                 long long const tx = x - expanded.min.x, ty = y - expanded.min.y, tz = z - expanded.min.z;
                 double const centre = at(tx, ty, tz);
-                std::vector<double> const n{at(tx - d, ty - d, tz), at(tx, ty - r, tz), at(tx + d, ty - d, tz),
+                std::vector<double> const n{at(tx - d, ty - d, tz), at(tx, ty - r, tz),     at(tx + d, ty - d, tz),
                                             at(tx + r, ty, tz),     at(tx + d, ty + d, tz), at(tx, ty + r, tz),
                                             at(tx - d, ty + d, tz), at(tx - r, ty, tz)};
                 long long code = 0;

@@ -46,11 +46,10 @@ inline long long clampInto(long long value, long long low, long long high)
 inline void copyBuffer(std::vector<double> const& src, Vector const& srcExtent, Box srcBox, std::vector<double>& dst,
                        Vector const& dstExtent, Vector dstPos, long long numChannels)
 {
-    if (srcExtent == dstExtent && srcBox.min == Vector(0, 0, 0) && srcBox.max == srcExtent &&
-        dstPos == Vector(0, 0, 0))
+    if (srcExtent == dstExtent && srcBox.min == Vector(0, 0, 0) && srcBox.max == srcExtent && dstPos == Vector(0, 0, 0))
     {
-        long long const count = (srcBox.max.x - srcBox.min.x + 1) * (srcBox.max.y - srcBox.min.y + 1) *
-                                (srcBox.max.z - srcBox.min.z + 1);
+        long long const count =
+            (srcBox.max.x - srcBox.min.x + 1) * (srcBox.max.y - srcBox.min.y + 1) * (srcBox.max.z - srcBox.min.z + 1);
         for (long long i = 0; i < count; ++i)
             dst[at(i)] = src[at(i)];
         return;
@@ -78,8 +77,8 @@ inline void copyBuffer(std::vector<double> const& src, Vector const& srcExtent, 
         for (long long z = 0; z <= srcBox.max.z - srcBox.min.z; ++z)
             for (long long y = 0; y <= srcBox.max.y - srcBox.min.y; ++y)
                 for (long long x = 0; x <= srcBox.max.x - srcBox.min.x; ++x)
-                    dst[at(c * dstExtent.x * dstExtent.y * dstExtent.z +
-                           (dstPos.z + z) * dstExtent.x * dstExtent.y + (dstPos.y + y) * dstExtent.x + dstPos.x + x)] =
+                    dst[at(c * dstExtent.x * dstExtent.y * dstExtent.z + (dstPos.z + z) * dstExtent.x * dstExtent.y +
+                           (dstPos.y + y) * dstExtent.x + dstPos.x + x)] =
                         src[at(c * srcExtent.x * srcExtent.y * srcExtent.z +
                                (srcBox.min.z + z) * srcExtent.x * srcExtent.y + (srcBox.min.y + y) * srcExtent.x +
                                srcBox.min.x + x)];
@@ -212,14 +211,13 @@ inline void upsample(Nuvek::Image& input, long long sourceLevel, bool bilinearMo
                     if (bilinearMode)
                         value = bilinear(region, c, slice, x, y, scale);
                     else
-                        value = region.value(
-                            c, slice,
-                            clampInto(static_cast<long long>(static_cast<double>(x) / scale), region.box.min.x,
-                                      region.box.max.x),
-                            clampInto(static_cast<long long>(static_cast<double>(y) / scale), region.box.min.y,
-                                      region.box.max.y));
-                    out[at(c * box.getSize() + slice * size.x * size.y + (y - box.min.y) * size.x +
-                           (x - box.min.x))] = value;
+                        value = region.value(c, slice,
+                                             clampInto(static_cast<long long>(static_cast<double>(x) / scale),
+                                                       region.box.min.x, region.box.max.x),
+                                             clampInto(static_cast<long long>(static_cast<double>(y) / scale),
+                                                       region.box.min.y, region.box.max.y));
+                    out[at(c * box.getSize() + slice * size.x * size.y + (y - box.min.y) * size.x + (x - box.min.x))] =
+                        value;
                 }
         }
 }

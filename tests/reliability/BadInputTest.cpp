@@ -43,9 +43,14 @@ TEST(BadInput, ConstructorsThrowTheStatedMessageAndFreeAnOwnedInput)
         {"box negative", 1, [](Image* in) { Nuvek::BoxFilter(in, -3, true, false, true); },
          "Kernel size must not be negative."},
         {"convolution lengths", 1,
-         [](Image* in) { Nuvek::SeparableConvolutionFilter(in, {1, 2, 1}, {1}, true); },
+         [](Image* in) {
+             Nuvek::SeparableConvolutionFilter(in, {1, 2, 1}, {1}, true);
+         },
          "Kernel sizes for x and y must be equal."},
-        {"convolution even", 1, [](Image* in) { Nuvek::SeparableConvolutionFilter(in, {1, 1}, true); },
+        {"convolution even", 1,
+         [](Image* in) {
+             Nuvek::SeparableConvolutionFilter(in, {1, 1}, true);
+         },
          "Kernel size must be odd."},
         {"convolution empty", 1, [](Image* in) { Nuvek::SeparableConvolutionFilter(in, {}, true); },
          "Kernel size must be odd."},
@@ -104,7 +109,8 @@ TEST(BadInput, MultiInputFiltersDeleteNothingWhenTheyRefuse)
     }
     catch (std::runtime_error const& error)
     {
-        EXPECT_STREQ(error.what(), "Cannot instantiate difference filter from images with unequal numbers of channels.");
+        EXPECT_STREQ(error.what(),
+                     "Cannot instantiate difference filter from images with unequal numbers of channels.");
     }
     EXPECT_EQ(deletions, 0);
     delete first;

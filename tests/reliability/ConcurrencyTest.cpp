@@ -108,13 +108,15 @@ TEST(Concurrency, EveryShareableFilterGivesTheSerialResultOnManyThreads)
         // Every thread walks all requests from its own starting point, so that equal and
         // overlapping requests run at the same time.
         int const threads = 6;
-        std::vector<std::vector<std::vector<double>>> results(threads, std::vector<std::vector<double>>(requests.size()));
+        std::vector<std::vector<std::vector<double>>> results(threads,
+                                                              std::vector<std::vector<double>>(requests.size()));
         std::vector<std::thread> pool;
         for (int t = 0; t < threads; ++t)
             pool.emplace_back([&, t]() {
                 for (std::size_t i = 0; i < requests.size(); ++i)
                 {
-                    std::size_t const at = (i + static_cast<std::size_t>(t) * requests.size() / threads) % requests.size();
+                    std::size_t const at =
+                        (i + static_cast<std::size_t>(t) * requests.size() / threads) % requests.size();
                     results[static_cast<std::size_t>(t)][at] =
                         NuvekTest::openWhole(*filter, requests[at].level, requests[at].box);
                 }
@@ -124,8 +126,8 @@ TEST(Concurrency, EveryShareableFilterGivesTheSerialResultOnManyThreads)
         for (int t = 0; t < threads; ++t)
             for (std::size_t i = 0; i < requests.size(); ++i)
                 ASSERT_TRUE(NuvekTest::sameBits(serial[i], results[static_cast<std::size_t>(t)][i], requests[i].box,
-                                                test.name + " level " + std::to_string(requests[i].level) +
-                                                    " thread " + std::to_string(t)));
+                                                test.name + " level " + std::to_string(requests[i].level) + " thread " +
+                                                    std::to_string(t)));
         ++cases;
     }
     EXPECT_GE(cases, 25);

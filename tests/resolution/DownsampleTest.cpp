@@ -64,7 +64,7 @@ std::string describe(Vector const& extent, long long numChannels, long long leve
 TEST(DownsampleBufferFullLevel, BothPassesMatchTheReferenceInPlaceAndOutOfPlace)
 {
     std::mt19937_64 random(61);
-    std::vector<Vector> const extents = {Vector(1, 1, 1),  Vector(2, 2, 1),  Vector(3, 1, 2),  Vector(5, 7, 1),
+    std::vector<Vector> const extents = {Vector(1, 1, 1),  Vector(2, 2, 1),   Vector(3, 1, 2),   Vector(5, 7, 1),
                                          Vector(9, 8, 3),  Vector(16, 16, 1), Vector(17, 33, 2), Vector(31, 5, 1),
                                          Vector(7, 64, 1), Vector(65, 3, 2)};
     for (Vector const& extent : extents)
@@ -72,8 +72,7 @@ TEST(DownsampleBufferFullLevel, BothPassesMatchTheReferenceInPlaceAndOutOfPlace)
             for (long long levels = 0; levels <= 3; ++levels)
             {
                 std::vector<double> const source = specialValues(random, extent.prod() * numChannels);
-                std::vector<double> const expected =
-                    NuvekReference::averageBlocks(source, extent, numChannels, levels);
+                std::vector<double> const expected = NuvekReference::averageBlocks(source, extent, numChannels, levels);
                 long long const f = 1LL << levels;
                 Box const targetBox(Vector(extent.x / f, extent.y / f, extent.z));
                 std::string const context = describe(extent, numChannels, levels);
@@ -238,8 +237,8 @@ TEST(DownsampleFilter, EqualsTheMemoryImagesOwnLevelsBitForBitOnOddSizes)
     // The memory image builds level L from level 0 by the same block sums, and convertToLevel maps a
     // coarse box to exactly 2^L times its extent, so the filter must reproduce every level to the bit.
     std::mt19937_64 random(65);
-    std::vector<Vector> const extents = {Vector(1, 1, 1), Vector(3, 5, 1), Vector(37, 29, 2), Vector(63, 65, 1),
-                                         Vector(129, 33, 3), Vector(2, 31, 1)};
+    std::vector<Vector> const extents = {Vector(1, 1, 1),   Vector(3, 5, 1),    Vector(37, 29, 2),
+                                         Vector(63, 65, 1), Vector(129, 33, 3), Vector(2, 31, 1)};
     for (Vector const& extent : extents)
     {
         long long const numChannels = 1 + (extent.x % 3);
@@ -289,7 +288,7 @@ TEST(DownsampleFilter, MatchesTheReferenceFromACoarserSourceLevel)
             std::vector<double> expected = sentinelFilled(box, numChannels);
             NuvekReference::downsample(*image, sourceLevel, level, box, expected);
             EXPECT_TRUE(sameValues(expected, openOverSentinel(filter, level, box), box,
-                                            "round " + std::to_string(round) + " level " + std::to_string(level)));
+                                   "round " + std::to_string(round) + " level " + std::to_string(level)));
         }
     }
 }

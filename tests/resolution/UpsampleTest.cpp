@@ -261,8 +261,9 @@ TEST(UpsampleFilter, ConcurrentTilesGiveTheSerialResult)
                 for (int round = 0; round < 4; ++round)
                     for (std::size_t j = 0; j < jobs.size(); ++j)
                     {
-                        Job const& job = jobs[(j * 7 + static_cast<std::size_t>(t) * 5 + static_cast<std::size_t>(round)) %
-                                              jobs.size()];
+                        Job const& job =
+                            jobs[(j * 7 + static_cast<std::size_t>(t) * 5 + static_cast<std::size_t>(round)) %
+                                 jobs.size()];
                         if (!NuvekTest::sameBits(job.expected, openWhole(filter, job.level, job.box), job.box))
                             ++mismatches;
                     }

@@ -2,7 +2,9 @@
 
 namespace NuvekTest {
 
-RecordingImage::RecordingImage(std::shared_ptr<Nuvek::MemoryImage> source) : source(std::move(source)) {}
+RecordingImage::RecordingImage(std::shared_ptr<Nuvek::MemoryImage> source) : source(std::move(source))
+{
+}
 
 Nuvek::Vector RecordingImage::getExtent(long long level) const
 {

@@ -16,8 +16,7 @@ std::string hexfloat(double value)
     return text;
 }
 
-std::string describe(Nuvek::Box const& box, long long index, double expected, double actual,
-                     std::string const& context)
+std::string describe(Nuvek::Box const& box, long long index, double expected, double actual, std::string const& context)
 {
     long long const size = box.getSize();
     Nuvek::Vector const extent = box.getExtent();
@@ -106,9 +105,8 @@ void paste(std::vector<double>& values, Nuvek::Box const& whole, std::vector<dou
         for (long long z = part.min.z; z <= part.max.z; ++z)
             for (long long y = part.min.y; y <= part.max.y; ++y)
                 for (long long x = part.min.x; x <= part.max.x; ++x)
-                    values[static_cast<std::size_t>(c * whole.getSize() +
-                                                    (Nuvek::Vector(x, y, z) - whole.min).dot(strides))] =
-                        partValues[i++];
+                    values[static_cast<std::size_t>(
+                        c * whole.getSize() + (Nuvek::Vector(x, y, z) - whole.min).dot(strides))] = partValues[i++];
 }
 
 } // namespace NuvekTest

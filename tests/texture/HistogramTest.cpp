@@ -181,7 +181,8 @@ TEST(HistogramFilter, ChecksKernelAndBinsBeforeTheChannelCount)
 {
     Nuvek::MemoryImage three(Vector(4, 4, 1), 3);
     EXPECT_EQ(messageOf([&] { HistogramFilter(&three, 2, 4, false); }), "Kernel size must be odd.");
-    EXPECT_EQ(messageOf([&] { HistogramFilter(&three, 3, 0, false); }), "Cannot create HistogramComputer with zero bins.");
+    EXPECT_EQ(messageOf([&] { HistogramFilter(&three, 3, 0, false); }),
+              "Cannot create HistogramComputer with zero bins.");
     EXPECT_EQ(messageOf([&] { HistogramFilter(&three, 3, 4, false); }),
               "Local histogram filter may only be applied to single channel images.");
 }
@@ -226,6 +227,6 @@ TEST(HistogramFilter, TilesAgreeWithOneLargeRequest)
     Box const box(Vector(0, 0, 0), Vector(59, 49, 0));
     std::vector<double> const whole = openWhole(filter, 0, box);
     for (int threads : {1, 3})
-        EXPECT_TRUE(NuvekTest::sameBits(whole, NuvekTest::openTiled(filter, 0, box, {7, 31, 32}, {5, 26}, threads),
-                                        box, "threads " + std::to_string(threads)));
+        EXPECT_TRUE(NuvekTest::sameBits(whole, NuvekTest::openTiled(filter, 0, box, {7, 31, 32}, {5, 26}, threads), box,
+                                        "threads " + std::to_string(threads)));
 }

@@ -182,7 +182,8 @@ TEST(LBPFilter, RadiusRoundsHalfUpFromItsMagnitudeAndAsksForTheClippedBoxGrownBy
     Box const box(Vector(-3, 2, 0), Vector(10, 25, 1));
     Box const clipped(Vector(0, 2, 0), Vector(10, 19, 1));
     // radius -> (r, d): 2.5 -> (3, 2), -1 -> (1, 1), 0.4 -> (0, 0), 2.2 -> (2, 2), 1.6 -> (2, 1).
-    for (auto [radius, r] : std::vector<std::pair<double, long long>>{{2.5, 3}, {-1.0, 1}, {0.4, 0}, {2.2, 2}, {1.6, 2}})
+    for (auto [radius, r] :
+         std::vector<std::pair<double, long long>>{{2.5, 3}, {-1.0, 1}, {0.4, 0}, {2.2, 2}, {1.6, 2}})
     {
         LBPFilter filter(&recording, radius, false);
         recording.clearRequests();

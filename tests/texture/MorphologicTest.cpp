@@ -193,7 +193,8 @@ TEST(MorphologicFilter, TilesAgreeWithOneLargeRequestWithoutNaN)
         ErosionFilter erosion(source.get(), 9, false);
         Nuvek::Image& filter = maximum ? static_cast<Nuvek::Image&>(dilation) : static_cast<Nuvek::Image&>(erosion);
         for (int threads : {1, 4})
-            EXPECT_TRUE(NuvekTest::sameBits(whole, NuvekTest::openTiled(filter, 0, box, {1, 2, 33, 60}, {7, 8, 40}, threads),
+            EXPECT_TRUE(NuvekTest::sameBits(whole,
+                                            NuvekTest::openTiled(filter, 0, box, {1, 2, 33, 60}, {7, 8, 40}, threads),
                                             box, "threads " + std::to_string(threads)));
     }
 }
@@ -218,8 +219,8 @@ TEST(MorphologicFilter, FastAndPlainPassesGiveTheSameBitsAsTheReference)
             Box const box(Vector(k / 2, k / 2, 0), Vector(k / 2 + width - 1, k / 2 + rows - 1, 1));
             for (bool maximum : {false, true})
             {
-                std::string const context = "k " + std::to_string(k) + " width " + std::to_string(width) +
-                                            (maximum ? " dilation" : " erosion");
+                std::string const context =
+                    "k " + std::to_string(k) + " width " + std::to_string(width) + (maximum ? " dilation" : " erosion");
                 std::vector<double> plain(static_cast<std::size_t>(box.getSize() * numChannels), 0.5);
                 Nuvek::extremaOfRegionPlain(maximum, work.data(), inputExtent, numChannels, k, plain.data());
                 EXPECT_TRUE(NuvekTest::sameBits(NuvekReference::morphology(*padded, k, maximum, box, 0), plain, box,

@@ -193,7 +193,8 @@ TEST(RankFilter, WideRowsMatchReferenceForEveryKernelAndNotableRanks)
                 Box const box(Vector(-2, -1, 0), Vector(72, 27, 0));
                 std::string const context = "share " + std::to_string(specialShare) + " k " + std::to_string(k) +
                                             " rank " + std::to_string(rank);
-                EXPECT_TRUE(NuvekTest::sameBits(referenceOver(*source, k, rank, box), openOver(filter, box), box, context));
+                EXPECT_TRUE(
+                    NuvekTest::sameBits(referenceOver(*source, k, rank, box), openOver(filter, box), box, context));
             }
     }
 }

@@ -15,7 +15,8 @@ namespace NuvekTest {
 
 inline double nanWithBits(std::uint64_t payload, bool negative)
 {
-    std::uint64_t const bits = (negative ? 0xFFF0000000000000ULL : 0x7FF0000000000000ULL) | (payload & 0xFFFFFFFFFFFFFULL);
+    std::uint64_t const bits =
+        (negative ? 0xFFF0000000000000ULL : 0x7FF0000000000000ULL) | (payload & 0xFFFFFFFFFFFFFULL);
     double value;
     std::memcpy(&value, &bits, sizeof value);
     return value;
@@ -29,9 +30,14 @@ inline std::vector<double> trickyValues(std::mt19937_64& random, long long count
     std::uniform_real_distribution<double> continuous(-50.0, 50.0);
     std::uniform_int_distribution<int> small(-3, 3);
     std::uniform_int_distribution<int> special(0, 7);
-    double const specials[] = {nanWithBits(1ULL << 51, false), nanWithBits(7, false), nanWithBits(1ULL << 51, true),
-                               nanWithBits(3, true),           INFINITY,              -INFINITY,
-                               -0.0,                           0.0};
+    double const specials[] = {nanWithBits(1ULL << 51, false),
+                               nanWithBits(7, false),
+                               nanWithBits(1ULL << 51, true),
+                               nanWithBits(3, true),
+                               INFINITY,
+                               -INFINITY,
+                               -0.0,
+                               0.0};
     std::vector<double> values(static_cast<std::size_t>(count));
     for (double& value : values)
         if (chance(random) < specialShare)

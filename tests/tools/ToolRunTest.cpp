@@ -96,9 +96,8 @@ std::vector<double> expectedOutput(std::string const& inputPath, std::string con
 TEST_F(ToolRun, OutputEqualsTheChainInMemoryForAnyTileSizeAndThreadCount)
 {
     Box const whole(Vector(301, 259, 1));
-    char const* const chains[] = {"clamp | gaussian 5", "clamp | difference () (median 3)",
-                                  "channel 1 | localnorm 2", "channel 0 | threshold 128 | distance 1 6",
-                                  "clamp | sobel vector 3"};
+    char const* const chains[] = {"clamp | gaussian 5", "clamp | difference () (median 3)", "channel 1 | localnorm 2",
+                                  "channel 0 | threshold 128 | distance 1 6", "clamp | sobel vector 3"};
     struct Run
     {
         int tile;
@@ -111,8 +110,8 @@ TEST_F(ToolRun, OutputEqualsTheChainInMemoryForAnyTileSizeAndThreadCount)
         for (Run const& run : runs)
         {
             std::string const output = path("out.tif");
-            std::string const context = std::string(chain) + ", tile " + std::to_string(run.tile) + ", threads " +
-                                        std::to_string(run.threads);
+            std::string const context =
+                std::string(chain) + ", tile " + std::to_string(run.tile) + ", threads " + std::to_string(run.threads);
             Outcome const outcome = nuvek("run " + input + " " + output + " --quiet --chain '" + chain + "' --tile " +
                                           std::to_string(run.tile) + " --threads " + std::to_string(run.threads));
             ASSERT_EQ(outcome.status, 0) << context << ": " << outcome.errors;
@@ -216,8 +215,10 @@ TEST_F(ToolRun, IntegerOutputMapsTheGivenRangeAndHintsWhenTheDefaultHidesTheData
     // One range for both channels, then one per channel: round((v - lo) / (hi - lo) * 255), clamped.
     for (std::string const range : {"0,3000", "0,3000;1000,2000"})
     {
-        Outcome const mapped = nuvek("run " + dim + " " + path("mapped.tif") + " --quiet --chain clamp --type uint8 "
-                                                                               "--range '" + range + "'");
+        Outcome const mapped = nuvek("run " + dim + " " + path("mapped.tif") +
+                                     " --quiet --chain clamp --type uint8 "
+                                     "--range '" +
+                                     range + "'");
         ASSERT_EQ(mapped.status, 0) << mapped.errors;
         EXPECT_EQ(mapped.errors, "");
         Nuvek::TiffImage written(path("mapped.tif"));
@@ -227,7 +228,8 @@ TEST_F(ToolRun, IntegerOutputMapsTheGivenRangeAndHintsWhenTheDefaultHidesTheData
             bool const second = range.find(';') != std::string::npos && i >= values.size() / 2;
             double const low = second ? 1000.0 : 0.0;
             double const high = second ? 2000.0 : 3000.0;
-            double const expected = std::min(255.0, std::max(0.0, std::floor((values[i] - low) / (high - low) * 255.0 + 0.5)));
+            double const expected =
+                std::min(255.0, std::max(0.0, std::floor((values[i] - low) / (high - low) * 255.0 + 0.5)));
             ASSERT_EQ(read[i], expected) << range << " at " << i;
         }
     }
@@ -237,7 +239,8 @@ TEST_F(ToolRun, IntegerOutputMapsTheGivenRangeAndHintsWhenTheDefaultHidesTheData
         nuvek("run " + dim + " " + path("auto.tif") + " --quiet --chain clamp --type uint8 --range auto");
     ASSERT_EQ(automatic.status, 0) << automatic.errors;
     EXPECT_EQ(automatic.errors, "");
-    std::vector<double> const stretched = NuvekTest::openWhole(*std::make_unique<Nuvek::TiffImage>(path("auto.tif")), 0, whole);
+    std::vector<double> const stretched =
+        NuvekTest::openWhole(*std::make_unique<Nuvek::TiffImage>(path("auto.tif")), 0, whole);
     EXPECT_LE(*std::max_element(stretched.begin(), stretched.end()), 255.0);
     EXPECT_GE(*std::max_element(stretched.begin(), stretched.end()), 250.0);
     EXPECT_LE(*std::min_element(stretched.begin(), stretched.end()), 5.0);
@@ -248,7 +251,8 @@ TEST_F(ToolRun, IntegerOutputMapsTheGivenRangeAndHintsWhenTheDefaultHidesTheData
     options.valueRange = Nuvek::ValueRange<double>(0, 1000);
     image->setValueRange(Nuvek::ValueRange<double>(0, 1000));
     ASSERT_TRUE(Nuvek::writePyramidalTiff(*image, bright, options));
-    Outcome const saturated = nuvek("run " + bright + " " + path("saturated.tif") + " --quiet --chain clamp --type uint8");
+    Outcome const saturated =
+        nuvek("run " + bright + " " + path("saturated.tif") + " --quiet --chain clamp --type uint8");
     ASSERT_EQ(saturated.status, 0) << saturated.errors;
     EXPECT_NE(saturated.errors.find("of the samples lie outside the value range and are stored as 0 or 255; --range"),
               std::string::npos)
@@ -272,12 +276,14 @@ TEST_F(ToolRun, TheTypeDefaultsToTheInputsWhereTheChainKeepsItsValues)
     };
     // The value range TiffImage reports tells the stored type: 255 for 8 bits, 65535 for 16, the
     // chain's own range for float.
-    Case const cases[] = {{eight, "clamp", 255.0}, {eight, "channel 1 | zslice 0", 255.0},
-                          {eight, "clamp | gaussian 3", 0.0}, {input, "clamp", 0.0}};
+    Case const cases[] = {{eight, "clamp", 255.0},
+                          {eight, "channel 1 | zslice 0", 255.0},
+                          {eight, "clamp | gaussian 3", 0.0},
+                          {input, "clamp", 0.0}};
     for (Case const& test : cases)
     {
-        Outcome const outcome = nuvek("run " + test.input + " " + path("typed.tif") + " --quiet --chain '" + test.chain +
-                                      "' --compression zstd");
+        Outcome const outcome = nuvek("run " + test.input + " " + path("typed.tif") + " --quiet --chain '" +
+                                      test.chain + "' --compression zstd");
         ASSERT_EQ(outcome.status, 0) << test.chain << ": " << outcome.errors;
         Nuvek::TiffImage written(path("typed.tif"));
         if (test.top > 0.0)
@@ -325,10 +331,10 @@ TEST_F(ToolRun, InterruptStopsCleanlyAndLeavesNoOutput)
     ASSERT_TRUE(Nuvek::writePyramidalTiff(*image, large, options));
 
     std::string const output = path("interrupted.tif");
-    std::string const command = "timeout --preserve-status -s INT 0.5 " + std::string(NUVEK_TOOL_PATH) + " run " +
-                                large + " " + output +
-                                " --quiet --chain 'clamp | median 15 | median 15 | median 15' --tile 16 --threads 1 2> " +
-                                path("interrupt.txt");
+    std::string const command =
+        "timeout --preserve-status -s INT 0.5 " + std::string(NUVEK_TOOL_PATH) + " run " + large + " " + output +
+        " --quiet --chain 'clamp | median 15 | median 15 | median 15' --tile 16 --threads 1 2> " +
+        path("interrupt.txt");
     int const status = std::system(command.c_str());
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 130) << readFile(path("interrupt.txt"));

@@ -164,7 +164,8 @@ std::vector<Nuvek::ValueRange<double>> parseRanges(std::string const& text)
     std::string item;
     auto const bad = [&]() {
         return std::runtime_error("--range takes LO,HI with LO < HI, one such pair per channel separated by ';', or "
-                                  "auto; got '" + text + "'.");
+                                  "auto; got '" +
+                                  text + "'.");
     };
     auto const number = [&](std::string const& word) {
         std::size_t used = 0;
@@ -204,12 +205,14 @@ void hintAtRange(Nuvek::SampleStatistics const& statistics, Nuvek::TiffSampleTyp
     if (statistics.samples == 0)
         return;
     if (statistics.saturated * 2 > statistics.samples)
-        std::fprintf(stderr, "nuvek run: hint: %.0f%% of the samples lie outside the value range and are stored as 0 "
-                             "or %.0f; --range LO,HI or --range auto sets the range to map.\n",
+        std::fprintf(stderr,
+                     "nuvek run: hint: %.0f%% of the samples lie outside the value range and are stored as 0 "
+                     "or %.0f; --range LO,HI or --range auto sets the range to map.\n",
                      100.0 * static_cast<double>(statistics.saturated) / static_cast<double>(statistics.samples), top);
     else if (statistics.highestStored - statistics.lowestStored < top / 16.0)
-        std::fprintf(stderr, "nuvek run: hint: the output uses only the values %.0f to %.0f of 0 to %.0f; --range "
-                             "LO,HI or --range auto sets the range to map.\n",
+        std::fprintf(stderr,
+                     "nuvek run: hint: the output uses only the values %.0f to %.0f of 0 to %.0f; --range "
+                     "LO,HI or --range auto sets the range to map.\n",
                      statistics.lowestStored, statistics.highestStored, top);
 }
 
@@ -292,9 +295,8 @@ OutputSettings outputSettings(Options const& options)
     if (options.has("compression-level") && settings.compression != Nuvek::TiffCompression::Deflate && !zstd)
         throw std::runtime_error("--compression-level applies to deflate (1 to 12) and zstd (1 to 22) only.");
     if (settings.compressionLevel > (zstd ? 22 : 12))
-        throw std::runtime_error("--compression-level must be from 1 to " + std::string(zstd ? "22" : "12") +
-                                 " for " + compressionName + ", got " + std::to_string(settings.compressionLevel) +
-                                 ".");
+        throw std::runtime_error("--compression-level must be from 1 to " + std::string(zstd ? "22" : "12") + " for " +
+                                 compressionName + ", got " + std::to_string(settings.compressionLevel) + ".");
     settings.quality = static_cast<int>(options.integer("quality", 90, 1));
     if (options.has("quality") && settings.compression != Nuvek::TiffCompression::JPEG)
         throw std::runtime_error("--quality applies to jpeg compression only.");
@@ -369,7 +371,8 @@ std::vector<Centre> findCentres(Nuvek::Image& image, double threshold, long long
     for (long long y0 = 0; y0 < extent.y; y0 += strip)
     {
         long long const y1 = std::min(extent.y, y0 + strip) - 1;
-        Nuvek::Box const box(Nuvek::Vector(-radius, y0 - radius, 0), Nuvek::Vector(extent.x - 1 + radius, y1 + radius, 0));
+        Nuvek::Box const box(Nuvek::Vector(-radius, y0 - radius, 0),
+                             Nuvek::Vector(extent.x - 1 + radius, y1 + radius, 0));
         std::vector<double> values(static_cast<std::size_t>(box.getSize() * image.getNumChannels()), 0.0);
         image.openRegion(values.data(), 0, box);
         long long const width = box.getExtent().x;
@@ -463,9 +466,10 @@ std::string writeDemoSlide(SyntheticSlide& slide, DemoSettings const& demo)
     OutputSettings slideSettings = demo.output;
     slideSettings.type = Nuvek::TiffSampleType::UInt8;
     Progress progress("0-slide.tif", demo.quiet);
-    if (!writeOutput(slide, slidePath, slideSettings,
-                     [&](long long done, long long total, long long voxels) { progress.update(done, total, voxels); },
-                     interrupted))
+    if (!writeOutput(
+            slide, slidePath, slideSettings,
+            [&](long long done, long long total, long long voxels) { progress.update(done, total, voxels); },
+            interrupted))
         throw Interrupted();
     progress.finish(slide.getExtent(0).prod() * 3);
     std::unique_ptr<Nuvek::Image> written = Nuvek::openImage(slidePath);
@@ -523,7 +527,8 @@ void reportDemoNuclei(std::string const& centresPath, SyntheticSlide const& slid
     long long const matched = matchCentres(truth, centres, 6.0);
     std::printf("\nNuclei: %zu centres found (peaks of at least 5, 5 voxels apart); %lld of the %zu nuclei the slide\n"
                 "was made with have one within 6 voxels (recall %.1f%%, precision %.1f%%).\n",
-                centres.size(), matched, truth.size(), 100.0 * static_cast<double>(matched) / static_cast<double>(truth.size()),
+                centres.size(), matched, truth.size(),
+                100.0 * static_cast<double>(matched) / static_cast<double>(truth.size()),
                 centres.empty() ? 0.0 : 100.0 * static_cast<double>(matched) / static_cast<double>(centres.size()));
 }
 
@@ -536,7 +541,8 @@ int filtersCommand(std::vector<std::string> const& arguments)
         std::printf("Usage: nuvek filters\n\nLists every filter with its parameters ([name=default] are optional).\n");
         return 0;
     }
-    std::printf("Filters (parameters in order; [name=default] may be left out):\n\n%s", Nuvek::FilterRegistry::describe().c_str());
+    std::printf("Filters (parameters in order; [name=default] may be left out):\n\n%s",
+                Nuvek::FilterRegistry::describe().c_str());
     return 0;
 }
 
@@ -544,7 +550,8 @@ int infoCommand(std::vector<std::string> const& arguments)
 {
     if (wantsHelp(arguments))
     {
-        std::printf("Usage: nuvek info FILE [--time T]\n\nPrints the reader chosen for the file, the levels with their extents, the\n"
+        std::printf("Usage: nuvek info FILE [--time T]\n\nPrints the reader chosen for the file, the levels with their "
+                    "extents, the\n"
                     "channels and their names, the value range, the voxel size (\"unknown\" where the\n"
                     "file does not give it) and the tile size of an image file. --time picks the time\n"
                     "point of a file with several (default 0, the first).\n");

@@ -39,7 +39,8 @@ OutputFormat outputFormatOf(std::string const& path)
         if (endsWith(name, ending))
             return OutputFormat::Tiff;
     throw std::runtime_error("the output's name must end in .tif, .tiff, .btf, .tf8 (a plain pyramid), .ome.tif or "
-                             ".ome.tiff (OME-TIFF), or .ome.zarr or .zarr (OME-Zarr), not '" + path + "'.");
+                             ".ome.tiff (OME-TIFF), or .ome.zarr or .zarr (OME-Zarr), not '" +
+                             path + "'.");
 }
 
 namespace {
@@ -53,9 +54,15 @@ bool writeZarrOutput(Nuvek::Image& image, std::string const& path, OutputSetting
     options.threads = settings.threads;
     switch (settings.compression)
     {
-    case Nuvek::TiffCompression::None: options.compression = Nuvek::ZarrCompression::None; break;
-    case Nuvek::TiffCompression::Deflate: options.compression = Nuvek::ZarrCompression::Zlib; break;
-    case Nuvek::TiffCompression::Zstd: options.compression = Nuvek::ZarrCompression::Zstd; break;
+    case Nuvek::TiffCompression::None:
+        options.compression = Nuvek::ZarrCompression::None;
+        break;
+    case Nuvek::TiffCompression::Deflate:
+        options.compression = Nuvek::ZarrCompression::Zlib;
+        break;
+    case Nuvek::TiffCompression::Zstd:
+        options.compression = Nuvek::ZarrCompression::Zstd;
+        break;
     case Nuvek::TiffCompression::LZW:
     case Nuvek::TiffCompression::JPEG:
         throw std::runtime_error("zarr output takes --compression none, deflate (zarr's zlib) or zstd, not " +

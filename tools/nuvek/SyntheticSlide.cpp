@@ -25,7 +25,8 @@ double unit(std::uint64_t value)
 
 std::uint64_t key(std::uint64_t seed, long long x, long long y, std::uint64_t salt)
 {
-    return mix(seed ^ mix(static_cast<std::uint64_t>(x) * 0x100000001b3ULL ^ mix(static_cast<std::uint64_t>(y) + salt)));
+    return mix(seed ^
+               mix(static_cast<std::uint64_t>(x) * 0x100000001b3ULL ^ mix(static_cast<std::uint64_t>(y) + salt)));
 }
 
 // Optical densities per unit of stain (red, green, blue).
@@ -198,7 +199,8 @@ void SyntheticSlide::openRegion(double* out, long long level, Nuvek::Box const& 
                 for (long long c = 0; c < 3; ++c)
                 {
                     double const density = hematoxylin[c] * stainH + eosin[c] * stainE + 0.03 + noise;
-                    out[c * voxels + index] = std::clamp(std::floor(255.0 * std::pow(10.0, -density) + 0.5), 0.0, 255.0);
+                    out[c * voxels + index] =
+                        std::clamp(std::floor(255.0 * std::pow(10.0, -density) + 0.5), 0.0, 255.0);
                 }
             }
         }

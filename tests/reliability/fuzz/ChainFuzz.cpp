@@ -19,7 +19,8 @@ namespace {
 
 std::string drawInteger(FuzzedDataProvider& data, double low, double high)
 {
-    return std::to_string(data.ConsumeIntegralInRange<long long>(static_cast<long long>(low), static_cast<long long>(high)));
+    return std::to_string(
+        data.ConsumeIntegralInRange<long long>(static_cast<long long>(low), static_cast<long long>(high)));
 }
 
 // One value within the parameter's domain.
@@ -84,7 +85,8 @@ std::string drawStage(FuzzedDataProvider& data, long long channels, int depth)
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* bytes, std::size_t size)
 {
     FuzzedDataProvider data(bytes, size);
-    Nuvek::Vector const extent(data.ConsumeIntegralInRange<long long>(1, 40), data.ConsumeIntegralInRange<long long>(1, 40),
+    Nuvek::Vector const extent(data.ConsumeIntegralInRange<long long>(1, 40),
+                               data.ConsumeIntegralInRange<long long>(1, 40),
                                data.ConsumeIntegralInRange<long long>(1, 2));
     long long const channels = data.ConsumeIntegralInRange<long long>(1, 3);
     std::vector<double> values(static_cast<std::size_t>(extent.prod() * channels));
@@ -92,10 +94,18 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* bytes, std::size_t siz
     {
         switch (data.ConsumeIntegralInRange<int>(0, 12))
         {
-        case 0: value = std::numeric_limits<double>::quiet_NaN(); break;
-        case 1: value = std::numeric_limits<double>::infinity(); break;
-        case 2: value = -std::numeric_limits<double>::infinity(); break;
-        default: value = static_cast<double>(data.ConsumeIntegralInRange<int>(0, 255)); break;
+        case 0:
+            value = std::numeric_limits<double>::quiet_NaN();
+            break;
+        case 1:
+            value = std::numeric_limits<double>::infinity();
+            break;
+        case 2:
+            value = -std::numeric_limits<double>::infinity();
+            break;
+        default:
+            value = static_cast<double>(data.ConsumeIntegralInRange<int>(0, 255));
+            break;
         }
     }
     Nuvek::MemoryImage source(extent, channels, values);
@@ -124,7 +134,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* bytes, std::size_t siz
         Nuvek::Vector const min(data.ConsumeIntegralInRange<long long>(-8, levelExtent.x + 2),
                                 data.ConsumeIntegralInRange<long long>(-8, levelExtent.y + 2),
                                 data.ConsumeIntegralInRange<long long>(0, extent.z - 1));
-        Nuvek::Vector const size(data.ConsumeIntegralInRange<long long>(1, 24), data.ConsumeIntegralInRange<long long>(1, 24),
+        Nuvek::Vector const size(data.ConsumeIntegralInRange<long long>(1, 24),
+                                 data.ConsumeIntegralInRange<long long>(1, 24),
                                  data.ConsumeIntegralInRange<long long>(1, extent.z - min.z));
         Nuvek::Box const box(min, min + size - Nuvek::Vector(1, 1, 1));
         std::size_t const count = static_cast<std::size_t>(box.getSize() * image.getNumChannels());

@@ -106,8 +106,8 @@ TEST_F(TileServerTest, TilesEqualTheChainOpenedInMemoryAtEveryLevelIncludingEdge
                 for (long long x = 0; x * 128 < extent.x; ++x)
                 {
                     std::string const path = "/api/layers/" + std::to_string(id) + "/tiles/" + std::to_string(level) +
-                                             "/" + std::to_string(x) + "_" + std::to_string(y) + ".png?min=" +
-                                             std::to_string(min) + "&max=" + std::to_string(max);
+                                             "/" + std::to_string(x) + "_" + std::to_string(y) +
+                                             ".png?min=" + std::to_string(min) + "&max=" + std::to_string(max);
                     auto const response = client->Get(path.c_str());
                     ASSERT_TRUE(response) << path;
                     ASSERT_EQ(200, response->status) << path << ": " << response->body;
@@ -194,7 +194,8 @@ TEST_F(TileServerTest, JpegTilesDecodeToTheImageWithinTheEncodersError)
     // The edge tile of a 600 x 420 level 0: 88 x 36.
     ASSERT_EQ(88, tile.width);
     ASSERT_EQ(36, tile.height);
-    std::vector<unsigned char> const expected = expectedTile(*source, 0, Box(Vector(512, 384, 0), Vector(599, 419, 0)), 0, 255);
+    std::vector<unsigned char> const expected =
+        expectedTile(*source, 0, Box(Vector(512, 384, 0), Vector(599, 419, 0)), 0, 255);
     double difference = 0.0;
     for (std::size_t i = 0; i < expected.size(); ++i)
         if (i % 4 != 3)
@@ -224,7 +225,8 @@ TEST_F(TileServerTest, MalformedOrImpossibleRequestsAreRefusedWithTheirReason)
         {"/api/layers/1/tiles/0/0_4.png", 404, "tile 0_4 is outside level 0 (5 x 4 tiles).\n"},
         {"/api/layers/1/tiles/0/0_0.png?min=abc", 400, "the parameter 'min' must be a finite number, got 'abc'.\n"},
         {"/api/layers/1/tiles/0/0_0.png?max=inf", 400, "the parameter 'max' must be a finite number, got 'inf'.\n"},
-        {"/api/layers/1/tiles/0/0_0.png?map=rainbow", 400, "unknown colour map 'rainbow': use grey, heat or viridis.\n"},
+        {"/api/layers/1/tiles/0/0_0.png?map=rainbow", 400,
+         "unknown colour map 'rainbow': use grey, heat or viridis.\n"},
         {"/api/layers/1/tiles/0/0_0.png?channel=3", 400,
          "the parameter 'channel' must be -1 (all) or a channel from 0 to 2, got 3.\n"},
         {"/api/layers/1/tiles/0/0_0.png?z=1", 404, "slice 1 is outside the image's 1 slices.\n"},
@@ -313,8 +315,8 @@ TEST_F(TileServerTest, PointValuesAreTheChainsValuesAtOneVoxelWithNaNAsNull)
     for (long long level : {0LL, 2LL})
     {
         Vector const at(level == 0 ? 17 : 4, level == 0 ? 9 : 2, 0);
-        auto const response = client->Get(("/api/layers/0/values?x=" + std::to_string(at.x) + "&y=" +
-                                           std::to_string(at.y) + "&level=" + std::to_string(level))
+        auto const response = client->Get(("/api/layers/0/values?x=" + std::to_string(at.x) +
+                                           "&y=" + std::to_string(at.y) + "&level=" + std::to_string(level))
                                               .c_str());
         ASSERT_TRUE(response);
         ASSERT_EQ(200, response->status) << response->body;

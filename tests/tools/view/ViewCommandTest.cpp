@@ -30,9 +30,9 @@ class ViewCommandTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        directory = std::filesystem::temp_directory_path() /
-                    ("nuvek-view-command-" + std::to_string(::getpid()) + "-" +
-                     ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        directory =
+            std::filesystem::temp_directory_path() / ("nuvek-view-command-" + std::to_string(::getpid()) + "-" +
+                                                      ::testing::UnitTest::GetInstance()->current_test_info()->name());
         std::filesystem::create_directories(directory);
         input = (directory / "input.tif").string();
         Nuvek::MemoryImage image(Nuvek::Vector(64, 48, 1), 1, std::vector<double>(64 * 48, 7.0));
@@ -44,7 +44,8 @@ protected:
     Outcome view(std::string const& arguments) const
     {
         std::string const errors = (directory / "stderr.txt").string();
-        std::string const command = std::string(NUVEK_TOOL_PATH) + " view " + arguments + " 2> " + errors + " > /dev/null";
+        std::string const command =
+            std::string(NUVEK_TOOL_PATH) + " view " + arguments + " 2> " + errors + " > /dev/null";
         int const status = std::system(command.c_str());
         std::ifstream stream(errors);
         std::stringstream text;

@@ -93,11 +93,12 @@ TEST(ViewLoadTest, ManyConcurrentTileRequestsAllSucceedWithinTheCacheBound)
     ASSERT_FALSE(all.empty());
     auto percentile = [&](double fraction) { return all[static_cast<std::size_t>(fraction * double(all.size() - 1))]; };
     NuvekTool::TileCache::Statistics const statistics = view.server().getCacheStatistics();
-    std::printf("[ load     ] %zu requests from %d clients in %.2f s: %.1f requests/s; latency p50 %.1f ms, p90 %.1f ms, "
-                "p99 %.1f ms, max %.1f ms; %lld tiles computed, %lld cache hits; memory grew %.1f MiB (cache bound %.1f MiB)\n",
-                all.size(), clients, seconds, double(all.size()) / seconds, percentile(0.5), percentile(0.9),
-                percentile(0.99), all.back(), view.server().getTilesComputed(), statistics.hits,
-                double(memoryPeak.load() - memoryBefore) / double(1 << 20), double(settings.cacheBytes) / double(1 << 20));
+    std::printf(
+        "[ load     ] %zu requests from %d clients in %.2f s: %.1f requests/s; latency p50 %.1f ms, p90 %.1f ms, "
+        "p99 %.1f ms, max %.1f ms; %lld tiles computed, %lld cache hits; memory grew %.1f MiB (cache bound %.1f MiB)\n",
+        all.size(), clients, seconds, double(all.size()) / seconds, percentile(0.5), percentile(0.9), percentile(0.99),
+        all.back(), view.server().getTilesComputed(), statistics.hits,
+        double(memoryPeak.load() - memoryBefore) / double(1 << 20), double(settings.cacheBytes) / double(1 << 20));
 
     EXPECT_EQ(0, failures.load());
     EXPECT_EQ(static_cast<std::size_t>(clients * requestsPerClient), all.size()) << "the deadline cut the run short";

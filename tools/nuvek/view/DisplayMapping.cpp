@@ -16,9 +16,9 @@ struct Stop
 
 // Colour maps as stops interpolated linearly in RGB.
 Stop const heatStops[] = {{0.0, 0, 0, 0}, {1.0 / 3.0, 255, 0, 0}, {2.0 / 3.0, 255, 255, 0}, {1.0, 255, 255, 255}};
-Stop const viridisStops[] = {{0.0, 68, 1, 84},       {0.125, 71, 44, 122},  {0.25, 59, 81, 139},
-                             {0.375, 44, 113, 142},  {0.5, 33, 144, 141},   {0.625, 39, 173, 129},
-                             {0.75, 92, 200, 99},    {0.875, 170, 220, 50}, {1.0, 253, 231, 37}};
+Stop const viridisStops[] = {{0.0, 68, 1, 84},      {0.125, 71, 44, 122},  {0.25, 59, 81, 139},
+                             {0.375, 44, 113, 142}, {0.5, 33, 144, 141},   {0.625, 39, 173, 129},
+                             {0.75, 92, 200, 99},   {0.875, 170, 220, 50}, {1.0, 253, 231, 37}};
 
 template <std::size_t N>
 std::array<unsigned char, 3> interpolate(Stop const (&stops)[N], unsigned char byte)
@@ -64,8 +64,9 @@ void DisplayMapping::apply(double const* values, long long voxels, long long cha
         for (long long i = 0; i < voxels; ++i)
         {
             unsigned char const byte = toByte(plane[i]);
-            std::array<unsigned char, 3> const colour =
-                colourMap == ColourMap::Grey ? std::array<unsigned char, 3>{byte, byte, byte} : colourOf(colourMap, byte);
+            std::array<unsigned char, 3> const colour = colourMap == ColourMap::Grey
+                                                            ? std::array<unsigned char, 3>{byte, byte, byte}
+                                                            : colourOf(colourMap, byte);
             rgba[4 * i] = colour[0];
             rgba[4 * i + 1] = colour[1];
             rgba[4 * i + 2] = colour[2];

@@ -44,7 +44,7 @@ private:
 
     mutable std::mutex mutex;
     std::size_t capacity;
-    std::list<Entry> order;   // most recently used first
+    std::list<Entry> order; // most recently used first
     std::unordered_map<std::string, std::list<Entry>::iterator> index;
     Statistics statistics;
 };

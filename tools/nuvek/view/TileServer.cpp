@@ -66,8 +66,7 @@ struct RequestError
     std::string message;
 };
 
-long long integerParameter(httplib::Request const& request, std::string const& name, long long fallback,
-                           bool required)
+long long integerParameter(httplib::Request const& request, std::string const& name, long long fallback, bool required)
 {
     if (!request.has_param(name))
     {
@@ -216,9 +215,10 @@ struct TileServer::Internals
     std::string infoJson()
     {
         Nuvek::Vector const voxel = source.getVoxelSize(0);
-        std::string json = "{\"title\":" + jsonString(settings.title) + ",\"tileSize\":" +
-                           std::to_string(settings.tileSize) + ",\"voxelSize\":[" + std::to_string(voxel.x) + "," +
-                           std::to_string(voxel.y) + "," + std::to_string(voxel.z) + "],\"layers\":[";
+        std::string json = "{\"title\":" + jsonString(settings.title) +
+                           ",\"tileSize\":" + std::to_string(settings.tileSize) + ",\"voxelSize\":[" +
+                           std::to_string(voxel.x) + "," + std::to_string(voxel.y) + "," + std::to_string(voxel.z) +
+                           "],\"layers\":[";
         std::lock_guard<std::mutex> lock(layersMutex);
         bool first = true;
         for (auto const& [id, layer] : layers)
@@ -252,7 +252,8 @@ struct TileServer::Internals
                 }
             },
             [promise] {
-                promise->set_value(textReply(503, "dropped: newer requests superseded this one; nothing was computed."));
+                promise->set_value(
+                    textReply(503, "dropped: newer requests superseded this one; nothing was computed."));
             });
         return reply.get();
     }
@@ -310,16 +311,15 @@ struct TileServer::Internals
                                         " x " + std::to_string(tilesY) + " tiles)."};
         long long const z = sliceFor(request, extent);
         DisplayMapping const mapping = mappingFor(request, *layer);
-        Nuvek::Box const box(Nuvek::Vector(tileX * size, tileY * size, z),
-                             Nuvek::Vector(std::min(extent.x, (tileX + 1) * size) - 1,
-                                           std::min(extent.y, (tileY + 1) * size) - 1, z));
+        Nuvek::Box const box(
+            Nuvek::Vector(tileX * size, tileY * size, z),
+            Nuvek::Vector(std::min(extent.x, (tileX + 1) * size) - 1, std::min(extent.y, (tileY + 1) * size) - 1, z));
 
-        std::string const key = layer->getExpression() + "\n" + std::to_string(level) + ":" +
-                                std::to_string(box.min.x) + "," + std::to_string(box.min.y) + "," +
-                                std::to_string(box.min.z) + "-" + std::to_string(box.max.x) + "," +
-                                std::to_string(box.max.y) + "," + std::to_string(box.max.z) + ":" +
-                                std::to_string(layer->getHash()) + ":" + TileEncoder::contentType(format) + ":" +
-                                mapping.describe();
+        std::string const key =
+            layer->getExpression() + "\n" + std::to_string(level) + ":" + std::to_string(box.min.x) + "," +
+            std::to_string(box.min.y) + "," + std::to_string(box.min.z) + "-" + std::to_string(box.max.x) + "," +
+            std::to_string(box.max.y) + "," + std::to_string(box.max.z) + ":" + std::to_string(layer->getHash()) + ":" +
+            TileEncoder::contentType(format) + ":" + mapping.describe();
         if (std::shared_ptr<std::string const> const cached = cache.find(key))
             return Reply{200, TileEncoder::contentType(format), cached};
 
@@ -413,8 +413,8 @@ struct TileServer::Internals
         http.Post("/api/layers", [this](httplib::Request const& request, httplib::Response& response) {
             answer(response, [&] {
                 if (request.body.size() > maxExpressionLength)
-                    throw RequestError{413, "a chain expression may be at most " +
-                                                std::to_string(maxExpressionLength) + " characters long."};
+                    throw RequestError{413, "a chain expression may be at most " + std::to_string(maxExpressionLength) +
+                                                " characters long."};
                 int const id = addLayerFromRequest(request.body);
                 std::shared_ptr<ViewLayer> const layer = layerFor(std::to_string(id));
                 return Reply{201, "application/json", std::make_shared<std::string const>(layerJson(id, *layer))};
@@ -424,20 +424,21 @@ struct TileServer::Internals
                  [this](httplib::Request const& request, httplib::Response& response) {
                      answer(response, [&] { return tile(request); });
                  });
-        http.Get(R"(/api/layers/(\d{1,6})/values)", [this](httplib::Request const& request, httplib::Response& response) {
-            answer(response, [&] { return values(request); });
-        });
+        http.Get(R"(/api/layers/(\d{1,6})/values)",
+                 [this](httplib::Request const& request, httplib::Response& response) {
+                     answer(response, [&] { return values(request); });
+                 });
         // Anything else, and errors the library itself answers (oversized requests), get a message.
-        http.set_error_handler(httplib::Server::HandlerWithResponse(
-            [](httplib::Request const& request, httplib::Response& response) {
-            if (!response.body.empty())
-                return httplib::Server::HandlerResponse::Unhandled;
-            std::string const message = response.status == 404 ? "not found: " + request.path
-                                                               : "request refused (HTTP " +
-                                                                     std::to_string(response.status) + ")";
-            response.set_content(message + "\n", "text/plain; charset=utf-8");
-            return httplib::Server::HandlerResponse::Handled;
-        }));
+        http.set_error_handler(
+            httplib::Server::HandlerWithResponse([](httplib::Request const& request, httplib::Response& response) {
+                if (!response.body.empty())
+                    return httplib::Server::HandlerResponse::Unhandled;
+                std::string const message = response.status == 404
+                                                ? "not found: " + request.path
+                                                : "request refused (HTTP " + std::to_string(response.status) + ")";
+                response.set_content(message + "\n", "text/plain; charset=utf-8");
+                return httplib::Server::HandlerResponse::Handled;
+            }));
         http.set_exception_handler([](httplib::Request const&, httplib::Response& response, std::exception_ptr error) {
             std::string message = "internal error";
             try
@@ -488,7 +489,9 @@ TileServer::TileServer(Nuvek::Image& source, ViewAssets assets, TileServerSettin
     : internals(std::make_unique<Internals>(source, std::move(assets), settings))
 {
     int const connections = std::max(8, 2 * settings.threads + 4);
-    internals->http.new_task_queue = [connections] { return new httplib::ThreadPool(static_cast<std::size_t>(connections)); };
+    internals->http.new_task_queue = [connections] {
+        return new httplib::ThreadPool(static_cast<std::size_t>(connections));
+    };
     internals->http.set_payload_max_length(64 * 1024);
     internals->http.set_keep_alive_timeout(2);
     internals->http.set_keep_alive_max_count(1000);
@@ -510,8 +513,9 @@ int TileServer::addLayer(std::string const& expression)
 int TileServer::bind()
 {
     TileServerSettings const& settings = internals->settings;
-    int const port = settings.port == 0 ? internals->http.bind_to_any_port(settings.host)
-                                        : (internals->http.bind_to_port(settings.host, settings.port) ? settings.port : -1);
+    int const port = settings.port == 0
+                         ? internals->http.bind_to_any_port(settings.host)
+                         : (internals->http.bind_to_port(settings.host, settings.port) ? settings.port : -1);
     if (port < 0)
         throw std::runtime_error("cannot listen on " + settings.host + ":" + std::to_string(settings.port) +
                                  " (in use, or not an address of this machine); choose another with --port or --host.");

@@ -1,10 +1,10 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <chrono>
 #include <mutex>
 #include <thread>
 #include <vector>

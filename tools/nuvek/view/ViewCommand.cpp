@@ -153,7 +153,8 @@ int viewCommand(std::vector<std::string> const& arguments)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
     });
-    std::string const shownHost = settings.host.find(':') != std::string::npos ? "[" + settings.host + "]" : settings.host;
+    std::string const shownHost =
+        settings.host.find(':') != std::string::npos ? "[" + settings.host + "]" : settings.host;
     std::printf("nuvek view: %s with %zu chain layer%s at http://%s:%d/  (%d threads, cache %zu MiB; Ctrl-C stops)\n",
                 settings.title.c_str(), chains.size(), chains.size() == 1 ? "" : "s", shownHost.c_str(), port,
                 settings.threads, settings.cacheBytes >> 20);
