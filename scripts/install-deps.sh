@@ -8,7 +8,7 @@ packages=(
     libopencv-dev
     libtiff-dev libtiff-tools libopenslide-dev libdeflate-dev zlib1g-dev libpng-dev libxml2-dev libopenjp2-7-dev
     libjpeg-dev libzstd-dev libblosc-dev nlohmann-json3-dev
-    clang libclang-rt-14-dev
+    clang libclang-rt-14-dev clang-format
     pybind11-dev python3-dev python3-numpy python3-pytest python3-dask python3-distributed python3-zarr
     python3-tifffile python3-openslide
     libcpp-httplib-dev libturbojpeg0-dev chromium
