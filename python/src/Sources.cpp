@@ -107,6 +107,19 @@ auto namedOption(char const* function, std::string const& name, Parse parse)
     }
 }
 
+// A writer's progress callback that calls into Python: the writer runs without the interpreter lock,
+// so each call takes it. None (an empty function) stays empty.
+std::function<bool(long long, long long)>
+progressWithInterpreterLock(std::function<bool(long long, long long)> const& progress)
+{
+    if (!progress)
+        return {};
+    return [&progress](long long done, long long total) {
+        py::gil_scoped_acquire gil;
+        return progress(done, total);
+    };
+}
+
 // The setters of MemoryImage: each waits until no call reads the image.
 void addMemoryImageSetters(py::class_<GuardedMemoryImage, Image>& memoryImage)
 {
@@ -236,11 +249,7 @@ void bindWriter(py::module_& module)
             options.valueRange = valueRange;
             options.level = level;
             options.threads = threads;
-            if (progress)
-                options.progress = [&progress](long long done, long long total) {
-                    py::gil_scoped_acquire gil;
-                    return progress(done, total);
-                };
+            options.progress = progressWithInterpreterLock(progress);
             py::gil_scoped_release release;
             return Nuvek::writePyramidalTiff(image, path, options);
         },
@@ -271,11 +280,7 @@ resolution pages with their levels as SubIFDs and OME-XML naming the axes, chann
             options.valueRange = valueRange;
             options.level = level;
             options.threads = threads;
-            if (progress)
-                options.progress = [&progress](long long done, long long total) {
-                    py::gil_scoped_acquire gil;
-                    return progress(done, total);
-                };
+            options.progress = progressWithInterpreterLock(progress);
             py::gil_scoped_release release;
             return Nuvek::writeOmeZarr(image, path, options);
         },
