@@ -78,25 +78,24 @@ void storeRegionAs(TileLayout const& layout, double const* region, long long fir
             }
 }
 
-// Fills the tile with 2 x 2 means of the level above. children[j * 2 + i] is the decoded tile
-// (2 tx + i, 2 ty + j) of that level, or empty beyond its edge.
+// Fills the part of the tile that child (i, j) covers (i, j in 0..1), within width x height
+// voxels, with the 2 x 2 means of the child's samples.
 template <typename Sample>
-void averageChildrenAs(TileLayout const& layout, std::vector<unsigned char> const* children, long long width,
-                       long long height, unsigned char* tile)
+void averageQuarterAs(TileLayout const& layout, unsigned char const* child, long long i, long long j, long long width,
+                      long long height, unsigned char* tile)
 {
     long long const tileSize = layout.tileSize;
+    long long const half = tileSize / 2;
     long long const channels = layout.samples;
     double const maxStored = static_cast<double>(std::numeric_limits<Sample>::max());
-    std::memset(tile, 0, static_cast<std::size_t>(layout.tileBytes()));
-    for (long long y = 0; y < height; ++y)
+    long long const endX = std::min(width, (i + 1) * half);
+    long long const endY = std::min(height, (j + 1) * half);
+    for (long long y = j * half; y < endY; ++y)
     {
-        long long const childY = 2 * y / tileSize;
-        long long const sourceY = 2 * y % tileSize;
-        for (long long x = 0; x < width; ++x)
+        long long const sourceY = 2 * y - j * tileSize;
+        for (long long x = i * half; x < endX; ++x)
         {
-            long long const childX = 2 * x / tileSize;
-            long long const sourceX = 2 * x % tileSize;
-            unsigned char const* child = children[childY * 2 + childX].data();
+            long long const sourceX = 2 * x - i * tileSize;
             for (long long c = 0; c < channels; ++c)
             {
                 long long const topLeft = (sourceY * tileSize + sourceX) * channels + c;
@@ -167,21 +166,31 @@ void storeRegion(TileLayout const& layout, double const* region, long long first
     }
 }
 
-void averageChildren(TileLayout const& layout, std::vector<unsigned char> const* children, long long width,
-                     long long height, unsigned char* tile)
+void averageQuarter(TileLayout const& layout, unsigned char const* child, long long i, long long j, long long width,
+                    long long height, unsigned char* tile)
 {
     switch (layout.type)
     {
     case TiffSampleType::UInt8:
-        averageChildrenAs<std::uint8_t>(layout, children, width, height, tile);
+        averageQuarterAs<std::uint8_t>(layout, child, i, j, width, height, tile);
         break;
     case TiffSampleType::UInt16:
-        averageChildrenAs<std::uint16_t>(layout, children, width, height, tile);
+        averageQuarterAs<std::uint16_t>(layout, child, i, j, width, height, tile);
         break;
     case TiffSampleType::Float32:
-        averageChildrenAs<float>(layout, children, width, height, tile);
+        averageQuarterAs<float>(layout, child, i, j, width, height, tile);
         break;
     }
+}
+
+void averageChildren(TileLayout const& layout, std::vector<unsigned char> const* children, long long width,
+                     long long height, unsigned char* tile)
+{
+    std::memset(tile, 0, static_cast<std::size_t>(layout.tileBytes()));
+    for (long long j = 0; j < 2; ++j)
+        for (long long i = 0; i < 2; ++i)
+            if (!children[j * 2 + i].empty())
+                averageQuarter(layout, children[j * 2 + i].data(), i, j, width, height, tile);
 }
 
 } // namespace Nuvek

@@ -50,6 +50,12 @@ void storeRegion(TileLayout const& layout, double const* region, long long first
 void averageChildren(TileLayout const& layout, std::vector<unsigned char> const* children, long long width,
                      long long height, unsigned char* tile);
 
+/// Fills the voxels of the tile that child (i, j) of the level above covers (i, j in 0..1; x in
+/// i * tileSize / 2 up to width, y likewise) with their 2 x 2 means, as averageChildren does, so
+/// that a tile can be made from its children one at a time as they come.
+void averageQuarter(TileLayout const& layout, unsigned char const* child, long long i, long long j, long long width,
+                    long long height, unsigned char* tile);
+
 /// Adds the counts of part to total.
 void addStatistics(SampleStatistics& total, SampleStatistics const& part);
 
