@@ -1,5 +1,5 @@
-#include "io/internal/CoarseLevels.h"
 #include "io/internal/TileSamples.h"
+#include "io/internal/CoarseLevels.h"
 
 #include <gtest/gtest.h>
 
@@ -34,8 +34,15 @@ std::vector<double> awkwardValues(std::mt19937_64& random, ValueRange<double> co
                                   std::size_t count)
 {
     double const infinity = std::numeric_limits<double>::infinity();
-    std::vector<double> special = {std::nan(""), infinity, -infinity, 0.0, -0.0, range.min, range.max,
-                                   std::numeric_limits<double>::max(), -std::numeric_limits<double>::max(),
+    std::vector<double> special = {std::nan(""),
+                                   infinity,
+                                   -infinity,
+                                   0.0,
+                                   -0.0,
+                                   range.min,
+                                   range.max,
+                                   std::numeric_limits<double>::max(),
+                                   -std::numeric_limits<double>::max(),
                                    std::numeric_limits<double>::denorm_min()};
     std::uniform_real_distribution<double> uniform(range.min - (range.max - range.min) * 0.1,
                                                    range.max + (range.max - range.min) * 0.1);
@@ -75,14 +82,11 @@ TEST(TileSamples, RowConversionStoresThePlainLoopsBitsAndStatistics)
 {
     double const huge = std::numeric_limits<double>::max();
     // Widths below, at and off the four lanes; a range whose span overflows takes the plain loop.
-    std::vector<StoreCase> const cases = {{TiffSampleType::UInt8, 1, 1, 3, {0.0, 255.0}},
-                                          {TiffSampleType::UInt8, 1, 29, 6, {0.0, 255.0}},
-                                          {TiffSampleType::UInt8, 3, 37, 11, {0.0, 1.0}},
-                                          {TiffSampleType::UInt8, 2, 64, 7, {-3.5, 17.25}},
-                                          {TiffSampleType::UInt16, 1, 30, 9, {0.0, 65535.0}},
-                                          {TiffSampleType::UInt16, 3, 7, 5, {-1e-3, 2e-3}},
-                                          {TiffSampleType::UInt16, 4, 61, 13, {-1e6, 1e9}},
-                                          {TiffSampleType::UInt8, 1, 33, 3, {-huge, huge}}};
+    std::vector<StoreCase> const cases = {
+        {TiffSampleType::UInt8, 1, 1, 3, {0.0, 255.0}},     {TiffSampleType::UInt8, 1, 29, 6, {0.0, 255.0}},
+        {TiffSampleType::UInt8, 3, 37, 11, {0.0, 1.0}},     {TiffSampleType::UInt8, 2, 64, 7, {-3.5, 17.25}},
+        {TiffSampleType::UInt16, 1, 30, 9, {0.0, 65535.0}}, {TiffSampleType::UInt16, 3, 7, 5, {-1e-3, 2e-3}},
+        {TiffSampleType::UInt16, 4, 61, 13, {-1e6, 1e9}},   {TiffSampleType::UInt8, 1, 33, 3, {-huge, huge}}};
     std::mt19937_64 random(91);
     for (StoreCase const& c : cases)
     {
@@ -93,8 +97,8 @@ TEST(TileSamples, RowConversionStoresThePlainLoopsBitsAndStatistics)
         // One channel more before the stored ones: firstChannel 1.
         layout.ranges.assign(static_cast<std::size_t>(c.channels + 1), c.range);
         double const top = c.type == TiffSampleType::UInt8 ? 255.0 : 65535.0;
-        std::vector<double> region = awkwardValues(random, c.range, top,
-                                                   static_cast<std::size_t>((c.channels + 1) * c.width * c.height));
+        std::vector<double> region =
+            awkwardValues(random, c.range, top, static_cast<std::size_t>((c.channels + 1) * c.width * c.height));
         std::vector<unsigned char> fast(static_cast<std::size_t>(layout.tileBytes()), 0xAA);
         std::vector<unsigned char> plain(fast.size(), 0x55);
         // Statistics carried over from earlier tiles, and fresh ones.
@@ -106,8 +110,8 @@ TEST(TileSamples, RowConversionStoresThePlainLoopsBitsAndStatistics)
                 fastStatistics = plainStatistics = SampleStatistics{5, 2, 3.0, 4.0};
             Nuvek::storeRegion(layout, region.data(), 1, c.width, c.height, fast.data(), fastStatistics);
             Nuvek::storeRegion(layout, region.data(), 1, c.width, c.height, plain.data(), plainStatistics, true);
-            SCOPED_TRACE("channels " + std::to_string(c.channels) + ", width " + std::to_string(c.width) +
-                         ", range " + std::to_string(c.range.min) + " " + std::to_string(c.range.max));
+            SCOPED_TRACE("channels " + std::to_string(c.channels) + ", width " + std::to_string(c.width) + ", range " +
+                         std::to_string(c.range.min) + " " + std::to_string(c.range.max));
             for (std::size_t i = 0; i < fast.size(); ++i)
                 ASSERT_EQ(fast[i], plain[i]) << "byte " << i;
             EXPECT_EQ(fastStatistics.samples, plainStatistics.samples);
@@ -182,8 +186,8 @@ TEST(TileSamples, CoarseLevelsMatchTheMeansOfTheStoredLevelAbove)
                         // Float samples: finite values only, NaN bits would compare unequal.
                         if (type == TiffSampleType::Float32 && b % 4 == 3)
                             byte &= 0x3f;
-                        tiles[static_cast<std::size_t>(p * layout.tileBytes() +
-                                                       y * 16 * layout.samples * sampleBytes + b)] = byte;
+                        tiles[static_cast<std::size_t>(p * layout.tileBytes() + y * 16 * layout.samples * sampleBytes +
+                                                       b)] = byte;
                     }
             expected[0].push_back(tiles);
         }
@@ -209,8 +213,8 @@ TEST(TileSamples, CoarseLevelsMatchTheMeansOfTheStoredLevelAbove)
                             if (childX >= above.tilesX || childY >= above.tilesY)
                                 continue;
                             auto const& child =
-                                expected[level - 1][static_cast<std::size_t>((z * above.tilesY + childY) * above.tilesX +
-                                                                             childX)];
+                                expected[level - 1]
+                                        [static_cast<std::size_t>((z * above.tilesY + childY) * above.tilesX + childX)];
                             children[j * 2 + i].assign(child.begin() + p * layout.tileBytes(),
                                                        child.begin() + (p + 1) * layout.tileBytes());
                         }
