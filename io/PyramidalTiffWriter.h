@@ -107,8 +107,8 @@ struct PyramidalTiffOptions
 /// samples to the tile above it in the next level, which is compressed as soon as its last part
 /// has come, and so on up the levels; the calling thread writes finished tiles in order, and
 /// workers wait while more than two tiles per worker are finished but not yet written. The
-/// unfinished coarser tiles take about a quarter of a row of level-0 tiles' samples (a half row of
-/// level 1, a quarter row of level 2, ...), plus a few per worker. The coarser levels' compressed
+/// unfinished coarser tiles take at most about one row of level-0 tiles' bytes (a row of level 1
+/// has half as many tiles, a row of level 2 a quarter, ...), plus a few per worker. The coarser levels' compressed
 /// tiles wait in a file beside path, removed as soon as it is created, until their level is
 /// written. With JPEG, whose stored samples differ from those it was given, each coarser level is
 /// made from the level before it read back from the file instead. The image's openRegion therefore runs on several threads at once. Unlike

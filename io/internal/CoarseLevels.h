@@ -20,10 +20,10 @@ namespace Nuvek {
 /// it goes to the `finished` function given with the call that completed it, and then on to
 /// level L + 2 the same way.
 ///
-/// Only unfinished positions are held. With positions added in row-major order, that is about half
-/// a row of tiles of level 1, a quarter row of level 2 and so on, plus one position per level for
-/// each one still being computed out of order: the memory grows with the image's width, not its
-/// height. add() may run on several threads at once; `finished` runs on the calling thread without
+/// Only unfinished positions are held. With positions added in row-major order, that is at most
+/// one row of level 1 (half as many tiles as a row of level 0), one of level 2 (a quarter) and so
+/// on, plus a few for positions computed out of order: the memory grows with the image's width,
+/// not its height. add() may run on several threads at once; `finished` runs on the calling thread without
 /// any lock held.
 class CoarseLevels
 {
