@@ -1,5 +1,6 @@
 #include <nuvek/io/OmeZarrWriter.h>
 
+#include "io/internal/CoarseLevels.h"
 #include "io/internal/OrderedWork.h"
 #include "io/internal/TileEncoder.h"
 #include "io/internal/TileSamples.h"
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -62,7 +64,8 @@ struct Worker
     TileEncoder encoder;
     SampleStatistics statistics;
     std::vector<double> region;
-    std::vector<unsigned char> tile;
+    // The stored chunks of every channel at one position, back to back.
+    std::vector<unsigned char> tiles;
     std::vector<unsigned char> chunk;
     std::vector<unsigned char> stored;
     std::vector<unsigned char> children[4];
@@ -85,6 +88,16 @@ void appendChunk(std::vector<unsigned char>& encoded, std::vector<unsigned char>
     encoded.insert(encoded.end(), chunk.begin(), chunk.end());
 }
 
+void writeBytes(std::filesystem::path const& path, unsigned char const* data, std::size_t size)
+{
+    std::FILE* file = std::fopen(path.c_str(), "wb");
+    if (file == nullptr)
+        fail("cannot write " + path.string() + " (" + std::strerror(errno) + ")");
+    bool const written = std::fwrite(data, 1, size, file) == size;
+    if (std::fclose(file) != 0 || !written)
+        fail("cannot write " + path.string());
+}
+
 class ChunkComputer
 {
 public:
@@ -93,81 +106,72 @@ public:
     {
     }
 
-    // Computes and compresses the chunks of every channel at position `index` of a level into
-    // `encoded`, each as its 8-byte size followed by its bytes.
-    void compute(Worker& worker, long long level, long long index, std::vector<unsigned char>& encoded)
+    // Computes and compresses the chunks of every channel at position `index` of level 0 into
+    // `encoded`, each as its 8-byte size followed by its bytes, and adds them to the coarser levels.
+    void compute(Worker& worker, long long index, std::vector<unsigned char>& encoded)
     {
-        PyramidLevel const& shape = plan.levels[static_cast<std::size_t>(level)];
+        PyramidLevel const& shape = plan.levels.front();
         long long const tileX = index % shape.tilesX;
         long long const tileY = index / shape.tilesX % shape.tilesY;
         long long const z = index / (shape.tilesX * shape.tilesY);
         long long const width = std::min(plan.tileSize(), shape.width - tileX * plan.tileSize());
         long long const height = std::min(plan.tileSize(), shape.height - tileY * plan.tileSize());
-        worker.tile.resize(static_cast<std::size_t>(plan.layout.tileBytes()));
+        long long const tileBytes = plan.layout.tileBytes();
+        worker.tiles.resize(static_cast<std::size_t>(tileBytes * plan.channels));
         encoded.clear();
-        if (level == 0)
-        {
-            Vector const min(tileX * plan.tileSize(), tileY * plan.tileSize(), z);
-            Box const box(min, min + Vector(width - 1, height - 1, 0));
-            worker.region.assign(static_cast<std::size_t>(box.getSize() * plan.channels), 0.0);
-            image.openRegion(worker.region.data(), plan.sourceLevel, box);
-        }
+        Vector const min(tileX * plan.tileSize(), tileY * plan.tileSize(), z);
+        Box const box(min, min + Vector(width - 1, height - 1, 0));
+        worker.region.assign(static_cast<std::size_t>(box.getSize() * plan.channels), 0.0);
+        image.openRegion(worker.region.data(), plan.sourceLevel, box);
         for (long long c = 0; c < plan.channels; ++c)
         {
-            if (level == 0)
-                storeRegion(plan.layout, worker.region.data(), c, width, height, worker.tile.data(), worker.statistics);
-            else
-                averageLevelAbove(worker, level, c, z, tileX, tileY, width, height);
-            try
-            {
-                worker.encoder.encode(worker.tile.data(), worker.tile.size(), worker.chunk);
-            }
-            catch (std::runtime_error const& error)
-            {
-                fail(error.what());
-            }
+            unsigned char* tile = worker.tiles.data() + c * tileBytes;
+            storeRegion(plan.layout, worker.region.data(), c, width, height, tile, worker.statistics);
+            encode(worker, tile);
             appendChunk(encoded, worker.chunk);
+        }
+        coarse.add(0, index, worker.tiles.data(), [&](long long level, long long position, unsigned char const* tiles) {
+            writeCoarse(worker, level, position, tiles);
+        });
+    }
+
+    long long coarseChunksWritten() const { return coarseWritten.load(); }
+
+private:
+    void encode(Worker& worker, unsigned char const* tile)
+    {
+        try
+        {
+            worker.encoder.encode(tile, static_cast<std::size_t>(plan.layout.tileBytes()), worker.chunk);
+        }
+        catch (std::runtime_error const& error)
+        {
+            fail(error.what());
+        }
+    }
+
+    // Compresses and writes the chunks of a finished position of a coarser level; their folders
+    // were made before the run.
+    void writeCoarse(Worker& worker, long long level, long long index, unsigned char const* tiles)
+    {
+        PyramidLevel const& shape = plan.levels[static_cast<std::size_t>(level)];
+        long long const tileX = index % shape.tilesX;
+        long long const tileY = index / shape.tilesX % shape.tilesY;
+        long long const z = index / (shape.tilesX * shape.tilesY);
+        for (long long c = 0; c < plan.channels; ++c)
+        {
+            encode(worker, tiles + c * plan.layout.tileBytes());
+            writeBytes(chunkPath(group, level, c, z, tileY, tileX), worker.chunk.data(), worker.chunk.size());
+            ++coarseWritten;
         }
     }
 
 private:
-    void averageLevelAbove(Worker& worker, long long level, long long c, long long z, long long tileX, long long tileY,
-                           long long width, long long height)
-    {
-        PyramidLevel const& above = plan.levels[static_cast<std::size_t>(level - 1)];
-        for (long long j = 0; j < 2; ++j)
-            for (long long i = 0; i < 2; ++i)
-            {
-                std::vector<unsigned char>& child = worker.children[j * 2 + i];
-                long long const childX = 2 * tileX + i;
-                long long const childY = 2 * tileY + j;
-                if (childX >= above.tilesX || childY >= above.tilesY)
-                {
-                    child.clear();
-                    continue;
-                }
-                // The level above was finished before this level started.
-                std::filesystem::path const path = chunkPath(group, level - 1, c, z, childY, childX);
-                std::ifstream stream(path, std::ios::binary);
-                worker.stored.assign(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
-                if (!stream.good() && !stream.eof())
-                    fail("cannot read back " + path.string());
-                try
-                {
-                    decodeZarrChunk(plan.codecId(), worker.stored, static_cast<std::size_t>(plan.layout.tileBytes()),
-                                    child);
-                }
-                catch (std::runtime_error const& error)
-                {
-                    fail("cannot read back " + path.string() + ": " + error.what());
-                }
-            }
-        averageChildren(plan.layout, worker.children, width, height, worker.tile.data());
-    }
-
     Plan const& plan;
     Image& image;
     std::filesystem::path group;
+    CoarseLevels coarse{plan.layout, plan.levels, plan.channels};
+    std::atomic<long long> coarseWritten{0};
 };
 
 // Removes the temporary folder unless the write succeeded and renamed it.
@@ -203,16 +207,6 @@ void writeText(std::filesystem::path const& path, std::string const& text)
     stream << text;
     stream.close();
     if (!stream)
-        fail("cannot write " + path.string());
-}
-
-void writeBytes(std::filesystem::path const& path, unsigned char const* data, std::size_t size)
-{
-    std::FILE* file = std::fopen(path.c_str(), "wb");
-    if (file == nullptr)
-        fail("cannot write " + path.string() + " (" + std::strerror(errno) + ")");
-    bool const written = std::fwrite(data, 1, size, file) == size;
-    if (std::fclose(file) != 0 || !written)
         fail("cannot write " + path.string());
 }
 
@@ -395,41 +389,48 @@ bool writeOmeZarr(Image& image, std::string const& path, OmeZarrOptions const& o
         workers.emplace_back(makeEncoder(plan));
     ChunkComputer computer(plan, image, group);
 
-    long long done = 0;
+    // The chunks of the coarser levels are written as soon as the level-0 chunks they are made of
+    // are stored, so every level's folders are made first.
     for (long long level = 0; level < static_cast<long long>(plan.levels.size()); ++level)
     {
         std::filesystem::create_directories(group / std::to_string(level));
         writeText(group / std::to_string(level) / ".zarray", arrayMetadata(plan, level));
         PyramidLevel const& shape = plan.levels[static_cast<std::size_t>(level)];
-        auto compute = [&, level](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
-            computer.compute(worker, level, index, encoded);
-        };
-        auto consume = [&](long long index, std::vector<unsigned char>& bytes) {
-            long long const tileX = index % shape.tilesX;
-            long long const tileY = index / shape.tilesX % shape.tilesY;
-            long long const z = index / (shape.tilesX * shape.tilesY);
-            std::size_t offset = 0;
-            for (long long c = 0; c < plan.channels; ++c)
-            {
-                std::filesystem::path const target = chunkPath(group, level, c, z, tileY, tileX);
-                if (tileX == 0)
+        for (long long c = 0; c < plan.channels; ++c)
+            for (long long z = 0; z < plan.depth; ++z)
+                for (long long y = 0; y < shape.tilesY; ++y)
                 {
+                    std::filesystem::path const folder = chunkPath(group, level, c, z, y, 0).parent_path();
                     std::error_code error;
-                    std::filesystem::create_directories(target.parent_path(), error);
+                    std::filesystem::create_directories(folder, error);
                     if (error)
-                        fail("cannot create " + target.parent_path().string() + " (" + error.message() + ")");
+                        fail("cannot create " + folder.string() + " (" + error.message() + ")");
                 }
-                std::uint64_t size = 0;
-                std::memcpy(&size, bytes.data() + offset, 8);
-                writeBytes(target, bytes.data() + offset + 8, static_cast<std::size_t>(size));
-                offset += 8 + static_cast<std::size_t>(size);
-            }
-            done += plan.channels;
-            return !options.progress || options.progress(done, totalChunks);
-        };
-        if (!runInOrder(plan.positions(level), workers, 2 * threads, compute, consume))
-            return false;
     }
+
+    long long done = 0;
+    PyramidLevel const& shape = plan.levels.front();
+    auto compute = [&](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
+        computer.compute(worker, index, encoded);
+    };
+    auto consume = [&](long long index, std::vector<unsigned char>& bytes) {
+        long long const tileX = index % shape.tilesX;
+        long long const tileY = index / shape.tilesX % shape.tilesY;
+        long long const z = index / (shape.tilesX * shape.tilesY);
+        std::size_t offset = 0;
+        for (long long c = 0; c < plan.channels; ++c)
+        {
+            std::uint64_t size = 0;
+            std::memcpy(&size, bytes.data() + offset, 8);
+            writeBytes(chunkPath(group, 0, c, z, tileY, tileX), bytes.data() + offset + 8,
+                       static_cast<std::size_t>(size));
+            offset += 8 + static_cast<std::size_t>(size);
+        }
+        done += plan.channels;
+        return !options.progress || options.progress(done + computer.coarseChunksWritten(), totalChunks);
+    };
+    if (!runInOrder(plan.positions(0), workers, 2 * threads, compute, consume))
+        return false;
     if (options.statistics != nullptr)
     {
         *options.statistics = SampleStatistics();

@@ -56,10 +56,10 @@ struct OmeZarrOptions
 /// (getChannelName, or "Channel c" for an empty name) with the value range as their window, which
 /// ZarrImage reads back.
 ///
-/// Work and memory are as in writePyramidalTiff: a worker computes the chunks of one (z, y, x)
-/// position for all channels at once (one openRegion call on the image for level 0; the four
-/// chunks of the level above, read back, for coarser levels) and compresses them; the calling thread
-/// writes them. The group is written into a temporary folder beside path ("<path>.partial-" and
+/// Work and memory are as in writePyramidalTiff: a worker computes the level-0 chunks of one
+/// (z, y, x) position for all channels at once (one openRegion call on the image) and compresses
+/// them; the calling thread writes them. The coarser levels' chunks are made from the stored
+/// samples of the level below as they come and written by the worker that completes them. The group is written into a temporary folder beside path ("<path>.partial-" and
 /// six characters) and renamed to path only when complete; an existing path (file or folder) is
 /// then replaced. An exception or a cancellation removes the temporary folder and leaves path
 /// untouched. Returns true when written, false when cancelled. Problems are std::runtime_errors

@@ -3,9 +3,11 @@
 #include "io/internal/TiffHandle.h"
 #include "io/internal/TileEncoder.h"
 
+#include "io/internal/CoarseLevels.h"
 #include "io/internal/OmeXml.h"
 #include "io/internal/OrderedWork.h"
 #include "io/internal/TileSamples.h"
+#include "io/internal/TileSpool.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -78,6 +80,7 @@ struct Worker
     SampleStatistics statistics;
     std::vector<double> region;
     std::vector<unsigned char> tile;
+    std::vector<unsigned char> coarseTile;
     std::vector<unsigned char> children[4];
     std::unique_ptr<TiffHandle> reader;
     long long readerDirectory = -1;
@@ -104,9 +107,15 @@ public:
             computeFromImage(worker, page, tileX, tileY, width, height);
         else
             computeFromLevelAbove(worker, page, level, tileX, tileY, width, height);
+        encode(worker, worker.tile.data(), encoded);
+    }
+
+    // Compresses one stored tile.
+    void encode(Worker& worker, unsigned char const* tile, std::vector<unsigned char>& encoded)
+    {
         try
         {
-            worker.encoder.encode(worker.tile.data(), worker.tile.size(), encoded);
+            worker.encoder.encode(tile, static_cast<std::size_t>(plan.tileBytes()), encoded);
         }
         catch (std::runtime_error const& error)
         {
@@ -128,6 +137,8 @@ private:
                     worker.statistics);
     }
 
+    // Reads back and decodes the four tiles of the level above: what a lossy compression stored
+    // differs from the values it was given, and the coarser level is made of what was stored.
     void computeFromLevelAbove(Worker& worker, long long page, long long level, long long tileX, long long tileY,
                                long long width, long long height)
     {
@@ -429,21 +440,38 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
         workers.emplace_back(makeEncoder(plan, options));
     TileComputer computer(plan, image, temporary.path);
 
+    // The coarser levels are made from the finer level's stored values as its tiles are computed,
+    // and wait compressed in a spool file until their level is written. JPEG stores other values
+    // than it was given, so with JPEG every level is made by decoding the level written before it.
+    bool const fromMemory = plan.compression != TiffCompression::JPEG && plan.levels.size() > 1;
+    std::unique_ptr<TileSpool> spool;
+    if (fromMemory)
+    {
+        std::vector<long long> tiles;
+        for (LevelShape const& shape : plan.levels)
+            tiles.push_back(shape.tilesX * shape.tilesY);
+        spool = std::make_unique<TileSpool>(path, tiles, context);
+    }
+
     std::string const description = plan.ome ? omeXml(omeDescriptionOf(image, plan, path)) : std::string();
     long long done = 0;
+    std::vector<unsigned char> spooled;
     for (long long page = 0; page < plan.pages(); ++page)
     {
         long long const z = page / plan.pagesPerSlice;
         std::string const sliceName = image.getSliceName(z);
+        std::unique_ptr<CoarseLevels> coarse;
+        if (fromMemory)
+        {
+            spool->clear();
+            coarse = std::make_unique<CoarseLevels>(plan.layout, plan.levels, 1);
+        }
         for (long long level = 0; level < static_cast<long long>(plan.levels.size()); ++level)
         {
             describePage(tiff, plan, z, level, sliceName);
             if (page == 0 && level == 0 && plan.ome)
                 TIFFSetField(tiff, TIFFTAG_IMAGEDESCRIPTION, description.c_str());
             LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
-            auto compute = [&, page, level](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
-                computer.compute(worker, page, level, index, encoded);
-            };
             auto consume = [&](long long index, std::vector<unsigned char>& bytes) {
                 if (TIFFWriteRawTile(tiff, static_cast<ttile_t>(index), bytes.data(),
                                      static_cast<tmsize_t>(bytes.size())) < 0)
@@ -451,8 +479,30 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
                 ++done;
                 return !options.progress || options.progress(done, totalTiles);
             };
-            if (!runInOrder(shape.tilesX * shape.tilesY, workers, 2 * threads, compute, consume))
-                return false;
+            if (fromMemory && level > 0)
+            {
+                for (long long index = 0; index < shape.tilesX * shape.tilesY; ++index)
+                {
+                    spool->get(level, index, spooled);
+                    if (!consume(index, spooled))
+                        return false;
+                }
+            }
+            else
+            {
+                auto compute = [&, page, level](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
+                    computer.compute(worker, page, level, index, encoded);
+                    if (!coarse)
+                        return;
+                    coarse->add(level, index, worker.tile.data(),
+                                [&](long long coarseLevel, long long coarseIndex, unsigned char const* tile) {
+                                    computer.encode(worker, tile, worker.coarseTile);
+                                    spool->put(coarseLevel, coarseIndex, worker.coarseTile);
+                                });
+                };
+                if (!runInOrder(shape.tilesX * shape.tilesY, workers, 2 * threads, compute, consume))
+                    return false;
+            }
             if (TIFFWriteDirectory(tiff) != 1)
                 output->fail("cannot write page " + std::to_string(page) + ", level " + std::to_string(level));
         }

@@ -40,15 +40,23 @@ std::vector<PyramidLevel> pyramidLevels(Vector const& extent, long long tileSize
 /// (width x height voxels per channel) into the tile, stored as the writers document it: integers
 /// as round((v - min) / (max - min) * M) with halves up, clamped to 0..M, NaN as 0, counted in
 /// statistics; floats converted unscaled (finite values beyond float's range become infinities).
-/// The rest of the tile is 0.
+/// The rest of the tile is 0. Integer samples are converted a row at a time by code the compiler
+/// vectorises; `plain` asks for the reference loop, one voxel at a time, which gives the same bits
+/// and statistics.
 void storeRegion(TileLayout const& layout, double const* region, long long firstChannel, long long width,
-                 long long height, unsigned char* tile, SampleStatistics& statistics);
+                 long long height, unsigned char* tile, SampleStatistics& statistics, bool plain = false);
 
 /// Fills width x height voxels of the tile with the 2 x 2 means of the level above, added row by
 /// row and divided by 4 (integers rounded halves up). children[j * 2 + i] is the decoded tile
 /// (2 tx + i, 2 ty + j) of that level, or empty beyond its edge. The rest of the tile is 0.
 void averageChildren(TileLayout const& layout, std::vector<unsigned char> const* children, long long width,
                      long long height, unsigned char* tile);
+
+/// Fills the voxels of the tile that child (i, j) of the level above covers (i, j in 0..1; x in
+/// i * tileSize / 2 up to width, y likewise) with their 2 x 2 means, as averageChildren does, so
+/// that a tile can be made from its children one at a time as they come.
+void averageQuarter(TileLayout const& layout, unsigned char const* child, long long i, long long j, long long width,
+                    long long height, unsigned char* tile);
 
 /// Adds the counts of part to total.
 void addStatistics(SampleStatistics& total, SampleStatistics const& part);
