@@ -43,7 +43,9 @@ std::pair<long long, long long> span(std::mt19937_64& random, long long extent, 
 
 } // namespace
 
-Draw::Draw(std::uint64_t seed, Nuvek::Box const& box) : random(seed), box(box) {}
+Draw::Draw(std::uint64_t seed, Nuvek::Box const& box) : random(seed), box(box)
+{
+}
 
 long long Draw::integer(long long low, long long high, char const* name)
 {
@@ -94,17 +96,17 @@ void expectMatchesReference(MakeFilter const& make, Reference const& reference, 
     {
         std::uint64_t const seed = options.seed * 1000003u + static_cast<std::uint64_t>(round);
         std::mt19937_64 random(seed);
-        long long const channels =
-            options.channels[static_cast<std::size_t>(between(random, 0, static_cast<long long>(options.channels.size()) - 1))];
+        long long const channels = options.channelCounts[static_cast<std::size_t>(
+            between(random, 0, static_cast<long long>(options.channelCounts.size()) - 1))];
         long long const slices = between(random, 1, options.maxSlices);
         long long const level = between(random, 0, options.maxLevel);
         Nuvek::Vector const extent(options.width, options.height, slices);
-        std::vector<double> values = randomValues(random, extent.prod() * channels, options.mix);
-        if (options.integers)
+        std::vector<double> values = randomValues(random, extent.prod() * channels, options.valueMix);
+        if (options.integerValues)
             for (double& value : values)
                 value = std::floor(value);
-        if (options.shape)
-            options.shape(values, random);
+        if (options.reshapeValues)
+            options.reshapeValues(values, random);
         auto input = std::make_shared<Nuvek::MemoryImage>(extent, channels, values);
 
         Nuvek::Vector const at = input->getExtent(level);
@@ -118,15 +120,15 @@ void expectMatchesReference(MakeFilter const& make, Reference const& reference, 
         Draw draw(seed ^ 0x9e3779b97f4a7c15ULL, box);
         std::unique_ptr<Nuvek::Image> filter = make(input.get(), draw);
         std::ostringstream context;
-        context << "seed " << seed << " (round " << round << "), level " << level << ", " << channels
-                << " channels, " << slices << " slices, box (" << x0 << ", " << y0 << ", " << z0 << ")-(" << x1
-                << ", " << y1 << ", " << z1 << "), " << draw.parameters;
+        context << "seed " << seed << " (round " << round << "), level " << level << ", " << channels << " channels, "
+                << slices << " slices, box (" << x0 << ", " << y0 << ", " << z0 << ")-(" << x1 << ", " << y1 << ", "
+                << z1 << "), " << draw.parameters;
         std::vector<double> const expected = reference(*input, level, box);
         std::vector<double> const actual = openWhole(*filter, level, box);
-        if (options.tolerance < 0.0)
+        if (options.absoluteTolerance < 0.0)
             EXPECT_TRUE(sameBitsAnyNaN(expected, actual, box, context.str()));
         else
-            EXPECT_TRUE(nearlyEqual(expected, actual, box, options.tolerance, context.str()));
+            EXPECT_TRUE(nearlyEqual(expected, actual, box, options.absoluteTolerance, context.str()));
         if (::testing::Test::HasFailure())
             return;
     }

@@ -33,24 +33,37 @@ public:
     std::string parameters;
 };
 
-/// How expectMatchesReference draws its rounds.
+/// How expectMatchesReference draws its rounds, e.g. HarnessOptions(60, 7).channels({1, 2}).tolerance(1e-9).
 struct HarnessOptions
 {
-    int rounds = 60;
-    std::uint64_t seed = 1;
-    std::vector<long long> channels = {1, 2, 3, 4};
+    HarnessOptions(int rounds = 60, std::uint64_t seed = 1) : rounds(rounds), seed(seed) {}
+
+    HarnessOptions& channels(std::vector<long long> counts) { return channelCounts = std::move(counts), *this; }
+    HarnessOptions& slices(long long most) { return maxSlices = most, *this; }
+    HarnessOptions& levels(long long most) { return maxLevel = most, *this; }
+    HarnessOptions& mix(ValueMix values) { return valueMix = values, *this; }
+    HarnessOptions& integers() { return integerValues = true, *this; }
+    HarnessOptions& tolerance(double absolute) { return absoluteTolerance = absolute, *this; }
+    HarnessOptions& shape(std::function<void(std::vector<double>&, std::mt19937_64&)> reshape)
+    {
+        return reshapeValues = std::move(reshape), *this;
+    }
+
+    int rounds;
+    std::uint64_t seed;
+    std::vector<long long> channelCounts = {1, 2, 3, 4};
     long long maxSlices = 3;
     long long maxLevel = 2;
     /// Extent of level 0 in x and y (the slice count is drawn).
     long long width = 80;
     long long height = 70;
-    ValueMix mix = {-100.0, 100.0, 0.01};
+    ValueMix valueMix = {-100.0, 100.0, 0.01};
     /// Rounds the drawn values down to whole numbers.
-    bool integers = false;
+    bool integerValues = false;
     /// Negative: bits must agree (any NaN meeting any NaN); otherwise the absolute tolerance.
-    double tolerance = -1.0;
-    /// When set, reshapes the drawn input values (e.g. into a mask); runs before the image is made.
-    std::function<void(std::vector<double>& values, std::mt19937_64& random)> shape;
+    double absoluteTolerance = -1.0;
+    /// When set, reshapes the drawn input values (e.g. into a mask) before the image is made.
+    std::function<void(std::vector<double>& values, std::mt19937_64& random)> reshapeValues;
 };
 
 using MakeFilter = std::function<std::unique_ptr<Nuvek::Image>(Nuvek::Image* input, Draw& draw)>;
