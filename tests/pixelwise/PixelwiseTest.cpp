@@ -30,8 +30,8 @@ std::vector<double> perVoxel(Image& input, long long level, Box const& box,
 
 std::shared_ptr<MemoryImage> row(long long channels, std::vector<double> values, double low = 0, double high = 1)
 {
-    auto image = std::make_shared<MemoryImage>(Vector(static_cast<long long>(values.size()) / channels, 1, 1),
-                                               channels, std::move(values));
+    auto image = std::make_shared<MemoryImage>(Vector(static_cast<long long>(values.size()) / channels, 1, 1), channels,
+                                               std::move(values));
     image->setValueRange({low, high});
     return image;
 }
@@ -75,30 +75,30 @@ TEST(ThresholdFilter, NaNIsLowAndTheRangeIsTheTwoOutputsUnsorted)
 
 TEST(ClampingFilter, MatchesReference)
 {
-    expectMatchesReference([&](Image* input, Draw&) { return std::make_unique<ClampingFilter>(input, false); },
-                           [&](Image& input, long long level, Box const& box) {
-                               Vector const extent = input.getExtent(level);
-                               std::vector<double> values = openWhole(input, level, box);
-                               if (!box.intersected(Box(extent)).isEmpty())
-                               {
-                                   NuvekReference::clampToEdge(values, input.getNumChannels(), box, extent);
-                                   return values;
-                               }
-                               // Wholly beside the image: the nearest edge voxel on every axis.
-                               std::vector<double> const all = openWhole(input, level, Box(extent));
-                               auto near = [](long long v, long long n) { return std::min(std::max(v, 0LL), n - 1); };
-                               values.clear();
-                               for (long long c = 0; c < input.getNumChannels(); ++c)
-                                   for (long long z = box.min.z; z <= box.max.z; ++z)
-                                       for (long long y = box.min.y; y <= box.max.y; ++y)
-                                           for (long long x = box.min.x; x <= box.max.x; ++x)
-                                               values.push_back(all[static_cast<std::size_t>(
-                                                   ((c * extent.z + near(z, extent.z)) * extent.y + near(y, extent.y)) *
-                                                       extent.x +
-                                                   near(x, extent.x))]);
-                               return values;
-                           },
-                           HarnessOptions(120, 32));
+    expectMatchesReference(
+        [&](Image* input, Draw&) { return std::make_unique<ClampingFilter>(input, false); },
+        [&](Image& input, long long level, Box const& box) {
+            Vector const extent = input.getExtent(level);
+            std::vector<double> values = openWhole(input, level, box);
+            if (!box.intersected(Box(extent)).isEmpty())
+            {
+                NuvekReference::clampToEdge(values, input.getNumChannels(), box, extent);
+                return values;
+            }
+            // Wholly beside the image: the nearest edge voxel on every axis.
+            std::vector<double> const all = openWhole(input, level, Box(extent));
+            auto near = [](long long v, long long n) { return std::min(std::max(v, 0LL), n - 1); };
+            values.clear();
+            for (long long c = 0; c < input.getNumChannels(); ++c)
+                for (long long z = box.min.z; z <= box.max.z; ++z)
+                    for (long long y = box.min.y; y <= box.max.y; ++y)
+                        for (long long x = box.min.x; x <= box.max.x; ++x)
+                            values.push_back(all[static_cast<std::size_t>(
+                                ((c * extent.z + near(z, extent.z)) * extent.y + near(y, extent.y)) * extent.x +
+                                near(x, extent.x))]);
+            return values;
+        },
+        HarnessOptions(120, 32));
 }
 
 TEST(AdditionAndDifferenceFilter, MatchDefinition)
@@ -218,7 +218,8 @@ TEST(ChannelFilter, VoxelsTheInputLeavesUnwrittenReadZeroEveryTime)
     {
         std::vector<double> junk(static_cast<std::size_t>(3 * box.getSize()), 12345.0);
         junk = {};
-        EXPECT_EQ(openSentinel(filter, 0, box, -1.0), std::vector<double>(static_cast<std::size_t>(box.getSize()), 0.0));
+        EXPECT_EQ(openSentinel(filter, 0, box, -1.0),
+                  std::vector<double>(static_cast<std::size_t>(box.getSize()), 0.0));
     }
 }
 
@@ -276,7 +277,9 @@ TEST(RGBToHSVFilter, MatchesTheHexconeDefinition)
                 double hue = spread == 0.0 ? 0.0 : spread;
                 if (spread > 0.0)
                 {
-                    hue = 60.0 * (top == r ? (g - b) / spread : top == g ? (b - r) / spread + 2.0 : (r - g) / spread + 4.0);
+                    hue = 60.0 * (top == r   ? (g - b) / spread
+                                  : top == g ? (b - r) / spread + 2.0
+                                             : (r - g) / spread + 4.0);
                     hue = hue < 0.0 ? hue + 360.0 : hue;
                     hue = hue >= 360.0 ? hue - 360.0 : hue;
                 }

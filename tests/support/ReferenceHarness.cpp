@@ -125,7 +125,9 @@ void expectMatchesReference(MakeFilter const& make, Reference const& reference, 
                 << z1 << "), " << draw.parameters;
         std::vector<double> const expected = reference(*input, level, box);
         std::vector<double> const actual = openWhole(*filter, level, box);
-        if (options.absoluteTolerance < 0.0)
+        if (options.nanBits)
+            EXPECT_TRUE(sameBits(expected, actual, box, context.str()));
+        else if (options.absoluteTolerance < 0.0)
             EXPECT_TRUE(sameBitsAnyNaN(expected, actual, box, context.str()));
         else
             EXPECT_TRUE(nearlyEqual(expected, actual, box, options.absoluteTolerance, context.str()));

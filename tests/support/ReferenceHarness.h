@@ -44,6 +44,8 @@ struct HarnessOptions
     HarnessOptions& mix(ValueMix values) { return valueMix = values, *this; }
     HarnessOptions& integers() { return integerValues = true, *this; }
     HarnessOptions& tolerance(double absolute) { return absoluteTolerance = absolute, *this; }
+    /// NaN payloads and signs must agree too (filters that pass input values through).
+    HarnessOptions& exactNaN() { return nanBits = true, *this; }
     HarnessOptions& shape(std::function<void(std::vector<double>&, std::mt19937_64&)> reshape)
     {
         return reshapeValues = std::move(reshape), *this;
@@ -62,6 +64,7 @@ struct HarnessOptions
     bool integerValues = false;
     /// Negative: bits must agree (any NaN meeting any NaN); otherwise the absolute tolerance.
     double absoluteTolerance = -1.0;
+    bool nanBits = false;
     /// When set, reshapes the drawn input values (e.g. into a mask) before the image is made.
     std::function<void(std::vector<double>& values, std::mt19937_64& random)> reshapeValues;
 };
