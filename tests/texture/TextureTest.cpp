@@ -1,11 +1,11 @@
 // Texture filters: the definitions, through the seeded harness, the fast passes against the plain ones, and one pinned example per deliberate oddity.
-#include "support/NuvekTest.h"
 #include "filters/internal/MorphologicPasses.h"
 #include "filters/internal/RankPasses.h"
 #include "reference/HistogramReference.h"
 #include "reference/LBPReference.h"
 #include "reference/MorphologicReference.h"
 #include "reference/RankReference.h"
+#include "support/NuvekTest.h"
 #include "texture/TextureImages.h"
 
 #include <cmath>
@@ -18,16 +18,16 @@
 
 using namespace NuvekTest;
 using Nuvek::Box;
-using Nuvek::HistogramComputer;
-using Nuvek::HistogramFilter;
-using Nuvek::ValueRange;
-using Nuvek::Vector;
-using Nuvek::LBPComputer;
-using Nuvek::LBPFilter;
 using Nuvek::DilationFilter;
 using Nuvek::ErosionFilter;
+using Nuvek::HistogramComputer;
+using Nuvek::HistogramFilter;
+using Nuvek::LBPComputer;
+using Nuvek::LBPFilter;
 using Nuvek::PositionIterator;
 using Nuvek::RankFilter;
+using Nuvek::ValueRange;
+using Nuvek::Vector;
 using namespace NuvekTest;
 
 // Every texture filter against its plain definition, through the seeded harness, on values with many
@@ -92,7 +92,8 @@ TEST(HistogramFilter, MatchesReference)
             return std::make_unique<Nuvek::HistogramFilter>(input, k, bins, false);
         },
         [&](Image& input, long long level, Box const& box) {
-            return NuvekReference::histogram(NuvekReference::histogramParameters(k, bins, low, high), input, box, level);
+            return NuvekReference::histogram(NuvekReference::histogramParameters(k, bins, low, high), input, box,
+                                             level);
         },
         tricky(100, 43).channels({1}));
 }
@@ -102,7 +103,8 @@ TEST(LBPFilter, MatchesReference)
     double radius = 1.0;
     expectMatchesReference(
         [&](Image* input, Draw& draw) {
-            radius = std::vector<double>{1.0, 2.0, 3.0, 0.4, 5.7, -1.5}[static_cast<std::size_t>(draw.integer(0, 5, "r"))];
+            radius =
+                std::vector<double>{1.0, 2.0, 3.0, 0.4, 5.7, -1.5}[static_cast<std::size_t>(draw.integer(0, 5, "r"))];
             return std::make_unique<Nuvek::LBPFilter>(input, radius, false);
         },
         [&](Image& input, long long level, Box const& box) { return NuvekReference::lbp(input, radius, box, level); },
@@ -206,20 +208,6 @@ TEST(HistogramComputer, EmptyBoxLeavesOutUntouchedAndNegativeKernelIsRefused)
               "Kernel size must not be negative.");
 }
 
-TEST(HistogramFilter, ChannelsRangeAndInclusiveNameBound)
-{
-    Nuvek::MemoryImage image(Vector(4, 4, 1), 1);
-    HistogramFilter filter(&image, 3, 5, false);
-    EXPECT_EQ(filter.getNumChannels(), 5);
-    EXPECT_EQ(filter.getValueRange().min, 0.0);
-    EXPECT_EQ(filter.getValueRange().max, 9.0);
-    EXPECT_EQ(filter.getChannelName(0), "HistogramBin");
-    // An index equal to the number of bins is accepted on purpose.
-    EXPECT_EQ(filter.getChannelName(5), "HistogramBin");
-    EXPECT_EQ(messageOf([&] { filter.getChannelName(6); }), "Invalid channel index. Cannot determine its name.");
-    EXPECT_EQ(messageOf([&] { filter.getChannelName(-1); }), "Invalid channel index. Cannot determine its name.");
-}
-
 namespace {
 
 // Neighbours that set exactly the bits of code against a centre of 0.
@@ -240,21 +228,6 @@ public:
 };
 
 } // namespace
-
-TEST(LBPComputer, ClassesOfTheStatedCodes)
-{
-    EXPECT_EQ(LBPComputer::getUniformBinaryPattern(0), 0);
-    EXPECT_EQ(LBPComputer::getUniformBinaryPattern(255), 8);
-    EXPECT_EQ(LBPComputer::getUniformBinaryPattern(0b00000111), 3);
-    EXPECT_EQ(LBPComputer::getUniformBinaryPattern(0b10000001), 2);
-    EXPECT_EQ(LBPComputer::getUniformBinaryPattern(0b10000000), 1);
-    EXPECT_EQ(LBPComputer::getUniformBinaryPattern(0b00000101), 9);
-    EXPECT_EQ(LBPComputer::getUniformBinaryPattern(0b00001010), 9);
-    EXPECT_EQ(LBPComputer::getUniformBinaryPattern(0b01010101), 9);
-    EXPECT_EQ(LBPComputer::getUniformBinaryPattern(0b10101010), 9);
-    // Only the low eight bits count.
-    EXPECT_EQ(LBPComputer::getUniformBinaryPattern(0x100 | 0b111), 3);
-}
 
 TEST(LBPComputer, TableHelperAndCircularDefinitionAgreeOnEveryCode)
 {
@@ -463,13 +436,6 @@ TEST(PositionIterator, YieldsEveryPositionOfTheClippedBoxXFastest)
     }
 }
 
-TEST(PositionIterator, EmptyIntersectionYieldsNothing)
-{
-    EXPECT_TRUE(walk(Vector(4, 4, 1), Box(Vector(5, 0, 0), Vector(8, 3, 0))).empty());
-    EXPECT_TRUE(walk(Vector(4, 4, 1), Box()).empty());
-    EXPECT_TRUE(walk(Vector(0, 4, 1), Box(Vector(0, 0, 0), Vector(3, 3, 0))).empty());
-}
-
 namespace {
 
 constexpr double sentinel = -12345.5;
@@ -519,25 +485,6 @@ TEST(RankFilter, NaNRanksAboveEveryNumberAndNegativeZeroBelowZero)
         RankFilter filter(&ordered, 3, rank, false);
         EXPECT_EQ(NuvekTest::bitsOf(openOver(filter, centre)[0]), NuvekTest::bitsOf(expected[rank])) << "rank " << rank;
     }
-}
-
-TEST(RankFilter, OnlyTheFirstSliceIsWritten)
-{
-    std::mt19937_64 random(82);
-    auto source = NuvekTest::trickyImage(random, Vector(12, 12, 3), 2, 0.05);
-    RankFilter filter(source.get(), 3, 4, false);
-    // Inside: nothing is cleared, slice 1 keeps the sentinel.
-    Box const inside(Vector(2, 2, 1), Vector(8, 9, 2));
-    std::vector<double> const out = openOver(filter, inside);
-    EXPECT_TRUE(NuvekTest::sameBits(referenceOver(*source, 3, 4, inside), out, inside));
-    for (long long c = 0; c < 2; ++c)
-        for (long long i = 0; i < 7 * 8; ++i)
-            EXPECT_EQ(out[static_cast<std::size_t>(c * 7 * 8 * 2 + 7 * 8 + i)], sentinel);
-    // Reaching outside: everything is cleared first, then slice 0 computed.
-    Box const straddling(Vector(-1, 5, 0), Vector(4, 13, 1));
-    std::vector<double> const cleared = openOver(filter, straddling);
-    EXPECT_TRUE(NuvekTest::sameBits(referenceOver(*source, 3, 4, straddling), cleared, straddling));
-    EXPECT_EQ(cleared[static_cast<std::size_t>(6 * 9 + 3)], 0.0);
 }
 
 TEST(RankFilter, FastAndPlainPassesGiveTheSameBitsAsTheReference)
