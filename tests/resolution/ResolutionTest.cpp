@@ -1,7 +1,7 @@
 // Resolution filters and the block-mean walks: the definitions through the seeded harness, and one pinned example per deliberate oddity.
-#include "support/NuvekTest.h"
 #include "core/internal/BlockMeans.h"
 #include "reference/ResolutionReference.h"
+#include "support/NuvekTest.h"
 
 #include <atomic>
 #include <cmath>
@@ -13,8 +13,8 @@
 using namespace NuvekTest;
 using Nuvek::Box;
 using Nuvek::DownsampleFilter;
-using Nuvek::Vector;
 using Nuvek::UpsampleFilter;
+using Nuvek::Vector;
 using namespace NuvekTest;
 
 TEST(DownsampleFilter, MatchesReference)
