@@ -1,7 +1,7 @@
 // Colour: matrices against their definitions (a sum over permutations, A x inverse(A) = I), unmixing against optical densities, the pixel walk, and the fast absorptance against pow.
-#include "support/NuvekTest.h"
 #include "filters/internal/Absorptance.h"
 #include "reference/ColourReference.h"
+#include "support/NuvekTest.h"
 
 #include <algorithm>
 #include <atomic>
@@ -45,8 +45,9 @@ bool sameValue(double expected, double actual)
                                                  << actual[i].size() << " found";
         for (std::size_t j = 0; j < expected[i].size(); ++j)
             if (!sameValue(expected[i][j], actual[i][j]))
-                return ::testing::AssertionFailure() << "difference at [" << i << "][" << j << "]: expected "
-                                                     << NuvekTest::hexfloat(expected[i][j]) << ", found " << NuvekTest::hexfloat(actual[i][j]);
+                return ::testing::AssertionFailure()
+                       << "difference at [" << i << "][" << j << "]: expected " << NuvekTest::hexfloat(expected[i][j])
+                       << ", found " << NuvekTest::hexfloat(actual[i][j]);
     }
     return ::testing::AssertionSuccess();
 }
@@ -68,14 +69,6 @@ Matrix randomMatrix(std::mt19937_64& random, std::size_t rows, std::size_t colum
 
 } // namespace
 
-TEST(Matrix, TransposeSwapsRowsAndColumns)
-{
-    EXPECT_EQ(transposeMatrix({{1, 2, 3}, {4, 5, 6}}), (Matrix{{1, 4}, {2, 5}, {3, 6}}));
-    EXPECT_TRUE(transposeMatrix({}).empty());
-    // One row of no entries has no columns, so its transpose has no rows.
-    EXPECT_TRUE(transposeMatrix({{}}).empty());
-}
-
 TEST(Matrix, ProductMatchesReference)
 {
     std::mt19937_64 random(81);
@@ -92,16 +85,6 @@ TEST(Matrix, ProductMatchesReference)
     // Rows of no entries times no rows: the rows stay, each with columns(b) = 0 entries.
     EXPECT_EQ(multMatrix({{}, {}}, {}), (Matrix{{}, {}}));
     EXPECT_EQ(multMatrix({{1, 2}, {3, 4}}, {{5, 6}, {7, 8}}), (Matrix{{19, 22}, {43, 50}}));
-}
-
-TEST(Matrix, MinorRemovesTheRowAndThenTheColumn)
-{
-    Matrix const m{{1, 2, 3}, {4, 5, 6}, {7, 8, 9}};
-    EXPECT_EQ(calcMinorMatrix(m, 0, 0), (Matrix{{5, 6}, {8, 9}}));
-    EXPECT_EQ(calcMinorMatrix(m, 1, 2), (Matrix{{1, 2}, {7, 8}}));
-    EXPECT_EQ(calcMinorMatrix(m, 2, 1), (Matrix{{1, 3}, {4, 6}}));
-    EXPECT_TRUE(calcMinorMatrix({{5}}, 0, 0).empty());
-    EXPECT_EQ(calcMinorMatrix({{1, 2, 3}, {4, 5, 6}}, 1, 0), (Matrix{{2, 3}}));
 }
 
 TEST(Matrix, InverseFlipsTheSignBitAtOddPositions)
@@ -133,7 +116,6 @@ TEST(Matrix, SingularInverseGivesInfinitiesAndNaNWithoutError)
         for (double value : row)
             EXPECT_TRUE(std::isnan(value));
 }
-
 
 TEST(Matrix, DeterminantIsTheSumOverPermutations)
 {
@@ -186,20 +168,48 @@ TEST(Matrix, MatrixTimesItsInverseIsTheIdentity)
 TEST(Matrix, BadShapesAreRejectedWithTheStatedMessage)
 {
     std::vector<std::pair<std::function<void()>, std::string>> const rows = {
-        {[] { multMatrix({{1, 2, 3}, {4, 5, 6}}, {{1, 2, 3}, {4, 5, 6}}); }, "Matrices have wrong size for multiplication"},
+        {[] {
+             multMatrix({{1, 2, 3}, {4, 5, 6}}, {{1, 2, 3}, {4, 5, 6}});
+         },
+         "Matrices have wrong size for multiplication"},
         {[] { multMatrix({}, {{1}}); }, "Matrices have wrong size for multiplication"},
-        {[] { invertMatrix({{1, 2, 3}, {4, 5, 6}}); }, "Matrices must be square for inversion"},
-        {[] { invertMatrix({{1}, {2}}); }, "Matrices must be square for inversion"},
-        {[] { transposeMatrix({{1, 2}, {3}}); }, "transposeMatrix: row 1 of the matrix has 1 entries where 2 are needed."},
-        {[] { multMatrix({{1, 2}}, {{1, 2}, {3}}); },
+        {[] {
+             invertMatrix({{1, 2, 3}, {4, 5, 6}});
+         },
+         "Matrices must be square for inversion"},
+        {[] {
+             invertMatrix({{1}, {2}});
+         },
+         "Matrices must be square for inversion"},
+        {[] {
+             transposeMatrix({{1, 2}, {3}});
+         },
+         "transposeMatrix: row 1 of the matrix has 1 entries where 2 are needed."},
+        {[] {
+             multMatrix({{1, 2}}, {{1, 2}, {3}});
+         },
          "multMatrix: row 1 of the second matrix has 1 entries where 2 are needed."},
-        {[] { calcMatrixDet({{1, 2}, {3}}); }, "calcMatrixDet: row 1 of the matrix has 1 entries where 2 are needed."},
-        {[] { invertMatrix({{1, 2}, {3}}); }, "invertMatrix: row 1 of the matrix has 1 entries where 2 are needed."},
-        {[] { calcMinorMatrix({{1, 2}, {3, 4}}, 2, 0); }, "calcMinorMatrix: row 2 is out of range for a matrix of 2 rows."},
-        {[] { calcMinorMatrix({{1, 2}, {3}}, 0, 1); },
+        {[] {
+             calcMatrixDet({{1, 2}, {3}});
+         },
+         "calcMatrixDet: row 1 of the matrix has 1 entries where 2 are needed."},
+        {[] {
+             invertMatrix({{1, 2}, {3}});
+         },
+         "invertMatrix: row 1 of the matrix has 1 entries where 2 are needed."},
+        {[] {
+             calcMinorMatrix({{1, 2}, {3, 4}}, 2, 0);
+         },
+         "calcMinorMatrix: row 2 is out of range for a matrix of 2 rows."},
+        {[] {
+             calcMinorMatrix({{1, 2}, {3}}, 0, 1);
+         },
          "calcMinorMatrix: column 1 is out of range for row 1, which has 1 entries."},
         {[] { invertMatrix({}); }, "(nothing thrown)"},
-        {[] { invertMatrix({{}, {}}); }, "(nothing thrown)"},
+        {[] {
+             invertMatrix({{}, {}});
+         },
+         "(nothing thrown)"},
     };
     for (auto const& [action, message] : rows)
         EXPECT_EQ(messageOf(action), message);
@@ -304,8 +314,9 @@ TEST(ColorUnmixingFilter, ProcessPixelMatchesReferenceOnIntegersFractionsAndSpec
             double const expected = NuvekReference::unmix(values, weights);
             double const actual = unmixer.filter.processPixel(values);
             ASSERT_EQ(NuvekTest::bitsOf(expected), NuvekTest::bitsOf(actual))
-                << "round " << round << " values " << NuvekTest::hexfloat(values[0]) << " " << NuvekTest::hexfloat(values[1]) << " " << NuvekTest::hexfloat(values[2])
-                << ": expected " << NuvekTest::hexfloat(expected) << ", found " << NuvekTest::hexfloat(actual);
+                << "round " << round << " values " << NuvekTest::hexfloat(values[0]) << " "
+                << NuvekTest::hexfloat(values[1]) << " " << NuvekTest::hexfloat(values[2]) << ": expected "
+                << NuvekTest::hexfloat(expected) << ", found " << NuvekTest::hexfloat(actual);
         }
     }
     // Every integer channel value, alone.
@@ -559,27 +570,6 @@ TEST(PixelProcessingFilter, UnknownChannelIsNamedInTheMessage)
               "Cannot instantiate PixelProcessingFilter without a channel bank.");
 }
 
-TEST(PixelProcessingFilter, BoxInsideTheImageIsWrittenOnlyByProcessPixel)
-{
-    std::mt19937_64 random(92);
-    auto image = rgbaImage(random, Vector(20, 20, 2));
-    ChannelBank bank(image.get());
-    FoldFilter filter(&bank, {"Green", "Alpha"});
-    EXPECT_EQ(filter.getNumChannels(), 1);
-    EXPECT_EQ(filter.getChannelSelection(), (std::vector<std::string>{"Green", "Alpha"}));
-    Box const box(Vector(3, 4, 0), Vector(19, 12, 1));
-    // A caller buffer longer than one plane: only the first plane may be written.
-    std::vector<double> out(static_cast<std::size_t>(box.getSize()) + 5, -7.0);
-    filter.openRegion(out.data(), 0, box);
-    EXPECT_EQ(filter.calls.load(), box.getSize());
-    std::vector<double> const plane(out.begin(), out.begin() + box.getSize());
-    std::vector<double> const expected = NuvekReference::processRegion(
-        selectedPlanes(*image, 0, box, {"Green", "Alpha"}), box, image->getExtent(0), fold);
-    EXPECT_TRUE(NuvekTest::sameBits(expected, plane, box));
-    for (std::size_t i = static_cast<std::size_t>(box.getSize()); i < out.size(); ++i)
-        EXPECT_EQ(out[i], -7.0) << i;
-}
-
 TEST(PixelProcessingFilter, OutsideVoxelsAreZeroAndNeverProcessed)
 {
     std::mt19937_64 random(93);
@@ -686,44 +676,6 @@ public:
 
 // A request whose channels would need more than 2^21 values is read in strips of whole rows of the
 // image's 256-row tiles, one slice at a time; nothing else changes.
-TEST(PixelProcessingFilter, LargeRequestsAreReadInStripsOfTileRows)
-{
-    std::mt19937_64 random(97);
-    Vector const extent(800, 700, 2);
-    auto image = rgbaImage(random, extent);
-    // Red holds each voxel's index in the image, so that the order of processing shows.
-    std::vector<double> values = image->getValues();
-    for (long long i = 0; i < extent.prod(); ++i)
-        values[static_cast<std::size_t>(i)] = static_cast<double>(i);
-    image->setValues(values);
-    NuvekTest::RecordingImage recording(image);
-    ChannelBank bank(&recording);
-    OrderFilter filter(&bank, {"Red", "Alpha", "Green", "Blue"});
-
-    // 804 x 706 x 2 voxels of 4 channels; 2^21 values hold two tile rows of 804 x 256.
-    Box const box(Vector(-3, -5, 0), Vector(800, 700, 1));
-    std::vector<double> const actual = openWhole(filter, 0, box);
-    std::vector<double> const expected = NuvekReference::processRegion(
-        selectedPlanes(*image, 0, box, {"Red", "Alpha", "Green", "Blue"}), box, extent, fold);
-    EXPECT_TRUE(NuvekTest::sameBits(expected, actual, box));
-
-    std::vector<Box> strips;
-    for (NuvekTest::Request const& request : recording.requests())
-    {
-        EXPECT_EQ(request.level, 0);
-        strips.push_back(request.box);
-    }
-    std::vector<Box> expectedStrips;
-    for (long long z = 0; z <= 1; ++z)
-        for (auto const& rows : {std::pair<long long, long long>{-5, -1}, {0, 511}, {512, 700}})
-            expectedStrips.emplace_back(Vector(-3, rows.first, z), Vector(800, rows.second, z));
-    EXPECT_EQ(strips, expectedStrips);
-
-    ASSERT_EQ(static_cast<long long>(filter.order.size()), extent.prod());
-    for (std::size_t i = 0; i < filter.order.size(); ++i)
-        ASSERT_EQ(filter.order[i], static_cast<double>(i)) << "voxel " << i << " processed out of order";
-}
-
 namespace {
 
 // The expression the fast paths stand in for, with the C library's pow.
@@ -779,7 +731,8 @@ TEST(Absorptance, EqualsOneMinusPowBitForBit)
         double const expected = reference(density);
         double const actual = Nuvek::absorptance(density);
         ASSERT_EQ(NuvekTest::bitsOf(expected), NuvekTest::bitsOf(actual))
-            << "density " << NuvekTest::hexfloat(density) << ": expected " << NuvekTest::hexfloat(expected) << ", found " << NuvekTest::hexfloat(actual);
+            << "density " << NuvekTest::hexfloat(density) << ": expected " << NuvekTest::hexfloat(expected)
+            << ", found " << NuvekTest::hexfloat(actual);
     }
 }
 
@@ -803,7 +756,8 @@ TEST(Absorptance, BlocksOfEveryLengthEqualOneMinusPowBitForBit)
     {
         double const expected = reference(densities[i]);
         ASSERT_EQ(NuvekTest::bitsOf(expected), NuvekTest::bitsOf(out[i]))
-            << "density " << NuvekTest::hexfloat(densities[i]) << ": expected " << NuvekTest::hexfloat(expected) << ", found " << NuvekTest::hexfloat(out[i]);
+            << "density " << NuvekTest::hexfloat(densities[i]) << ": expected " << NuvekTest::hexfloat(expected)
+            << ", found " << NuvekTest::hexfloat(out[i]);
     }
 }
 
