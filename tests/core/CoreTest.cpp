@@ -9,9 +9,9 @@
 #include <vector>
 
 using Nuvek::Box;
-using Nuvek::Vector;
-using Nuvek::MemoryImage;
 using Nuvek::ChannelBank;
+using Nuvek::MemoryImage;
+using Nuvek::Vector;
 using namespace NuvekTest;
 
 TEST(Vector, ArithmeticIsComponentWise)
@@ -345,29 +345,25 @@ TEST(MemoryImage, CoarserLevelsAreBlockMeansAndAgreeWithConvertToLevel)
     }
 }
 
-TEST(MemoryImage, BadInputIsRejectedWithAMessage)
+TEST(MemoryImage, BadInputIsRejectedWithAMessageAndEmptyExtentsAreNot)
 {
-    auto message = [](auto&& action) {
-        try
-        {
-            action();
-        }
-        catch (std::runtime_error const& error)
-        {
-            return std::string(error.what());
-        }
-        return std::string("no error");
-    };
-    EXPECT_EQ(message([] { MemoryImage(Vector(2, 2, 1), 1, std::vector<double>(3)); }),
+    std::string const none = "(nothing thrown)";
+    EXPECT_EQ(messageOf([] { MemoryImage(Vector(2, 2, 1), 1, std::vector<double>(3)); }),
               "MemoryImage: expected 4 values, got 3.");
-    EXPECT_EQ(message([] { MemoryImage(Vector(-2, 2, 1), 1); }), "MemoryImage: the extent must not be negative.");
+    for (Vector const& extent : {Vector(-2, 2, 1), Vector(2, -1, 1), Vector(2, 2, -1)})
+        EXPECT_EQ(messageOf([&] { MemoryImage(extent, 1); }), "MemoryImage: the extent must not be negative.");
+    for (Vector const& extent : {Vector(0, 2, 1), Vector(2, 0, 1), Vector(2, 2, 0)})
+        EXPECT_EQ(messageOf([&] { MemoryImage(extent, 1); }), none);
+    EXPECT_EQ(messageOf([] { MemoryImage(Vector(2, 2, 1), -1); }),
+              "MemoryImage: the number of channels must not be negative.");
+    EXPECT_EQ(messageOf([] { MemoryImage(Vector(2, 2, 1), 0); }), none);
     MemoryImage image(Vector(2, 2, 1), 2);
-    EXPECT_EQ(message([&] { image.getChannelName(2); }), "Invalid channel index. Cannot determine its name.");
-    EXPECT_EQ(message([&] { image.getChannelName(-1); }), "Invalid channel index. Cannot determine its name.");
-    EXPECT_EQ(message([&] { image.setChannelNames({"one"}); }), "MemoryImage: expected 2 channel names, got 1.");
-    EXPECT_EQ(message([&] { image.setValue(Vector(2, 0, 0), 0, 1.0); }),
+    EXPECT_EQ(messageOf([&] { image.getChannelName(2); }), "Invalid channel index. Cannot determine its name.");
+    EXPECT_EQ(messageOf([&] { image.getChannelName(-1); }), "Invalid channel index. Cannot determine its name.");
+    EXPECT_EQ(messageOf([&] { image.setChannelNames({"one"}); }), "MemoryImage: expected 2 channel names, got 1.");
+    EXPECT_EQ(messageOf([&] { image.setValue(Vector(2, 0, 0), 0, 1.0); }),
               "MemoryImage: the position lies outside the image.");
-    EXPECT_EQ(message([&] { image.getExtent(-1); }), "MemoryImage: the level must not be negative.");
+    EXPECT_EQ(messageOf([&] { image.getExtent(-1); }), "MemoryImage: the level must not be negative.");
 }
 
 TEST(MemoryImage, ConcurrentRequestsGiveTheSerialResult)

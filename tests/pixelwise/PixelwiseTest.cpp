@@ -52,7 +52,9 @@ TEST(ThresholdFilter, MatchesDefinition)
     double t = 0, low = 0, high = 0;
     expectMatchesReference(
         [&](Image* input, Draw& draw) {
-            t = draw.number(-100, 100, "t"), low = draw.number(-5, 5, "low"), high = draw.number(-5, 5, "high");
+            // Whole numbers, so that values equal to the threshold occur.
+            t = static_cast<double>(draw.integer(-100, 100, "t"));
+            low = draw.number(-5, 5, "low"), high = draw.number(-5, 5, "high");
             return std::make_unique<ThresholdFilter>(input, t, low, high, false);
         },
         [&](Image& input, long long level, Box const& box) {
@@ -61,7 +63,7 @@ TEST(ThresholdFilter, MatchesDefinition)
                     x = x >= t ? high : low;
             });
         },
-        HarnessOptions(30, 31));
+        HarnessOptions(30, 31).integers());
 }
 
 TEST(ThresholdFilter, NaNIsLowAndTheRangeIsTheTwoOutputsUnsorted)
