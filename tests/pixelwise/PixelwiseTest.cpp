@@ -1,5 +1,6 @@
 // Pixel-wise and channel filters: each against its definition through the seeded harness, and one
 // pinned example per deliberate oddity.
+#include "reference/PixelwiseColourReference.h"
 #include "reference/ThresholdClampingReference.h"
 #include "support/NuvekTest.h"
 
@@ -259,8 +260,7 @@ TEST(ConcatFilter, NeverDeletesItsInputs)
 
 TEST(RGBToHSVFilter, MatchesTheHexconeDefinition)
 {
-    // Hue in degrees from the largest channel, (x - lo) / (hi - lo) first, each output quantised to
-    // floor(255 * fraction); channels after the third pass through.
+    // (x - lo) / (hi - lo) first; channels after the third pass through.
     double low = 0, high = 0;
     expectMatchesReference(
         [&](Image* input, Draw& draw) {
@@ -270,25 +270,9 @@ TEST(RGBToHSVFilter, MatchesTheHexconeDefinition)
             return std::make_unique<RGBToHSVFilter>(input, false);
         },
         [&](Image& input, long long level, Box const& box) {
-            return perVoxel(input, level, box, [&](std::vector<double>& v) {
-                double const r = (v[0] - low) / (high - low), g = (v[1] - low) / (high - low),
-                             b = (v[2] - low) / (high - low);
-                double const top = r > g ? (r > b ? r : b) : (g > b ? g : b);
-                double const bottom = r < g ? (r < b ? r : b) : (g < b ? g : b);
-                double const spread = top - bottom;
-                double hue = spread == 0.0 ? 0.0 : spread;
-                if (spread > 0.0)
-                {
-                    hue = 60.0 * (top == r   ? (g - b) / spread
-                                  : top == g ? (b - r) / spread + 2.0
-                                             : (r - g) / spread + 4.0);
-                    hue = hue < 0.0 ? hue + 360.0 : hue;
-                    hue = hue >= 360.0 ? hue - 360.0 : hue;
-                }
-                v[0] = std::floor(hue / 360.0 * 255.0);
-                v[1] = std::floor((top > 0.0 ? spread / top : 0.0) * 255.0);
-                v[2] = std::floor(top * 255.0);
-            });
+            std::vector<double> values = openWhole(input, level, box);
+            NuvekReference::rgbToQuantisedHSV(values, box.getSize(), low, high);
+            return values;
         },
         HarnessOptions(60, 36).channels({3, 4}).mix({0.0, 255.0, 0.01}).shape(tieHeavy));
 }
@@ -314,8 +298,6 @@ TEST(RGBToHSVFilter, ZeroSpanRangeDividesByZeroWithoutGuard)
 
 TEST(ValueReplacementFilter, MatchesTheScanForFewAndManyColoursWithNaNKeys)
 {
-    // Every voxel is compared with every colour in map order; the first equal in all channels (NaN
-    // never equal, -0.0 equal to 0.0) replaces all of them.
     ValueReplacementFilter::Replacements replacements;
     auto colour = [](Draw& draw, long long channels) {
         double const palette[] = {0.0, -0.0, 1.0, 2.0, 3.0, NaN, -1.5};
@@ -332,19 +314,9 @@ TEST(ValueReplacementFilter, MatchesTheScanForFewAndManyColoursWithNaNKeys)
             return std::make_unique<ValueReplacementFilter>(input, false, replacements);
         },
         [&](Image& input, long long level, Box const& box) {
-            return perVoxel(input, level, box, [&](std::vector<double>& v) {
-                for (auto const& [from, to] : replacements)
-                {
-                    bool equal = true;
-                    for (std::size_t c = 0; c < v.size(); ++c)
-                        equal = equal && v[c] == from[c];
-                    if (equal)
-                    {
-                        v = to;
-                        return;
-                    }
-                }
-            });
+            std::vector<double> values = openWhole(input, level, box);
+            NuvekReference::replaceColours(values, box.getSize(), input.getNumChannels(), replacements);
+            return values;
         },
         HarnessOptions(60, 37).shape([](std::vector<double>& values, std::mt19937_64& random) {
             double const palette[] = {0.0, -0.0, 1.0, 2.0, 3.0, NaN, -1.5};
