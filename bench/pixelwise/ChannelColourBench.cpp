@@ -90,7 +90,7 @@ void rgbToHSV(benchmark::State& state)
 }
 BENCHMARK(rgbToHSV)->Unit(benchmark::kMillisecond);
 
-// The step-by-step reference on the same input, through the core's conversion one voxel at a time.
+// The hexcone definition on the same input, one voxel at a time.
 void rgbToHSVReference(benchmark::State& state)
 {
     auto image = NuvekBench::noiseImage(tile.getExtent(), 3);

@@ -9,16 +9,6 @@ using Nuvek::Box;
 using Nuvek::Buffer;
 using Nuvek::Vector;
 
-TEST(ValueRange, DefaultIsZeroZeroAndOrderIsKept)
-{
-    Nuvek::ValueRange<double> const empty;
-    EXPECT_EQ(empty.min, 0.0);
-    EXPECT_EQ(empty.max, 0.0);
-    Nuvek::ValueRange<long long> const reversed(9, -3);
-    EXPECT_EQ(reversed.min, 9);
-    EXPECT_EQ(reversed.max, -3);
-}
-
 TEST(Buffer, AllocatesZeroedChannelPlanes)
 {
     Box const box(Vector(1, 1, 0), Vector(3, 2, 1));

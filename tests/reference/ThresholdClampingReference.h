@@ -1,18 +1,12 @@
 #pragma once
 
-// Step-by-step threshold and clamp-to-edge, one element at a time, on plain vectors.
+// Clamp-to-edge, one element at a time, on plain vectors.
 
 #include <nuvek/core/Box.h>
 
 #include <vector>
 
 namespace NuvekReference {
-
-inline void threshold(std::vector<double>& values, double threshold, double low, double high)
-{
-    for (double& value : values)
-        value = value >= threshold ? high : low;
-}
 
 // `values` holds what the input wrote for box; extent is the image's extent at the level.
 inline void clampToEdge(std::vector<double>& values, long long numChannels, Nuvek::Box const& box,

@@ -3,11 +3,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <sstream>
 
 namespace NuvekTest {
-
-namespace {
 
 std::string hexfloat(double value)
 {
@@ -15,6 +14,8 @@ std::string hexfloat(double value)
     std::snprintf(text, sizeof text, "%a", value);
     return text;
 }
+
+namespace {
 
 std::string describe(Nuvek::Box const& box, long long index, double expected, double actual, std::string const& context)
 {
@@ -107,6 +108,24 @@ void paste(std::vector<double>& values, Nuvek::Box const& whole, std::vector<dou
                 for (long long x = part.min.x; x <= part.max.x; ++x)
                     values[static_cast<std::size_t>(
                         c * whole.getSize() + (Nuvek::Vector(x, y, z) - whole.min).dot(strides))] = partValues[i++];
+}
+
+::testing::AssertionResult sameBitsAnyNaN(std::vector<double> expected, std::vector<double> actual,
+                                          Nuvek::Box const& box, std::string const& context)
+{
+    for (std::vector<double>* values : {&expected, &actual})
+        for (double& value : *values)
+            if (std::isnan(value))
+                value = std::numeric_limits<double>::quiet_NaN();
+    return sameBits(expected, actual, box, context);
+}
+
+::testing::AssertionResult sameValue(double expected, double actual, std::string const& context)
+{
+    if ((std::isnan(expected) && std::isnan(actual)) || bitsOf(expected) == bitsOf(actual))
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << context << (context.empty() ? "" : ": ") << "expected "
+                                         << hexfloat(expected) << ", actual " << hexfloat(actual);
 }
 
 } // namespace NuvekTest

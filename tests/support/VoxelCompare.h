@@ -18,6 +18,18 @@ std::uint64_t bitsOf(double value);
 ::testing::AssertionResult sameBits(std::vector<double> const& expected, std::vector<double> const& actual,
                                     Nuvek::Box const& box, std::string const& context = "");
 
+/// sameBits, except that any NaN meets any NaN. Which operand's NaN an addition or multiplication
+/// of two NaNs returns depends on the operand order the compiler picks for a commutative operation,
+/// so sign and payload of a NaN are not part of the result; every other bit is, -0.0 included.
+::testing::AssertionResult sameBitsAnyNaN(std::vector<double> expected, std::vector<double> actual,
+                                          Nuvek::Box const& box, std::string const& context = "");
+
+/// One value's bits, any NaN meeting any NaN; on failure both values in hexfloat after context.
+::testing::AssertionResult sameValue(double expected, double actual, std::string const& context = "");
+
+/// A value in hexfloat, e.g. "0x1.8p+1".
+std::string hexfloat(double value);
+
 /// The same within an absolute tolerance; NaN must meet NaN and infinities the same infinity.
 ::testing::AssertionResult nearlyEqual(std::vector<double> const& expected, std::vector<double> const& actual,
                                        Nuvek::Box const& box, double tolerance, std::string const& context = "");

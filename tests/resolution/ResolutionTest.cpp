@@ -1,25 +1,61 @@
-#include <nuvek/core/Conversions.h>
-#include <nuvek/core/MemoryImage.h>
-#include <nuvek/filters/resolution/DownsampleFilter.h>
-
+// Resolution filters and the block-mean walks: the definitions through the seeded harness, and one pinned example per deliberate oddity.
 #include "core/internal/BlockMeans.h"
 #include "reference/ResolutionReference.h"
-#include "support/RandomImages.h"
-#include "support/RecordingImage.h"
-#include "support/Tiling.h"
-#include "support/VoxelCompare.h"
+#include "support/NuvekTest.h"
 
-#include <gtest/gtest.h>
-
+#include <atomic>
 #include <cmath>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
+using namespace NuvekTest;
 using Nuvek::Box;
 using Nuvek::DownsampleFilter;
+using Nuvek::UpsampleFilter;
 using Nuvek::Vector;
-using NuvekTest::openWhole;
+using namespace NuvekTest;
+
+TEST(DownsampleFilter, MatchesReference)
+{
+    long long source = 0;
+    expectMatchesReference(
+        [&](Image* input, Draw& draw) {
+            source = draw.integer(0, 1, "sourceLevel");
+            return std::make_unique<Nuvek::DownsampleFilter>(input, source, false);
+        },
+        [&](Image& input, long long level, Box const& box) {
+            if (level <= source)
+                return openWhole(input, level, box);
+            std::vector<double> expected(static_cast<std::size_t>(box.getSize() * input.getNumChannels()), 0.0);
+            NuvekReference::downsample(input, source, level, box, expected);
+            return expected;
+        },
+        HarnessOptions(80, 51).mix({-100.0, 100.0, 0.03}));
+}
+
+TEST(UpsampleFilter, MatchesReference)
+{
+    long long source = 0;
+    bool bilinear = false;
+    expectMatchesReference(
+        [&](Image* input, Draw& draw) {
+            source = draw.integer(1, 3, "sourceLevel");
+            bilinear = draw.flip("bilinear");
+            return std::make_unique<Nuvek::UpsampleFilter>(
+                input, source, bilinear ? Nuvek::UpsampleFilter::Bilinear : Nuvek::UpsampleFilter::NearestNeighbor,
+                false);
+        },
+        [&](Image& input, long long level, Box const& box) {
+            if (level >= source)
+                return openWhole(input, level, box);
+            std::vector<double> expected(static_cast<std::size_t>(box.getSize() * input.getNumChannels()), 0.0);
+            NuvekReference::upsample(input, source, bilinear, level, box, expected);
+            return expected;
+        },
+        HarnessOptions(80, 52).mix({-100.0, 100.0, 0.03}));
+}
 
 namespace {
 
@@ -182,56 +218,6 @@ TEST(CopyImageBuffer, ShortcutCopiesTheBoxSizeRegardlessOfChannels)
         EXPECT_EQ(dst[i], i < 8 ? static_cast<double>(i) : sentinel) << "index " << i;
 }
 
-TEST(DownsampleFilter, LevelsUpToSourceLevelComeFromTheInputUnchanged)
-{
-    std::mt19937_64 random(63);
-    auto source = NuvekTest::randomImage(random, Vector(37, 29, 2), 2, {-5.0, 5.0, 0.05});
-    NuvekTest::RecordingImage recording(source);
-    DownsampleFilter filter(&recording, 1, false);
-    for (long long level : {0, 1})
-    {
-        Box const box(Vector(-3, 4, 0), Vector(20, 40, 1));
-        recording.clearRequests();
-        EXPECT_TRUE(NuvekTest::sameBits(openWhole(*source, level, box), openWhole(filter, level, box), box));
-        ASSERT_EQ(recording.requests().size(), 1u);
-        EXPECT_EQ(recording.requests()[0].level, level);
-        EXPECT_EQ(recording.requests()[0].box, box);
-    }
-}
-
-TEST(DownsampleFilter, AsksForTheClippedBoxAtSourceLevelAndWritesOnlyInsideTheImage)
-{
-    // 37 x 29 at level 0 is 9 x 7 at level 2.
-    std::mt19937_64 random(64);
-    auto source = NuvekTest::randomImage(random, Vector(37, 29, 3), 2);
-    NuvekTest::RecordingImage recording(source);
-    DownsampleFilter filter(&recording, 0, false);
-
-    Box const box(Vector(-2, 5, -1), Vector(10, 8, 1));
-    std::vector<double> const out = openOverSentinel(filter, 2, box);
-    ASSERT_EQ(recording.requests().size(), 1u);
-    EXPECT_EQ(recording.requests()[0].level, 0);
-    EXPECT_EQ(recording.requests()[0].box, Box(Vector(0, 20, 0), Vector(35, 27, 1)));
-
-    std::vector<double> expected = sentinelFilled(box, 2);
-    NuvekReference::downsample(*source, 0, 2, box, expected);
-    EXPECT_TRUE(sameValues(expected, out, box));
-    // The reference writes inside only, so the sentinel must survive outside.
-    EXPECT_EQ(out[0], sentinel);
-
-    // A box wholly inside goes straight from the block sums into out.
-    Box const inside(Vector(1, 2, 0), Vector(8, 6, 2));
-    std::vector<double> expectedInside = sentinelFilled(inside, 2);
-    NuvekReference::downsample(*source, 0, 2, inside, expectedInside);
-    EXPECT_TRUE(sameValues(expectedInside, openOverSentinel(filter, 2, inside), inside));
-
-    // A box wholly outside the image asks for nothing and writes nothing.
-    recording.clearRequests();
-    Box const outside(Vector(9, 0, 0), Vector(12, 3, 0));
-    EXPECT_EQ(openOverSentinel(filter, 2, outside), sentinelFilled(outside, 2));
-    EXPECT_TRUE(recording.requests().empty());
-}
-
 TEST(DownsampleFilter, EqualsTheMemoryImagesOwnLevelsBitForBitOnOddSizes)
 {
     // The memory image builds level L from level 0 by the same block sums, and convertToLevel maps a
@@ -272,52 +258,67 @@ TEST(DownsampleFilter, EqualsTheMemoryImagesOwnLevelsBitForBitOnOddSizes)
     }
 }
 
-TEST(DownsampleFilter, MatchesTheReferenceFromACoarserSourceLevel)
+namespace {
+
+// Level-0 value v(x, y, z, c) = 1000c + 100z + 10y + x.
+std::shared_ptr<Nuvek::MemoryImage> coordinateImage(Vector const& extent, long long numChannels)
 {
-    std::mt19937_64 random(66);
-    for (int round = 0; round < 40; ++round)
-    {
-        long long const numChannels = 1 + round % 4;
-        Vector const extent(20 + round % 23, 17 + (round * 5) % 31, 1 + round % 3);
-        auto image = NuvekTest::randomImage(random, extent, numChannels, {-100.0, 100.0, 0.03});
-        long long const sourceLevel = round % 2;
-        DownsampleFilter filter(image.get(), sourceLevel, false);
-        for (long long level = sourceLevel + 1; level <= sourceLevel + 3; ++level)
-        {
-            Box const box = NuvekTest::randomBox(random, image->getExtent(level), 8, 3);
-            std::vector<double> expected = sentinelFilled(box, numChannels);
-            NuvekReference::downsample(*image, sourceLevel, level, box, expected);
-            EXPECT_TRUE(sameValues(expected, openOverSentinel(filter, level, box), box,
-                                   "round " + std::to_string(round) + " level " + std::to_string(level)));
-        }
-    }
+    std::vector<double> values;
+    for (long long c = 0; c < numChannels; ++c)
+        for (long long z = 0; z < extent.z; ++z)
+            for (long long y = 0; y < extent.y; ++y)
+                for (long long x = 0; x < extent.x; ++x)
+                    values.push_back(static_cast<double>(1000 * c + 100 * z + 10 * y + x));
+    return std::make_shared<Nuvek::MemoryImage>(extent, numChannels, values);
 }
 
-TEST(DownsampleFilter, TilesAgreeWithOneLargeRequest)
+} // namespace
+
+TEST(UpsampleFilter, BilinearMixesCoarseCentresAndRepeatsTheEdges)
 {
-    std::mt19937_64 random(67);
-    auto image = NuvekTest::randomImage(random, Vector(75, 61, 2), 2, {-1.0, 1.0, 0.02});
-    DownsampleFilter filter(image.get(), 0, false);
-    // Level 1 is 37 x 30; the box reaches past the image on every side except the top.
-    Box const box(Vector(-3, 0, 0), Vector(39, 32, 1));
-    std::vector<double> const whole = openWhole(filter, 1, box);
-    for (int threads = 1; threads <= 4; ++threads)
-        EXPECT_TRUE(NuvekTest::sameBits(whole, NuvekTest::openTiled(filter, 1, box, {1, 8, 23}, {3, 17, 30}, threads),
-                                        box, "threads " + std::to_string(threads)));
+    // Level 1 is one row of the coarse values 10, 30, 50, 70, centred at 0.5, 1.5, 2.5, 3.5.
+    Nuvek::MemoryImage source(Vector(8, 2, 1), 1, {10, 10, 30, 30, 50, 50, 70, 70, 10, 10, 30, 30, 50, 50, 70, 70});
+    UpsampleFilter filter(&source, 1, UpsampleFilter::Bilinear, false);
+    // Output x sits at x / 2: x = 2 halfway between the first two centres, x = 3 on the second.
+    // Before the first centre and past the last both columns clamp to the edge and the weights,
+    // though outside [0, 1] (-1.5 at x = -2), still sum to one.
+    std::vector<double> const out = openWhole(filter, 0, Box(Vector(-2, 0, 0), Vector(8, 0, 0)));
+    EXPECT_EQ(out, (std::vector<double>{10, 10, 10, 10, 20, 30, 40, 50, 60, 70, 70}));
 }
 
-TEST(DownsampleFilter, BlocksWiderThan2To62AreRejected)
+TEST(UpsampleFilter, SlicesCountFromTheRequestedBoxAndMissingOnesStayUnwritten)
 {
-    // A source level 70 levels finer than the request cannot be averaged in 64-bit blocks.
-    Nuvek::MemoryImage image(Vector(4, 4, 1), 1);
-    DownsampleFilter filter(&image, -70, false);
-    try
-    {
-        openWhole(filter, 0, Box(Vector(1, 1, 1)));
-        ADD_FAILURE() << "70 levels accepted";
-    }
-    catch (std::runtime_error const& error)
-    {
-        EXPECT_STREQ(error.what(), "DownsampleFilter: cannot average blocks of more than 2^62 voxels per axis.");
-    }
+    // Two slices; the box starts one slice before the image, so output slice z reads source slice
+    // z + 1 and the last output slice has no source slice at all.
+    auto source = coordinateImage(Vector(4, 4, 2), 1);
+    UpsampleFilter filter(source.get(), 1, UpsampleFilter::NearestNeighbor, false);
+    Box const box(Vector(0, 0, -1), Vector(0, 0, 1));
+    EXPECT_EQ(openOverSentinel(filter, 0, box), (std::vector<double>{5.5, 105.5, sentinel}));
+}
+
+TEST(UpsampleFilter, AnUnnamedInterpolationWritesNothing)
+{
+    std::mt19937_64 random(75);
+    auto image = NuvekTest::randomImage(random, Vector(8, 8, 1), 1);
+    UpsampleFilter filter(image.get(), 1, static_cast<UpsampleFilter::Interpolation>(2), false);
+    Box const box(Vector(0, 0, 0), Vector(3, 3, 0));
+    EXPECT_EQ(openOverSentinel(filter, 0, box), std::vector<double>(16, sentinel));
+}
+
+TEST(UpsampleFilter, CacheIsCutTo100000ValuesAndStillServesLaterRequests)
+{
+    std::mt19937_64 random(76);
+    // Level 1 is 400 x 300 = 120000 values.
+    auto image = NuvekTest::randomImage(random, Vector(800, 600, 1), 1);
+    UpsampleFilter filter(image.get(), 1, UpsampleFilter::Bilinear, false);
+    Box const large(Vector(0, 0, 0), Vector(799, 599, 0));
+    std::vector<double> const whole = openWhole(filter, 0, large);
+    EXPECT_EQ(filter.getCacheSize(), 100000);
+
+    Box const small(Vector(301, 402, 0), Vector(340, 431, 0));
+    std::vector<double> expected(static_cast<std::size_t>(small.getSize()), sentinel);
+    NuvekReference::upsample(*image, 1, true, 0, small, expected);
+    EXPECT_TRUE(sameValues(expected, openWhole(filter, 0, small), small));
+    EXPECT_TRUE(NuvekTest::sameBits(NuvekTest::crop(whole, large, small, 1), openWhole(filter, 0, small), small));
+    EXPECT_EQ(filter.getCacheSize(), 100000);
 }
