@@ -95,8 +95,9 @@ TEST(ReaderMessages, BadFilesNameTheFileAndTheProblem)
     };
     auto without = [&](std::uint16_t tag) {
         return raw([=](std::vector<RawEntry>& entries) {
-            entries.erase(std::remove_if(entries.begin(), entries.end(), [=](RawEntry const& e) { return e.tag == tag; }),
-                          entries.end());
+            entries.erase(
+                std::remove_if(entries.begin(), entries.end(), [=](RawEntry const& e) { return e.tag == tag; }),
+                entries.end());
         });
     };
     auto bytes = [](std::vector<unsigned char> content) {
@@ -143,13 +144,16 @@ TEST(ReaderMessages, BadFilesNameTheFileAndTheProblem)
         long long level = 0;
     };
     std::vector<Case> const cases = {
-        {Reader::Tiff, bytes({'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', '\n'}), "TiffImage: @: *Not a TIFF"},
+        {Reader::Tiff, bytes({'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', '\n'}),
+         "TiffImage: @: *Not a TIFF"},
         {Reader::Tiff, bytes({}), "TiffImage: @: *Cannot read TIFF header"},
         {Reader::Tiff, truncated(grey, 12), "TiffImage: @: *"},
         {Reader::Tiff, nothing, "TiffImage: @: *No such file"},
         {Reader::Tiff, with(259, 60000), "TiffImage: @: unsupported compression 60000"},
         {Reader::Tiff, with(259, 34892), "TiffImage: @: unsupported compression 34892 (lossy JPEG)"},
-        {Reader::Tiff, raw([](auto& e) { e.push_back({339, 3, 1, 6}); }),
+        {Reader::Tiff, raw([](auto& e) {
+             e.push_back({339, 3, 1, 6});
+         }),
          "TiffImage: @: unsupported sample format: 8-bit complex floating point" + supported},
         {Reader::Tiff, with(258, 12), "TiffImage: @: unsupported sample format: 12-bit unsigned integer" + supported},
         {Reader::Tiff,
@@ -196,9 +200,12 @@ TEST(ReaderMessages, BadFilesNameTheFileAndTheProblem)
          "ZarrImage: @: .zarray: \"chunks\" and \"shape\" differ in length"},
         {Reader::Zarr, zarray(R"({"zarr_format": 2, "shape": [4], "chunks": [4], "dtype": "<u1"})"),
          "ZarrImage: @: a plain array needs 2 to 5 dimensions, not 1"},
-        {Reader::Zarr, zarray("{" + valid.substr(0, valid.find("\"compressor\"")) + R"("dtype": "<u1", "compressor": {"id": "lz4"}})"),
+        {Reader::Zarr,
+         zarray("{" + valid.substr(0, valid.find("\"compressor\"")) +
+                R"("dtype": "<u1", "compressor": {"id": "lz4"}})"),
          "ZarrImage: @: .zarray: the compressor \"lz4\" is not supported"},
-        {Reader::Zarr, group(R"({"multiscales": [{"axes": [{"name": "y"}, {"name": "q"}], "datasets": [{"path": "0"}]}]})"),
+        {Reader::Zarr,
+         group(R"({"multiscales": [{"axes": [{"name": "y"}, {"name": "q"}], "datasets": [{"path": "0"}]}]})"),
          "ZarrImage: @: the axis \"q\" is not one of t, c, z, y, x"},
         {Reader::Zarr, group(R"({"multiscales": [{"axes": ["y", "x"], "datasets": [{"path": "../0"}]}]})"),
          "ZarrImage: @: .zattrs: the dataset path \"../0\" does not name a folder inside the group"},

@@ -67,16 +67,16 @@ std::vector<double> halved(std::vector<double> const& above, Vector const& above
                 for (long long x = 0; x < extent.x; ++x)
                 {
                     auto at = [&](long long ax, long long ay) {
-                        return above[static_cast<std::size_t>(((c * aboveExtent.z + z) * aboveExtent.y + ay) *
-                                                                  aboveExtent.x +
-                                                              ax)];
+                        return above[static_cast<std::size_t>(
+                            ((c * aboveExtent.z + z) * aboveExtent.y + ay) * aboveExtent.x + ax)];
                     };
-                    double const mean = (at(2 * x, 2 * y) + at(2 * x + 1, 2 * y) + at(2 * x, 2 * y + 1) +
-                                         at(2 * x + 1, 2 * y + 1)) /
-                                        4.0;
+                    double const mean =
+                        (at(2 * x, 2 * y) + at(2 * x + 1, 2 * y) + at(2 * x, 2 * y + 1) + at(2 * x + 1, 2 * y + 1)) /
+                        4.0;
                     double const top = type == TiffSampleType::UInt8 ? 255.0 : 65535.0;
-                    values.push_back(type == TiffSampleType::Float32 ? static_cast<double>(static_cast<float>(mean))
-                                                                     : std::min(top, std::max(0.0, std::floor(mean + 0.5))));
+                    values.push_back(type == TiffSampleType::Float32
+                                         ? static_cast<double>(static_cast<float>(mean))
+                                         : std::min(top, std::max(0.0, std::floor(mean + 0.5))));
                 }
     return values;
 }
@@ -186,7 +186,8 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
         // 8-bit RGB as one interleaved page whose one channel takes the first name, to which the
         // reader adds the colours.
         bool const plain = test.how.format == Format::Tiff;
-        bool const rgb = test.channels == 3 && (plain || (test.how.format == Format::OmeTiff && test.how.type == T::UInt8));
+        bool const rgb =
+            test.channels == 3 && (plain || (test.how.format == Format::OmeTiff && test.how.type == T::UInt8));
         for (long long c = 0; c < test.channels; ++c)
         {
             std::string const colour = c == 0 ? "Red" : c == 1 ? "Green" : "Blue";
@@ -372,10 +373,11 @@ TEST(Writers, ProgressCountsEveryTileOfEveryLevel)
     {
         std::vector<std::pair<long long, long long>> calls;
         Written const how{format, TiffSampleType::UInt8, TiffCompression::Deflate, ZarrCompression::Zstd, 32, 2};
-        ASSERT_TRUE(write(how, *image, pathFor(directory.path("out"), format), [&calls](long long done, long long total) {
-            calls.emplace_back(done, total);
-            return true;
-        }));
+        ASSERT_TRUE(
+            write(how, *image, pathFor(directory.path("out"), format), [&calls](long long done, long long total) {
+                calls.emplace_back(done, total);
+                return true;
+            }));
         // 4 x 4 tiles, then 50 x 50 in 2 x 2, then 25 x 25 in one.
         ASSERT_EQ(calls.size(), 21u);
         for (std::size_t i = 0; i < calls.size(); ++i)
@@ -416,7 +418,8 @@ TEST(Writers, BadOptionsAreRefusedBeforeAnythingIsWritten)
          "writePyramidalTiff: the tile size must be a multiple of 16 from 16 to 65536, not 100"},
         {tiff([](auto& o) { o.tileSize = 0; }),
          "writePyramidalTiff: the tile size must be a multiple of 16 from 16 to 65536, not 0"},
-        {tiff([](auto& o) { o.deflateLevel = 0; }), "writePyramidalTiff: the Deflate level must be from 1 to 12, not 0"},
+        {tiff([](auto& o) { o.deflateLevel = 0; }),
+         "writePyramidalTiff: the Deflate level must be from 1 to 12, not 0"},
         {tiff([](auto& o) { o.zstdLevel = 23; }), "writePyramidalTiff: the zstd level must be from 1 to 22, not 23"},
         {tiff([](auto& o) { o.jpegQuality = 0; }), "writePyramidalTiff: the JPEG quality must be from 1 to 100, not 0"},
         {tiff([](auto& o) { o.threads = -1; }), "writePyramidalTiff: the number of threads must not be negative"},
@@ -428,7 +431,9 @@ TEST(Writers, BadOptionsAreRefusedBeforeAnythingIsWritten)
          "writePyramidalTiff: JPEG compression needs uint8 samples"},
         {tiff([](auto& o) { o.compression = TiffCompression::JPEG; }, &twoChannels),
          "writePyramidalTiff: JPEG compression needs 1 (grey) or 3 (RGB) channels, the image has 2"},
-        {tiff([](auto& o) { o.channelRanges = {ValueRange<double>(0.0, 1.0), ValueRange<double>(0.0, 2.0)}; }),
+        {tiff([](auto& o) {
+             o.channelRanges = {ValueRange<double>(0.0, 1.0), ValueRange<double>(0.0, 2.0)};
+         }),
          "writePyramidalTiff: there are 2 channel ranges for 1 channels"},
         {tiff([](auto& o) { o.channelRanges = {ValueRange<double>(0.0, -1.0)}; }), integerRange},
         {tiff([](auto& o) { o.valueRange = ValueRange<double>(1.0, 1.0); }), integerRange},
@@ -459,11 +464,13 @@ TEST(Writers, BadOptionsAreRefusedBeforeAnythingIsWritten)
     });
     EXPECT_EQ(messageOf([&] { floats(directory.path("float.tif")); }), "(nothing thrown)");
     std::string const nowhere = directory.path("missing/out");
-    EXPECT_EQ(messageOf([&] { Nuvek::writePyramidalTiff(image, nowhere); })
-                  .rfind("writePyramidalTiff: " + nowhere + ": cannot create a file beside it", 0),
+    EXPECT_EQ(messageOf([&] {
+                  Nuvek::writePyramidalTiff(image, nowhere);
+              }).rfind("writePyramidalTiff: " + nowhere + ": cannot create a file beside it", 0),
               0u);
-    EXPECT_EQ(messageOf([&] { Nuvek::writeOmeZarr(image, nowhere); })
-                  .rfind("writeOmeZarr: " + nowhere + ": cannot create a folder beside it", 0),
+    EXPECT_EQ(messageOf([&] {
+                  Nuvek::writeOmeZarr(image, nowhere);
+              }).rfind("writeOmeZarr: " + nowhere + ": cannot create a folder beside it", 0),
               0u);
 }
 
@@ -595,10 +602,9 @@ TEST(Writers, OmeTiffKeepsFullResolutionPagesInTheMainChainAndDescribesThem)
     ASSERT_EQ(TIFFGetField(tiff, TIFFTAG_IMAGEDESCRIPTION, &description), 1);
     std::string const xml = description;
     TIFFClose(tiff);
-    for (std::string const part :
-         {"Name=\"a&amp;b &lt;c&gt;\"", "Name=\"&quot;q&quot; &apos;r&apos; \"", "Name=\"names\"",
-          "DimensionOrder=\"XYCZT\"", "SizeZ=\"2\"", "PhysicalSizeX=\"0.5\" PhysicalSizeXUnit=\"\xc2\xb5m\"",
-          "PhysicalSizeZ=\"3\""})
+    for (std::string const part : {"Name=\"a&amp;b &lt;c&gt;\"", "Name=\"&quot;q&quot; &apos;r&apos; \"",
+                                   "Name=\"names\"", "DimensionOrder=\"XYCZT\"", "SizeZ=\"2\"",
+                                   "PhysicalSizeX=\"0.5\" PhysicalSizeXUnit=\"\xc2\xb5m\"", "PhysicalSizeZ=\"3\""})
         EXPECT_NE(xml.find(part), std::string::npos) << part << " in " << xml;
 }
 
@@ -631,8 +637,8 @@ TEST(Writers, FilesOpenInTiffinfoAndOpenSlide)
             output.append(buffer, read);
         EXPECT_EQ(pclose(pipe), 0) << output;
         EXPECT_EQ(output.find("rror"), std::string::npos) << output;
-        for (std::string const part :
-             {"Image Width: 512 Image Length: 384", "Image Width: 128 Image Length: 96", "Tile Width: 128 Tile Length: 128"})
+        for (std::string const part : {"Image Width: 512 Image Length: 384", "Image Width: 128 Image Length: 96",
+                                       "Tile Width: 128 Tile Length: 128"})
             EXPECT_NE(output.find(part), std::string::npos) << output;
 
         Nuvek::SlideImage slide(path);

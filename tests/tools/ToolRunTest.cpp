@@ -11,7 +11,11 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -141,6 +145,16 @@ TEST_F(ToolRun, BoxAndLevelSelectWhatIsWritten)
 
 TEST_F(ToolRun, BadUsageExitsWithTwoAndLeavesNoOutput)
 {
+    // A port taken by another listener, for the viewer to find in use.
+    int const socket = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(0, ::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    ASSERT_EQ(0, ::listen(socket, 1));
+    ASSERT_EQ(0, ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length));
+    int const busyPort = ntohs(address.sin_port);
     struct Case
     {
         std::string arguments;
@@ -175,6 +189,20 @@ TEST_F(ToolRun, BadUsageExitsWithTwoAndLeavesNoOutput)
          "zarr output takes --compression none, deflate (zarr's zlib) or zstd, not jpeg."},
         {"run " + input + " " + path("no/such/dir/out.tif") + " --chain clamp", "writePyramidalTiff"},
         {"frobnicate", "unknown command 'frobnicate'"},
+        {"view", "nuvek view: expected one INPUT; 'nuvek view --help' shows the usage.\n"},
+        {"view " + input + " --port 70000",
+         "nuvek view: --port must be a whole number from 0 to 65535, got '70000'.\n"},
+        {"view " + input + " --threads 0", "nuvek view: --threads must be a whole number from 1 to 1024, got '0'.\n"},
+        {"view " + input + " --cache-mb lots",
+         "nuvek view: --cache-mb must be a whole number from 1 to 1048576, got 'lots'.\n"},
+        {"view " + input + " --zoom 2", "nuvek view: unknown option --zoom.\n"},
+        {"view " + input + " --chain", "nuvek view: --chain needs a value.\n"},
+        {"view " + input + " --chain 'gaussian x'",
+         "nuvek view: --chain 'gaussian x': gaussian: parameter 'k' must be a whole number, got 'x'.\n"},
+        {"view " + path("missing.tif"), path("missing.tif")},
+        {"view " + input + " --port " + std::to_string(busyPort),
+         "nuvek view: cannot listen on 127.0.0.1:" + std::to_string(busyPort) +
+             " (in use, or not an address of this machine); choose another with --port or --host.\n"},
     };
     for (Case const& test : cases)
     {
@@ -183,6 +211,7 @@ TEST_F(ToolRun, BadUsageExitsWithTwoAndLeavesNoOutput)
         EXPECT_NE(outcome.errors.find(test.message), std::string::npos) << test.arguments << ": " << outcome.errors;
         EXPECT_FALSE(std::filesystem::exists(output)) << test.arguments;
     }
+    ::close(socket);
     EXPECT_FALSE(std::filesystem::exists(path("never.ome.zarr")));
     // Nothing but the input is left in the folder (no temporary files either).
     for (auto const& entry : std::filesystem::directory_iterator(directory))
