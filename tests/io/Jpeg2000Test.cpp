@@ -141,41 +141,61 @@ std::vector<double> expectedRgb(Box const& box, long long width, long long heigh
 
 } // namespace
 
+// Lossless JPEG 2000 tiles of each kind read exactly at every level, 0 outside: RGB (33005),
+// YCbCr with half-resolution chroma (33003; neutral chroma makes every channel the luma) and plain
+// codestreams (34712); and an Aperio slide whose level 1 is no exact power of two, read through its
+// page (one thread: OpenSlide 3's JPEG 2000 path frees under glib's futex locks, which
+// ThreadSanitizer cannot see).
 TEST(Jpeg2000, LosslessTilesOfEveryKindReadExactly)
 {
-    NuvekTest::TemporaryDirectory directory;
-    auto value = [](long long p, long long x, long long y, long long c) { return sampleOf(p, x, y, c); };
-    for (std::uint16_t compression : {33005, 34712})
+    struct Case
     {
-        std::string const path = directory.path("j2k" + std::to_string(compression) + ".tif");
-        writeJpeg2000Tiff(path, {{150, 100}, {75, 50}}, compression, "", {1, 1, 1}, value);
-        TiffImage image(path);
-        ASSERT_EQ(image.getNumChannels(), 3);
-        ASSERT_EQ(image.getNumLevels(), 2);
-        for (long long level : {0, 1})
+        std::uint16_t compression;
+        std::vector<J2kPage> pages;
+        std::vector<int> step;
+        bool slide;
+    };
+    std::string const aperio = "Aperio Image Library v12.0.15\r\n301x261 [0,0 301x261] (64x64) J2K/KDU Q=70|MPP = 0.5";
+    std::vector<Case> const cases = {
+        {33005, {{150, 100}, {75, 50}}, {1, 1, 1}, false},
+        {34712, {{150, 100}, {75, 50}}, {1, 1, 1}, false},
+        {33003, {{100, 70}}, {1, 2, 2}, false},
+        {33005, {{301, 261}, {150, 130}}, {1, 1, 1}, true},
+    };
+    NuvekTest::TemporaryDirectory directory;
+    for (Case const& test : cases)
+    {
+        bool const subsampled = test.step[1] > 1;
+        auto value = [subsampled](long long p, long long x, long long y, long long c) {
+            return subsampled && c > 0 ? 128 : sampleOf(p, x, y, c);
+        };
+        std::string const name = std::to_string(test.compression) + (test.slide ? " slide" : "");
+        std::string const path = directory.path(name + (test.slide ? ".svs" : ".tif"));
+        writeJpeg2000Tiff(path, test.pages, test.compression, test.slide ? aperio : "", test.step, value);
+        std::unique_ptr<Nuvek::Image> image;
+        if (test.slide)
         {
-            Box const box = Box(image.getExtent(level)).expanded(Vector(3, 2, 0));
-            auto stored = [level](long long x, long long y, long long c) { return sampleOf(level, x, y, c); };
-            Vector const extent = image.getExtent(level);
-            EXPECT_TRUE(NuvekTest::sameBits(expectedRgb(box, extent.x, extent.y, stored),
-                                            NuvekTest::openTiled(image, level, box, {17, 64}, {9, 70}, 2), box,
-                                            "compression " + std::to_string(compression)));
+            auto slide = std::make_unique<SlideImage>(path);
+            ASSERT_EQ(slide->getProperty("openslide.vendor"), "aperio");
+            image = std::move(slide);
+        }
+        else
+            image = std::make_unique<TiffImage>(path);
+        ASSERT_EQ(image->getNumChannels(), 3) << name;
+        ASSERT_EQ(image->getNumLevels(), static_cast<long long>(test.pages.size())) << name;
+        for (long long level = 0; level < image->getNumLevels(); ++level)
+        {
+            Vector const extent = image->getExtent(level);
+            Box const box = Box(extent).expanded(Vector(3, 2, 0));
+            auto stored = [&](long long x, long long y, long long c) {
+                return static_cast<double>(sampleOf(level, x, y, subsampled ? 0 : c));
+            };
+            EXPECT_TRUE(
+                NuvekTest::sameBits(expectedRgb(box, extent.x, extent.y, stored),
+                                    NuvekTest::openTiled(*image, level, box, {17, 64}, {9, 70}, test.slide ? 1 : 2),
+                                    box, name + " level " + std::to_string(level)));
         }
     }
-}
-
-TEST(Jpeg2000, AperioYCbCrWithSubsampledChromaBecomesRgb)
-{
-    NuvekTest::TemporaryDirectory directory;
-    // Neutral chroma (Cb = Cr = 128) at half resolution: every channel is the luma.
-    std::string const path = directory.path("ycbcr.tif");
-    auto value = [](long long p, long long x, long long y, long long c) { return c == 0 ? sampleOf(p, x, y, 0) : 128; };
-    writeJpeg2000Tiff(path, {{100, 70}}, 33003, "", {1, 2, 2}, value);
-    TiffImage image(path);
-    Box const box(Vector(-1, 0, 0), Vector(100, 69, 0));
-    auto luma = [](long long x, long long y, long long) { return static_cast<double>(sampleOf(0, x, y, 0)); };
-    EXPECT_TRUE(NuvekTest::sameBits(expectedRgb(box, 100, 70, luma), NuvekTest::openWhole(image, 0, box), box,
-                                    "neutral chroma"));
 }
 
 TEST(Jpeg2000, DamagedCodestreamsFailNamingTheBlock)
@@ -192,28 +212,4 @@ TEST(Jpeg2000, DamagedCodestreamsFailNamingTheBlock)
     TiffImage image(path);
     std::string const message = NuvekTest::messageOf([&] { NuvekTest::openWhole(image, 0, Box(Vector(64, 64, 1))); });
     EXPECT_EQ(message.rfind("TiffImage: " + path + ": cannot decode block 0: JPEG 2000: ", 0), 0u) << message;
-}
-
-TEST(Jpeg2000, SlideLevelsOfNoExactPowerOfTwoReadThroughTheirPages)
-{
-    NuvekTest::TemporaryDirectory directory;
-    std::string const path = directory.path("aperio.svs");
-    auto value = [](long long p, long long x, long long y, long long c) { return sampleOf(p, x, y, c); };
-    // Downsample about 2.007: OpenSlide reads level 0, the TIFF page level 1. One thread: OpenSlide
-    // 3's JPEG 2000 path frees under glib's futex locks, which ThreadSanitizer cannot see.
-    writeJpeg2000Tiff(path, {{301, 261}, {150, 130}}, 33005,
-                      "Aperio Image Library v12.0.15\r\n301x261 [0,0 301x261] (64x64) J2K/KDU Q=70|MPP = 0.5",
-                      {1, 1, 1}, value);
-    SlideImage slide(path);
-    ASSERT_EQ(slide.getProperty("openslide.vendor"), "aperio");
-    ASSERT_EQ(slide.getNumLevels(), 2);
-    for (long long level : {0, 1})
-    {
-        Vector const extent = slide.getExtent(level);
-        Box const box = Box(extent).expanded(Vector(1, 1, 0));
-        auto stored = [level](long long x, long long y, long long c) { return sampleOf(level, x, y, c); };
-        EXPECT_TRUE(NuvekTest::sameBits(expectedRgb(box, extent.x, extent.y, stored),
-                                        NuvekTest::openTiled(slide, level, box, {33, 64}, {20, 100}, 1), box,
-                                        "level " + std::to_string(level)));
-    }
 }
