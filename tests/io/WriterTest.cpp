@@ -197,10 +197,10 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
                 << label;
         }
         EXPECT_EQ(file->getVoxelSize(1), Vector(500, 1000, plain ? 1 : 2000)) << label;
-        if (test.how.type == T::Float32)
-        {
-            EXPECT_EQ(file->getValueRange().max, 100.0) << label;
-        }
+        EXPECT_EQ(file->getTileExtent(), Vector(test.how.tile, test.how.tile, 1)) << label;
+        // Integer files cover their type's range; float files keep the image's.
+        double const top = test.how.type == T::UInt8 ? 255.0 : test.how.type == T::UInt16 ? 65535.0 : 100.0;
+        EXPECT_EQ(file->getValueRange().max, top) << label;
 
         Box const whole(test.extent);
         std::vector<double> expected;
@@ -267,6 +267,12 @@ TEST(Writers, OneRequestPerTileAndTheSameBytesOnAnyNumberOfThreads)
             {
                 first = NuvekTest::contentsOf(folder);
                 EXPECT_EQ(image.requests().size(), test.requests) << index;
+                // A group with one array per level, chunks named level/c/z/y/x.
+                if (how.format == Format::Zarr)
+                {
+                    EXPECT_EQ(first.count("out.ome.zarr/.zgroup"), 1u);
+                    EXPECT_EQ(first.count("out.ome.zarr/1/2/0/0/1"), 1u);
+                }
             }
             else
                 EXPECT_EQ(NuvekTest::contentsOf(folder), first) << index << ", " << threads << " threads";
