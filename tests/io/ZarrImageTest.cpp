@@ -75,3 +75,26 @@ TEST(ZarrImage, APlainArrayReadsItsChunksAndFillsTheMissingOnes)
     EXPECT_EQ(at(4, 3, 1), 9.0);
     EXPECT_EQ(at(6, 4, 1), 9.0);
 }
+
+TEST(ZarrImage, IntegerArraysCoverTheRangeOfTheirType)
+{
+    struct Case
+    {
+        std::string dtype;
+        double min;
+        double max;
+    };
+    Case const cases[] = {
+        {"|u1", 0.0, 255.0}, {"<i2", -32768.0, 32767.0}, {"|i1", -128.0, 127.0}, {">i4", -2147483648.0, 2147483647.0}};
+    NuvekTest::TemporaryDirectory directory;
+    for (Case const& test : cases)
+    {
+        std::string const path = directory.path(test.dtype.substr(1) + ".zarr");
+        writeText(path + "/.zarray",
+                  R"({"zarr_format": 2, "shape": [4, 4], "chunks": [4, 4], "compressor": null, "dtype": ")" +
+                      test.dtype + "\"}");
+        ZarrImage image(path);
+        EXPECT_EQ(image.getValueRange().min, test.min) << test.dtype;
+        EXPECT_EQ(image.getValueRange().max, test.max) << test.dtype;
+    }
+}
