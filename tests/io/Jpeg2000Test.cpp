@@ -36,7 +36,7 @@ OPJ_SIZE_T appendBytes(void* buffer, OPJ_SIZE_T bytes, void* user)
 }
 
 // A lossless raw J2K codestream of one tile; component c is sampled every `step[c]` voxels.
-std::vector<unsigned char> encodeTile(long long width, long long height,
+std::vector<unsigned char> encodeTile(long long width, long long height, int bits,
                                       std::function<int(long long, long long, long long)> const& value,
                                       std::vector<int> const& step)
 {
@@ -48,7 +48,7 @@ std::vector<unsigned char> encodeTile(long long width, long long height,
         parameters[c].dy = static_cast<OPJ_UINT32>(step[c]);
         parameters[c].w = static_cast<OPJ_UINT32>((width + step[c] - 1) / step[c]);
         parameters[c].h = static_cast<OPJ_UINT32>((height + step[c] - 1) / step[c]);
-        parameters[c].prec = 8;
+        parameters[c].prec = static_cast<OPJ_UINT32>(bits);
     }
     opj_image_t* image =
         opj_image_create(static_cast<OPJ_UINT32>(step.size()), parameters.data(), OPJ_CLRSPC_UNSPECIFIED);
@@ -88,7 +88,7 @@ struct J2kPage
 };
 
 // A tiled RGB TIFF whose tiles are J2K codestreams of `compression` (33003, 33005 or 34712).
-void writeJpeg2000Tiff(std::string const& path, std::vector<J2kPage> const& pages, std::uint16_t compression,
+void writeJpeg2000Tiff(std::string const& path, std::vector<J2kPage> const& pages, std::uint16_t compression, int bits,
                        std::string const& description, std::vector<int> const& step,
                        std::function<int(long long, long long, long long, long long)> const& value)
 {
@@ -99,7 +99,7 @@ void writeJpeg2000Tiff(std::string const& path, std::vector<J2kPage> const& page
         TIFFSetField(tiff, TIFFTAG_SUBFILETYPE, p == 0 ? 0 : FILETYPE_REDUCEDIMAGE);
         TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, pages[p].width);
         TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, pages[p].height);
-        TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
+        TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bits);
         TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 3);
         TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
         TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
@@ -114,7 +114,7 @@ void writeJpeg2000Tiff(std::string const& path, std::vector<J2kPage> const& page
                 auto tileValue = [&](long long x, long long y, long long c) {
                     return value(static_cast<long long>(p), tileX + x, tileY + y, c);
                 };
-                std::vector<unsigned char> bytes = encodeTile(64, 64, tileValue, step);
+                std::vector<unsigned char> bytes = encodeTile(64, 64, bits, tileValue, step);
                 ttile_t const index = TIFFComputeTile(tiff, tileX, tileY, 0, 0);
                 ASSERT_GE(TIFFWriteRawTile(tiff, index, bytes.data(), static_cast<tmsize_t>(bytes.size())), 0);
             }
@@ -154,6 +154,7 @@ TEST(Jpeg2000, LosslessTilesOfEveryKindReadExactly)
         std::vector<J2kPage> pages;
         std::vector<int> step;
         bool slide;
+        int bits = 8;
     };
     std::string const aperio = "Aperio Image Library v12.0.15\r\n301x261 [0,0 301x261] (64x64) J2K/KDU Q=70|MPP = 0.5";
     std::vector<Case> const cases = {
@@ -161,17 +162,21 @@ TEST(Jpeg2000, LosslessTilesOfEveryKindReadExactly)
         {34712, {{150, 100}, {75, 50}}, {1, 1, 1}, false},
         {33003, {{100, 70}}, {1, 2, 2}, false},
         {33005, {{301, 261}, {150, 130}}, {1, 1, 1}, true},
+        {33005, {{90, 70}}, {1, 1, 1}, false, 16},
     };
     NuvekTest::TemporaryDirectory directory;
     for (Case const& test : cases)
     {
         bool const subsampled = test.step[1] > 1;
-        auto value = [subsampled](long long p, long long x, long long y, long long c) {
-            return subsampled && c > 0 ? 128 : sampleOf(p, x, y, c);
+        // 16-bit samples reach past 8 bits in every byte.
+        int const scale = test.bits == 16 ? 199 : 1;
+        auto value = [subsampled, scale](long long p, long long x, long long y, long long c) {
+            return subsampled && c > 0 ? 128 : scale * sampleOf(p, x, y, c) + (scale > 1 ? static_cast<int>(c) : 0);
         };
-        std::string const name = std::to_string(test.compression) + (test.slide ? " slide" : "");
+        std::string const name =
+            std::to_string(test.compression) + (test.slide ? " slide" : "") + " " + std::to_string(test.bits) + " bits";
         std::string const path = directory.path(name + (test.slide ? ".svs" : ".tif"));
-        writeJpeg2000Tiff(path, test.pages, test.compression, test.slide ? aperio : "", test.step, value);
+        writeJpeg2000Tiff(path, test.pages, test.compression, test.bits, test.slide ? aperio : "", test.step, value);
         std::unique_ptr<Nuvek::Image> image;
         if (test.slide)
         {
@@ -188,7 +193,7 @@ TEST(Jpeg2000, LosslessTilesOfEveryKindReadExactly)
             Vector const extent = image->getExtent(level);
             Box const box = Box(extent).expanded(Vector(3, 2, 0));
             auto stored = [&](long long x, long long y, long long c) {
-                return static_cast<double>(sampleOf(level, x, y, subsampled ? 0 : c));
+                return static_cast<double>(value(level, x, y, subsampled ? 0 : c));
             };
             EXPECT_TRUE(
                 NuvekTest::sameBits(expectedRgb(box, extent.x, extent.y, stored),
@@ -203,7 +208,7 @@ TEST(Jpeg2000, DamagedCodestreamsFailNamingTheBlock)
     NuvekTest::TemporaryDirectory directory;
     std::string const path = directory.path("damaged.tif");
     auto value = [](long long p, long long x, long long y, long long c) { return sampleOf(p, x, y, c); };
-    writeJpeg2000Tiff(path, {{64, 64}}, 33005, "", {1, 1, 1}, value);
+    writeJpeg2000Tiff(path, {{64, 64}}, 33005, 8, "", {1, 1, 1}, value);
     std::vector<unsigned char> bytes = NuvekTest::readBytes(path);
     // The codestream follows the 8-byte header: break its first marker segment.
     for (std::size_t i = 8; i < 40; ++i)

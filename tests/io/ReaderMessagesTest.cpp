@@ -204,6 +204,8 @@ TEST(ReaderMessages, BadFilesNameTheFileAndTheProblem)
          zarray("{" + valid.substr(0, valid.find("\"compressor\"")) +
                 R"("dtype": "<u1", "compressor": {"id": "lz4"}})"),
          "ZarrImage: @: .zarray: the compressor \"lz4\" is not supported"},
+        {Reader::Zarr, zarray("{" + valid + R"(, "dtype": "<f4", "fill_value": "-Inf"})"),
+         "ZarrImage: @: .zarray: \"fill_value\" is not a number"},
         {Reader::Zarr,
          group(R"({"multiscales": [{"axes": [{"name": "y"}, {"name": "q"}], "datasets": [{"path": "0"}]}]})"),
          "ZarrImage: @: the axis \"q\" is not one of t, c, z, y, x"},

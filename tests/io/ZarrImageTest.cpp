@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -74,6 +75,27 @@ TEST(ZarrImage, APlainArrayReadsItsChunksAndFillsTheMissingOnes)
     EXPECT_EQ(at(6, 2, 1), 1000.0 + 10.0 + (2 * 4 + 2));
     EXPECT_EQ(at(4, 3, 1), 9.0);
     EXPECT_EQ(at(6, 4, 1), 9.0);
+}
+
+TEST(ZarrImage, MissingChunksTakeTheFillValueWrittenInAnyOfItsForms)
+{
+    NuvekTest::TemporaryDirectory directory;
+    for (std::string const fill : {"\"NaN\"", "\"Infinity\"", "\"-Infinity\"", "true", "-2.5"})
+    {
+        std::string const path = directory.path("fill" + std::to_string(fill.size()) + ".zarr");
+        writeText(path + "/.zarray", R"({"zarr_format": 2, "shape": [2, 3], "chunks": [2, 3], "dtype": "<f8",
+            "compressor": null, "fill_value": )" +
+                                         fill + "}");
+        ZarrImage image(path);
+        std::vector<double> const values = NuvekTest::openWhole(image, 0, Box(Vector(3, 2, 1)));
+        double const expected = fill == "\"NaN\""         ? std::nan("")
+                                : fill == "\"Infinity\""  ? HUGE_VAL
+                                : fill == "\"-Infinity\"" ? -HUGE_VAL
+                                : fill == "true"          ? 1.0
+                                                          : -2.5;
+        for (double value : values)
+            EXPECT_TRUE(std::isnan(expected) ? std::isnan(value) : value == expected) << fill << ": " << value;
+    }
 }
 
 TEST(ZarrImage, IntegerArraysCoverTheRangeOfTheirType)
