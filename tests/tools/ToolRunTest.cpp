@@ -10,6 +10,7 @@
 #include "support/VoxelCompare.h"
 
 #include <gtest/gtest.h>
+#include <png.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -17,6 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -385,4 +387,32 @@ TEST_F(ToolRun, InfoAndFiltersDescribeWhatIsThere)
     EXPECT_EQ(filters.status, 0);
     EXPECT_NE(filters.output.find("gaussian k"), std::string::npos) << filters.output;
     EXPECT_EQ(nuvek("run --help").status, 0);
+}
+
+TEST_F(ToolRun, ThePreviewShowsAColourOutputInItsOwnRange)
+{
+    Outcome const outcome =
+        nuvek("run " + input + " " + path("out.tif") + " --quiet --chain clamp --preview " + path("preview.png"));
+    ASSERT_EQ(outcome.status, 0) << outcome.errors;
+    png_image png{};
+    png.version = PNG_IMAGE_VERSION;
+    ASSERT_TRUE(png_image_begin_read_from_file(&png, path("preview.png").c_str()));
+    png.format = PNG_FORMAT_RGB;
+    std::vector<unsigned char> pixels(PNG_IMAGE_SIZE(png));
+    ASSERT_TRUE(png_image_finish_read(&png, nullptr, pixels.data(), 0, nullptr));
+    // Level 0 fits in 512 x 512; values of 0 to 255 show as themselves, rounded.
+    ASSERT_EQ(png.width, 301u);
+    ASSERT_EQ(png.height, 259u);
+    Box const whole(Vector(301, 259, 1));
+    std::vector<double> const values = expectedOutput(input, "clamp", whole);
+    long long mismatches = 0;
+    for (long long c = 0; c < 3; ++c)
+        for (long long i = 0; i < whole.getSize(); ++i)
+        {
+            double const shown = pixels[static_cast<std::size_t>(i * 3 + c)];
+            // The preview may round the float or the double value: they differ at halves only.
+            mismatches +=
+                std::fabs(shown - std::floor(values[static_cast<std::size_t>(c * whole.getSize() + i)] + 0.5)) > 1.0;
+        }
+    EXPECT_EQ(mismatches, 0);
 }
