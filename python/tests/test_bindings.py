@@ -141,8 +141,6 @@ def test_constructor_variants_and_metadata_reach_the_library(rng):
 
     resized = nuvek.VoxelSizeModificationFilter(source, (3, 4, 5))
     assert resized.get_voxel_size(0) == (3, 4, 5) and resized.get_voxel_size(2) == (12, 16, 5)
-    resized.set_voxel_size_at_level0((1, 2, 3))
-    assert resized.get_voxel_size(1) == (2, 4, 3)
     assert nuvek.VoxelSizeModificationFilter(source).get_voxel_size(1) == (2, 2, 1)
 
     other = nuvek.MemoryImage(integers(rng, high=3))
@@ -171,17 +169,6 @@ class TestMemoryImage:
             assert image.get_extent(0) == (9, 6, 1) and image.get_num_channels() == 1
             assert same_bits(image.open_region(0, whole(image))[0, 0], plane.astype(np.float64))
 
-    def test_levels_are_block_means_and_outside_reads_zero(self, rng):
-        values = rng.uniform(size=(1, 1, 6, 9))
-        image = nuvek.MemoryImage(values)
-        level1 = image.open_region(1, whole(image, 1))[0, 0]
-        blocks = values[0, 0, :6, :8].reshape(3, 2, 4, 2)
-        expected = ((blocks[:, 0, :, 0] + blocks[:, 0, :, 1]) + blocks[:, 1, :, 0] + blocks[:, 1, :, 1]) / 4
-        assert np.allclose(level1, expected, rtol=0, atol=1e-15)
-        around = image.open_region(0, ((-2, -2, 0), (10, 7, 0)))[0, 0]
-        assert np.all(around[:2] == 0) and np.all(around[:, -2:] == 0)
-        assert same_bits(around[2:8, 2:11], values[0, 0])
-
     def test_bad_arrays_are_value_errors(self):
         with pytest.raises(ValueError, match=r"shape \(channels, z, y, x\) or \(y, x\), got \(2, 3, 4\)"):
             nuvek.MemoryImage(np.zeros((2, 3, 4)))
@@ -190,23 +177,6 @@ class TestMemoryImage:
         image = nuvek.MemoryImage(np.zeros((3, 4)))
         with pytest.raises(ValueError, match=r"shape \(4, 3\) differs"):
             image.set_values(np.zeros((4, 3)))
-
-    def test_setters_change_values_names_and_hash(self, rng):
-        image = nuvek.MemoryImage((4, 3, 1), 2)
-        assert not image.open_region(0, whole(image)).any()
-        before = image.get_hash()
-        values = rng.uniform(size=(2, 1, 3, 4))
-        image.set_values(values)
-        assert image.get_hash() != before
-        assert same_bits(image.get_values(), values)
-        image.set_value((1, 2, 0), 1, -5.0)
-        assert image.open_region(0, whole(image))[1, 0, 2, 1] == -5.0
-        image.set_channel_names(["Red", "Green"])
-        assert image.get_channel_names() == ["Red", "Green"]
-        image.set_value_range((-1, 7))
-        assert image.get_value_range() == (-1.0, 7.0)
-        with pytest.raises(RuntimeError, match="^MemoryImage: expected 2 channel names, got 1"):
-            image.set_channel_names(["One"])
 
     def test_open_region_fills_a_given_array(self, rng):
         values = rng.uniform(size=(2, 1, 6, 7))
@@ -234,18 +204,18 @@ class TestErrors:
             (lambda: nuvek.BoxFilter(source, 4), "Kernel size must be odd."),
             (lambda: nuvek.ChannelFilter(source, "Blue"), 'No channel named "Blue" found.'),
             (lambda: source.open_region(-1, whole(source)), "MemoryImage: the level must not be negative."),
-            (lambda: nuvek.LBPFilter(nuvek.MemoryImage(np.zeros((2, 1, 3, 3)))), None),
-            (lambda: nuvek.TiffImage("/nonexistent/a.tif"), None),
+            (lambda: nuvek.LBPFilter(nuvek.MemoryImage(np.zeros((2, 1, 3, 3)))), "^Error: "),
+            (lambda: nuvek.TiffImage("/nonexistent/a.tif"), "^TiffImage: /nonexistent/a.tif: "),
+            (lambda: nuvek.MemoryImage((4, 3, 1), 2).set_channel_names(["One"]),
+             "MemoryImage: expected 2 channel names, got 1."),
         ]
         for make, message in cases:
             with pytest.raises(RuntimeError) as caught:
                 make()
-            if message is not None:
+            if message.startswith("^"):
+                assert str(caught.value).startswith(message[1:])
+            else:
                 assert str(caught.value) == message
-        with pytest.raises(RuntimeError, match="^Error: ") as caught:
-            nuvek.LBPFilter(nuvek.MemoryImage(np.zeros((2, 1, 3, 3))))
-        with pytest.raises(RuntimeError, match="^TiffImage: /nonexistent/a.tif: "):
-            nuvek.TiffImage("/nonexistent/a.tif")
 
     def test_an_error_inside_open_region_reaches_the_caller(self):
         # A channel index beyond the input is found only when a region is opened.
@@ -439,20 +409,6 @@ class TestThreads:
         # intervals (5 ms each) around it: well under a tenth of its pace over the whole call.
         assert turns > 0.1 * rate * seconds[0], (turns, rate, seconds)
 
-    def test_local_normalization_is_safe_from_many_threads(self, rng):
-        # Large tiles over a fine background level, four threads in one filter at once: a work
-        # buffer shared between calls would spoil about one tile in six here.
-        values = grey(rng, y=512, x=512, special=False)
-        reference = nuvek.LocalNormalizationFilter(nuvek.MemoryImage(values), 1)
-        tiles = [((x, y, 0), (x + 127, y + 127, 0)) for x in range(0, 512, 128) for y in range(0, 512, 128)] * 4
-        for build in (lambda s: nuvek.LocalNormalizationFilter(s, 1), lambda s: nuvek.Chain("localnorm 1", s).output):
-            shared = build(nuvek.MemoryImage(values))
-            with ThreadPoolExecutor(4) as pool:
-                results = list(pool.map(lambda box: shared.open_region(0, box), tiles))
-            for box, tile in zip(tiles, results):
-                assert same_bits(tile, reference.open_region(0, box))
-
-
 class TestFiles:
     def test_tiff_and_slide_sources_read_what_was_written(self, rng, tmp_path):
         rgb = rng.integers(0, 256, size=(300, 260, 3), dtype=np.uint8)
@@ -462,17 +418,10 @@ class TestFiles:
         assert isinstance(image, nuvek.TiffImage)
         assert image.get_channel_names() == ["Red", "Green", "Blue"]
         assert same_bits(image.open_region(0, whole(image)), np.moveaxis(rgb, 2, 0)[:, np.newaxis].astype(np.float64))
-
         pyramid = tmp_path / "pyramid.tif"
         assert nuvek.write_pyramidal_tiff(image, str(pyramid), tile_size=64, sample_type="uint8")
         slide = nuvek.SlideImage(str(pyramid))
-        reread = nuvek.TiffImage(str(pyramid))
-        # The slide reader leaves out levels shorter than a tile; the others must agree.
-        levels = [level for level in range(slide.get_num_levels()) if slide.has_level(level)]
-        assert len(levels) >= 2
-        for level in levels:
-            assert same_bits(slide.open_region(level, whole(slide, level)), reread.open_region(level, whole(reread, level)))
-        assert same_bits(reread.open_region(0, whole(reread)), image.open_region(0, whole(image)))
+        assert slide.has_level(1) and same_bits(slide.open_region(0, whole(slide)), image.open_region(0, whole(image)))
 
     def test_writing_floats_keeps_values_and_cancelling_leaves_nothing(self, rng, tmp_path):
         values = rng.normal(size=(2, 1, 70, 90))

@@ -77,17 +77,3 @@ TEST(ImageOpener, TheContentChoosesTheReaderWhateverTheName)
     EXPECT_EQ(slide->getVoxelSize(0), Vector(250, 250, 1));
     EXPECT_EQ(slide->getNumLevels(), 2);
 }
-
-TEST(ImageOpener, MissingFilesAndTimePointsSlidesLackAreRefused)
-{
-    NuvekTest::TemporaryDirectory directory;
-    std::string const missing = directory.path("missing.svs");
-    EXPECT_EQ(NuvekTest::messageOf([&] { Nuvek::openImage(missing); }), "cannot read " + missing + ": no such file.");
-    std::string const folder = directory.path("folder.tif");
-    std::filesystem::create_directory(folder);
-    EXPECT_EQ(NuvekTest::messageOf([&] { Nuvek::openImage(folder); }), "cannot read " + folder + ": no such file.");
-    std::string const slide = directory.path("slide.tif");
-    NuvekTest::writeTiff(slide, tiledRgb("Aperio Image Library v12.0.15\r\n200x130|MPP = 0.25"));
-    EXPECT_EQ(NuvekTest::messageOf([&] { Nuvek::openImage(slide, 1); }),
-              "SlideImage: " + slide + ": there is no time point 1 (a slide has one)");
-}

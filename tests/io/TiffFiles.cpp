@@ -186,6 +186,15 @@ void writeBytes(std::string const& path, std::vector<unsigned char> const& bytes
     file.write(reinterpret_cast<char const*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
+std::map<std::string, std::vector<unsigned char>> contentsOf(std::string const& folder)
+{
+    std::map<std::string, std::vector<unsigned char>> contents;
+    for (auto const& entry : std::filesystem::recursive_directory_iterator(folder))
+        if (entry.is_regular_file())
+            contents[std::filesystem::relative(entry.path(), folder).string()] = readBytes(entry.path().string());
+    return contents;
+}
+
 std::vector<unsigned char> rawTiff(std::vector<RawEntry> entries, std::vector<unsigned char> const& data)
 {
     std::sort(entries.begin(), entries.end(), [](RawEntry const& a, RawEntry const& b) { return a.tag < b.tag; });

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -71,6 +72,9 @@ void writeTiff(std::string const& path, TiffLayout const& layout);
 /// Raw bytes of a file.
 std::vector<unsigned char> readBytes(std::string const& path);
 void writeBytes(std::string const& path, std::vector<unsigned char> const& bytes);
+
+/// Every file below a folder, by relative path, with its bytes.
+std::map<std::string, std::vector<unsigned char>> contentsOf(std::string const& folder);
 
 /// A classic little-endian TIFF with one strip image directory of the given entries (tag, type,
 /// count, value or offset) and `data` placed right after the header; StripOffsets should point at 8.

@@ -10,9 +10,15 @@
 #include "support/VoxelCompare.h"
 
 #include <gtest/gtest.h>
+#include <png.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -141,6 +147,16 @@ TEST_F(ToolRun, BoxAndLevelSelectWhatIsWritten)
 
 TEST_F(ToolRun, BadUsageExitsWithTwoAndLeavesNoOutput)
 {
+    // A port taken by another listener, for the viewer to find in use.
+    int const socket = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(0, ::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    ASSERT_EQ(0, ::listen(socket, 1));
+    ASSERT_EQ(0, ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length));
+    int const busyPort = ntohs(address.sin_port);
     struct Case
     {
         std::string arguments;
@@ -175,6 +191,20 @@ TEST_F(ToolRun, BadUsageExitsWithTwoAndLeavesNoOutput)
          "zarr output takes --compression none, deflate (zarr's zlib) or zstd, not jpeg."},
         {"run " + input + " " + path("no/such/dir/out.tif") + " --chain clamp", "writePyramidalTiff"},
         {"frobnicate", "unknown command 'frobnicate'"},
+        {"view", "nuvek view: expected one INPUT; 'nuvek view --help' shows the usage.\n"},
+        {"view " + input + " --port 70000",
+         "nuvek view: --port must be a whole number from 0 to 65535, got '70000'.\n"},
+        {"view " + input + " --threads 0", "nuvek view: --threads must be a whole number from 1 to 1024, got '0'.\n"},
+        {"view " + input + " --cache-mb lots",
+         "nuvek view: --cache-mb must be a whole number from 1 to 1048576, got 'lots'.\n"},
+        {"view " + input + " --zoom 2", "nuvek view: unknown option --zoom.\n"},
+        {"view " + input + " --chain", "nuvek view: --chain needs a value.\n"},
+        {"view " + input + " --chain 'gaussian x'",
+         "nuvek view: --chain 'gaussian x': gaussian: parameter 'k' must be a whole number, got 'x'.\n"},
+        {"view " + path("missing.tif"), path("missing.tif")},
+        {"view " + input + " --port " + std::to_string(busyPort),
+         "nuvek view: cannot listen on 127.0.0.1:" + std::to_string(busyPort) +
+             " (in use, or not an address of this machine); choose another with --port or --host.\n"},
     };
     for (Case const& test : cases)
     {
@@ -183,6 +213,7 @@ TEST_F(ToolRun, BadUsageExitsWithTwoAndLeavesNoOutput)
         EXPECT_NE(outcome.errors.find(test.message), std::string::npos) << test.arguments << ": " << outcome.errors;
         EXPECT_FALSE(std::filesystem::exists(output)) << test.arguments;
     }
+    ::close(socket);
     EXPECT_FALSE(std::filesystem::exists(path("never.ome.zarr")));
     // Nothing but the input is left in the folder (no temporary files either).
     for (auto const& entry : std::filesystem::directory_iterator(directory))
@@ -356,4 +387,32 @@ TEST_F(ToolRun, InfoAndFiltersDescribeWhatIsThere)
     EXPECT_EQ(filters.status, 0);
     EXPECT_NE(filters.output.find("gaussian k"), std::string::npos) << filters.output;
     EXPECT_EQ(nuvek("run --help").status, 0);
+}
+
+TEST_F(ToolRun, ThePreviewShowsAColourOutputInItsOwnRange)
+{
+    Outcome const outcome =
+        nuvek("run " + input + " " + path("out.tif") + " --quiet --chain clamp --preview " + path("preview.png"));
+    ASSERT_EQ(outcome.status, 0) << outcome.errors;
+    png_image png{};
+    png.version = PNG_IMAGE_VERSION;
+    ASSERT_TRUE(png_image_begin_read_from_file(&png, path("preview.png").c_str()));
+    png.format = PNG_FORMAT_RGB;
+    std::vector<unsigned char> pixels(PNG_IMAGE_SIZE(png));
+    ASSERT_TRUE(png_image_finish_read(&png, nullptr, pixels.data(), 0, nullptr));
+    // Level 0 fits in 512 x 512; values of 0 to 255 show as themselves, rounded.
+    ASSERT_EQ(png.width, 301u);
+    ASSERT_EQ(png.height, 259u);
+    Box const whole(Vector(301, 259, 1));
+    std::vector<double> const values = expectedOutput(input, "clamp", whole);
+    long long mismatches = 0;
+    for (long long c = 0; c < 3; ++c)
+        for (long long i = 0; i < whole.getSize(); ++i)
+        {
+            double const shown = pixels[static_cast<std::size_t>(i * 3 + c)];
+            // The preview may round the float or the double value: they differ at halves only.
+            mismatches +=
+                std::fabs(shown - std::floor(values[static_cast<std::size_t>(c * whole.getSize() + i)] + 0.5)) > 1.0;
+        }
+    EXPECT_EQ(mismatches, 0);
 }

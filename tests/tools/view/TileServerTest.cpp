@@ -3,12 +3,14 @@
 #include "ViewTestServer.h"
 
 #include "view/DisplayMapping.h"
+#include "view/ViewAssets.h"
 
 #include <nuvek/Nuvek.h>
 #include <nuvek/chains/ChainExpression.h>
 #include <nuvek/chains/FilterRegistry.h>
 
 #include "support/FaultyImage.h"
+#include "support/Messages.h"
 #include "support/RandomImages.h"
 
 #include <gtest/gtest.h>
@@ -22,6 +24,8 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <random>
 
@@ -305,6 +309,18 @@ TEST_F(TileServerTest, ThePageAndItsAssetsComeFromMemory)
         EXPECT_EQ(c.body, response->body) << c.path;
         EXPECT_EQ(c.type, response->get_header_value("Content-Type")) << c.path;
     }
+}
+
+TEST(ViewAssetsTest, AMissingViewerFileIsNamed)
+{
+    std::filesystem::path const page =
+        std::filesystem::temp_directory_path() / ("nuvek-view-page-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(page);
+    std::ofstream(page / "index.html") << "<html></html>";
+    EXPECT_EQ(NuvekTest::messageOf([&] { NuvekTool::ViewAssets assets(page.string(), (page / "osd.js").string()); }),
+              "the viewer's file " + (page / "viewer.js").string() +
+                  " is missing: run scripts/install-deps.sh and rebuild, or reinstall nuvek.");
+    std::filesystem::remove_all(page);
 }
 
 TEST_F(TileServerTest, PointValuesAreTheChainsValuesAtOneVoxelWithNaNAsNull)
