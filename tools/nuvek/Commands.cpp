@@ -331,6 +331,11 @@ Options:
   --box X,Y,W,H         process only this box at that level (default: the whole image)
   --tile N              output tile size in voxels, a multiple of 16 (default 512)
   --threads N           worker threads (default: all cores)
+  --cache-mb N          MiB of decoded input tiles kept for the workers, so that each input tile
+                        is decoded once although neighbouring output tiles and threads need it
+                        (default 96: three rows of 512 x 512 RGB tiles of an input 16384 voxels
+                        wide, with room for the threads; 0 keeps none and decodes a tile for
+                        every output tile touching it)
   --type T              uint8, uint16 or float32. Default: the input's own sample type when the chain
                         only selects and clamps ('clamp', 'channel', 'zslice', or '()'), so that
                         values stay as they were; float32 for every other chain
@@ -593,8 +598,8 @@ int runCommand(std::vector<std::string> const& arguments)
         return 0;
     }
     Options const options = parseOptions(arguments,
-                                         {"chain", "level", "time", "box", "tile", "threads", "type", "compression",
-                                          "compression-level", "quality", "range", "preview"},
+                                         {"chain", "level", "time", "box", "tile", "threads", "cache-mb", "type",
+                                          "compression", "compression-level", "quality", "range", "preview"},
                                          {"quiet"});
     if (options.positional.size() != 2)
         throw std::runtime_error("expected INPUT and OUTPUT.tif; 'nuvek run --help' shows the usage.");
@@ -605,7 +610,12 @@ int runCommand(std::vector<std::string> const& arguments)
     long long const level = options.integer("level", 0, 0);
     // Parse the chain before touching any file, so that a typo costs nothing.
     Nuvek::ChainExpression const expression = Nuvek::parseChainExpression(options.get("chain", ""));
-    std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(options.positional[0], options.integer("time", 0, 0));
+    long long const cacheMegabytes = options.integer("cache-mb", Nuvek::defaultTileCacheBytes >> 20, 0);
+    if (cacheMegabytes > (1LL << 20))
+        throw std::runtime_error("--cache-mb must be at most 1048576 (1 TiB), got " + std::to_string(cacheMegabytes) +
+                                 ".");
+    std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(options.positional[0], options.integer("time", 0, 0),
+                                                            static_cast<std::size_t>(cacheMegabytes) << 20);
     if (!options.has("type"))
         settings.type = keepsValues(expression)
                             ? Nuvek::storedSampleType(*source).value_or(Nuvek::TiffSampleType::Float32)
