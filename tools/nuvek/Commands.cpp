@@ -312,15 +312,21 @@ OutputSettings outputSettings(Options const& options)
 // three bands of an output tile's height (at least one input tile tall) across the input held, and
 // a few tiles for each thread running ahead. Samples count at their stored size (8 bytes when it
 // is unknown), and nothing beyond that is kept: the cache would fill up to any larger bound.
-std::size_t inputCacheBytes(Nuvek::Image& source, long long level, OutputSettings const& settings)
+// A chain that only selects and clamps asks for each output tile's own box, so where the output
+// tiles cover whole input tiles no input tile is needed twice, and nothing is kept.
+std::size_t inputCacheBytes(Nuvek::Image& source, Nuvek::ChainExpression const& expression, long long level,
+                            Nuvek::Vector const& origin, OutputSettings const& settings)
 {
     Nuvek::Vector const tile = source.getTileExtent();
     Nuvek::Vector const extent = source.getExtent(level);
+    long long const tileX = std::max(1LL, tile.x);
+    long long const tileY = std::max(1LL, tile.y);
+    if (keepsValues(expression) && settings.tileSize % tileX == 0 && settings.tileSize % tileY == 0 &&
+        origin.x % tileX == 0 && origin.y % tileY == 0)
+        return 0;
     std::optional<Nuvek::TiffSampleType> const type = Nuvek::storedSampleType(source);
     long long const sampleBytes =
         !type ? 8 : (*type == Nuvek::TiffSampleType::UInt8 ? 1 : (*type == Nuvek::TiffSampleType::UInt16 ? 2 : 4));
-    long long const tileX = std::max(1LL, tile.x);
-    long long const tileY = std::max(1LL, tile.y);
     double const tileBytes = static_cast<double>(tileX) * static_cast<double>(tileY) *
                              static_cast<double>(std::max(1LL, tile.z)) *
                              static_cast<double>(source.getNumChannels() * sampleBytes);
@@ -358,7 +364,8 @@ Options:
                         is decoded once although neighbouring output tiles and threads need it
                         (default: what the run needs, three bands of output tile rows across
                         the input at its stored sample size and a few tiles per thread, 72 MiB
-                        for 512 x 512 RGB tiles 16384 voxels wide; 0 keeps none and decodes an
+                        for 512 x 512 RGB tiles 16384 voxels wide; none for a chain that only
+                        selects and clamps on whole input tiles; 0 keeps none and decodes an
                         input tile for every output tile touching it)
   --type T              uint8, uint16 or float32. Default: the input's own sample type when the chain
                         only selects and clamps ('clamp', 'channel', 'zslice', or '()'), so that
@@ -640,10 +647,6 @@ int runCommand(std::vector<std::string> const& arguments)
                                  ".");
     long long const time = options.integer("time", 0, 0);
     std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(options.positional[0], time, 0);
-    std::size_t const cacheBytes = options.has("cache-mb") ? static_cast<std::size_t>(cacheMegabytes) << 20
-                                                           : inputCacheBytes(*source, level, settings);
-    if (cacheBytes > 0)
-        source = Nuvek::openImage(options.positional[0], time, cacheBytes);
     if (!options.has("type"))
         settings.type = keepsValues(expression)
                             ? Nuvek::storedSampleType(*source).value_or(Nuvek::TiffSampleType::Float32)
@@ -653,6 +656,12 @@ int runCommand(std::vector<std::string> const& arguments)
     std::unique_ptr<Nuvek::Box> box;
     if (options.has("box"))
         box = std::make_unique<Nuvek::Box>(parseBox(options.get("box", ""), source->getExtent(level)));
+    std::size_t const cacheBytes =
+        options.has("cache-mb")
+            ? static_cast<std::size_t>(cacheMegabytes) << 20
+            : inputCacheBytes(*source, expression, level, box ? box->min : Nuvek::Vector(), settings);
+    if (cacheBytes > 0)
+        source = Nuvek::openImage(options.positional[0], time, cacheBytes);
     InterruptScope const interruptScope;
     bool const quiet = options.flags.count("quiet") != 0;
     runChain(*source, options.get("chain", ""), options.positional[1], level, box.get(), settings, quiet,
