@@ -25,24 +25,24 @@ std::string vendorOf(std::string const& path)
 
 } // namespace
 
-std::unique_ptr<Image> openImage(std::string const& path, long long timePoint)
+std::unique_ptr<Image> openImage(std::string const& path, long long timePoint, std::size_t cacheBytes)
 {
     if (ZarrImage::isZarr(path))
     {
         if (timePoint != 0)
             throw std::runtime_error("ZarrImage: " + path + ": only time point 0 is read, not " +
                                      std::to_string(timePoint));
-        return std::make_unique<ZarrImage>(path);
+        return std::make_unique<ZarrImage>(path, cacheBytes);
     }
     std::error_code error;
     if (!std::filesystem::is_regular_file(path, error))
         throw std::runtime_error("cannot read " + path + ": no such file.");
     if (vendorOf(path).empty())
-        return std::make_unique<TiffImage>(path, timePoint);
+        return std::make_unique<TiffImage>(path, timePoint, cacheBytes);
     if (timePoint != 0)
         throw std::runtime_error("SlideImage: " + path + ": there is no time point " + std::to_string(timePoint) +
                                  " (a slide has one)");
-    return std::make_unique<SlideImage>(path);
+    return std::make_unique<SlideImage>(path, cacheBytes);
 }
 
 std::string describeReader(Image const& image)

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <nuvek/core/Image.h>
+#include <nuvek/io/TileCacheSize.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -20,8 +22,11 @@ namespace Nuvek {
 /// timePoint selects the time point of an OME or ImageJ file with several (a TiffImage shows one at
 /// a time); slides have one, and any other timePoint than 0 is refused for them.
 ///
+/// cacheBytes bounds the decoded tiles the reader keeps for its threads (0: none kept).
+///
 /// Throws std::runtime_error naming the file when it does not exist or its reader refuses it.
-std::unique_ptr<Image> openImage(std::string const& path, long long timePoint = 0);
+std::unique_ptr<Image> openImage(std::string const& path, long long timePoint = 0,
+                                 std::size_t cacheBytes = defaultTileCacheBytes);
 
 /// The reader behind an image that openImage returned: "TiffImage", "SlideImage (<vendor>)",
 /// "ZarrImage", or "other" for an image of another class.

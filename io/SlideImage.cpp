@@ -1,5 +1,6 @@
 #include <nuvek/io/SlideImage.h>
 
+#include "io/internal/DecodedTileCache.h"
 #include "io/internal/TiffHandle.h"
 #include <nuvek/io/TiffImage.h>
 
@@ -117,6 +118,11 @@ struct SlideImage::Internals
     Vector voxelSize{1, 1, 1};
     bool voxelSizeGiven = false;
     Vector tileExtent{256, 256, 1};
+    std::size_t cacheBytes = 0;
+    // Null when the image keeps no decoded regions; else regions of the grid of each level's own
+    // tile size, as three planes of 8-bit red, green and blue.
+    std::unique_ptr<DecodedTileCache> cache;
+    std::vector<Vector> grid;
 
     [[noreturn]] void fail(std::string const& problem) const
     {
@@ -134,6 +140,9 @@ struct SlideImage::Internals
     bool readable(std::size_t level);
     void findVoxelSize();
     void findTileExtent();
+    void findGrid();
+    void readBand(double* out, Box const& box, Box const& inside, long long level);
+    void readGrid(double* out, Box const& box, Box const& inside, long long level);
 };
 
 void SlideImage::Internals::open()
@@ -212,7 +221,7 @@ bool SlideImage::Internals::readable(std::size_t level)
     {
         try
         {
-            tiff = std::make_unique<TiffImage>(path);
+            tiff = std::make_unique<TiffImage>(path, 0, cacheBytes);
         }
         catch (std::runtime_error const&)
         {
@@ -254,13 +263,117 @@ void SlideImage::Internals::findTileExtent()
     }
 }
 
-SlideImage::SlideImage(std::string const& path) : internals(std::make_unique<Internals>())
+// The cache's grid of each level: OpenSlide's tile size of that level, where it reports one, so
+// that a cached region decodes the stored tiles it covers once; else the level-0 tile extent.
+void SlideImage::Internals::findGrid()
+{
+    grid.assign(openslideLevel.size(), tileExtent);
+    for (std::size_t level = 0; level < openslideLevel.size(); ++level)
+    {
+        if (openslideLevel[level] == -1)
+            continue;
+        std::string const prefix = "openslide.level[" + std::to_string(openslideLevel[level]) + "].tile-";
+        char const* width = openslide_get_property_value(slide, (prefix + "width").c_str());
+        char const* height = openslide_get_property_value(slide, (prefix + "height").c_str());
+        long long const x = width == nullptr ? 0 : std::atoll(width);
+        long long const y = height == nullptr ? 0 : std::atoll(height);
+        if (x > 0 && y > 0 && x <= 8192 && y <= 8192)
+            grid[level] = Vector(x, y, 1);
+    }
+}
+
+// Reads `inside` in bands of rows straight from OpenSlide into the region buffer.
+void SlideImage::Internals::readBand(double* out, Box const& box, Box const& inside, long long level)
+{
+    int const slideLevel = openslideLevel[static_cast<std::size_t>(level)];
+    long long const voxels = box.getSize();
+    Vector const extent = box.getExtent();
+    long long const width = inside.max.x - inside.min.x + 1;
+    long long const bandRows = std::max(1LL, bandVoxels / width);
+    std::vector<std::uint32_t> band;
+    for (long long bandY = inside.min.y; bandY <= inside.max.y; bandY += bandRows)
+    {
+        long long const rows = std::min(bandRows, inside.max.y - bandY + 1);
+        band.resize(static_cast<std::size_t>(width * rows));
+        // The downsample is 2^level exactly (else the level is read through its TIFF page).
+        openslide_read_region(slide, band.data(), inside.min.x << level, bandY << level, slideLevel, width, rows);
+        if (char const* error = openslide_get_error(slide))
+            fail(error);
+        // The single z slice of the box: every slice of the request beyond it stays 0.
+        for (long long y = 0; y < rows; ++y)
+            for (int c = 0; c < 3; ++c)
+            {
+                double* row = out + c * voxels + (0 - box.min.z) * extent.x * extent.y +
+                              (bandY + y - box.min.y) * extent.x + (inside.min.x - box.min.x);
+                std::uint32_t const* source = band.data() + y * width;
+                int const shift = 16 - 8 * c;
+                for (long long x = 0; x < width; ++x)
+                    row[x] = channelOf(source[x], shift);
+            }
+    }
+}
+
+// Reads `inside` through the cache, one region of the level's grid at a time. A voxel's colour does
+// not depend on the region OpenSlide reads it in (the downsample is a power of two exactly), so
+// the values are those of readBand.
+void SlideImage::Internals::readGrid(double* out, Box const& box, Box const& inside, long long level)
+{
+    std::size_t const index = static_cast<std::size_t>(level);
+    int const slideLevel = openslideLevel[index];
+    Vector const cell = grid[index];
+    Vector const levelExtent = extents[index];
+    long long const cellsX = (levelExtent.x + cell.x - 1) / cell.x;
+    long long const voxels = box.getSize();
+    Vector const extent = box.getExtent();
+    std::vector<std::uint32_t> argb;
+    DecodedTileCache::Block held;
+    for (long long cellY = inside.min.y / cell.y; cellY <= inside.max.y / cell.y; ++cellY)
+        for (long long cellX = inside.min.x / cell.x; cellX <= inside.max.x / cell.x; ++cellX)
+        {
+            long long const x0 = cellX * cell.x;
+            long long const y0 = cellY * cell.y;
+            long long const width = std::min(cell.x, levelExtent.x - x0);
+            long long const height = std::min(cell.y, levelExtent.y - y0);
+            held = cache->get(
+                static_cast<std::uint64_t>(level), static_cast<std::uint64_t>(cellY * cellsX + cellX),
+                [&](std::vector<unsigned char>& bytes) {
+                    argb.resize(static_cast<std::size_t>(width * height));
+                    openslide_read_region(slide, argb.data(), x0 << level, y0 << level, slideLevel, width, height);
+                    if (char const* error = openslide_get_error(slide))
+                        fail(error);
+                    bytes.resize(static_cast<std::size_t>(3 * width * height));
+                    for (int c = 0; c < 3; ++c)
+                        for (long long i = 0; i < width * height; ++i)
+                            bytes[static_cast<std::size_t>(c * width * height + i)] =
+                                static_cast<unsigned char>(channelOf(argb[static_cast<std::size_t>(i)], 16 - 8 * c));
+                });
+            long long const partX0 = std::max(inside.min.x, x0);
+            long long const partX1 = std::min(inside.max.x, x0 + width - 1);
+            long long const partY0 = std::max(inside.min.y, y0);
+            long long const partY1 = std::min(inside.max.y, y0 + height - 1);
+            for (int c = 0; c < 3; ++c)
+                for (long long y = partY0; y <= partY1; ++y)
+                {
+                    double* row = out + c * voxels + (0 - box.min.z) * extent.x * extent.y +
+                                  (y - box.min.y) * extent.x + (partX0 - box.min.x);
+                    unsigned char const* source = held->data() + c * width * height + (y - y0) * width + (partX0 - x0);
+                    for (long long x = 0; x <= partX1 - partX0; ++x)
+                        row[x] = static_cast<double>(source[x]);
+                }
+        }
+}
+
+SlideImage::SlideImage(std::string const& path, std::size_t cacheBytes) : internals(std::make_unique<Internals>())
 {
     internals->path = path;
+    internals->cacheBytes = cacheBytes;
     internals->open();
     internals->findLevels();
     internals->findVoxelSize();
     internals->findTileExtent();
+    internals->findGrid();
+    if (cacheBytes > 0)
+        internals->cache = std::make_unique<DecodedTileCache>(cacheBytes);
 }
 
 SlideImage::~SlideImage() = default;
@@ -353,35 +466,12 @@ void SlideImage::openRegion(double* out, long long level, Box const& box)
     if (inside.isEmpty())
         return;
 
-    std::size_t const index = static_cast<std::size_t>(level);
-    if (internals->throughTiff[index])
+    if (internals->throughTiff[static_cast<std::size_t>(level)])
         return internals->tiff->openRegion(out, level, box);
-    int const openslideLevel = internals->openslideLevel[index];
-    Vector const extent = box.getExtent();
-    long long const width = inside.max.x - inside.min.x + 1;
-    long long const bandRows = std::max(1LL, bandVoxels / width);
-    std::vector<std::uint32_t> band;
-    for (long long bandY = inside.min.y; bandY <= inside.max.y; bandY += bandRows)
-    {
-        long long const rows = std::min(bandRows, inside.max.y - bandY + 1);
-        band.resize(static_cast<std::size_t>(width * rows));
-        // The downsample is 2^level exactly (else the level is read through its TIFF page).
-        openslide_read_region(internals->slide, band.data(), inside.min.x << level, bandY << level, openslideLevel,
-                              width, rows);
-        if (char const* error = openslide_get_error(internals->slide))
-            internals->fail(error);
-        // The single z slice of the box: every slice of the request beyond it stays 0.
-        for (long long y = 0; y < rows; ++y)
-            for (int c = 0; c < 3; ++c)
-            {
-                double* row = out + c * voxels + (0 - box.min.z) * extent.x * extent.y +
-                              (bandY + y - box.min.y) * extent.x + (inside.min.x - box.min.x);
-                std::uint32_t const* source = band.data() + y * width;
-                int const shift = 16 - 8 * c;
-                for (long long x = 0; x < width; ++x)
-                    row[x] = channelOf(source[x], shift);
-            }
-    }
+    if (internals->cache)
+        internals->readGrid(out, box, inside, level);
+    else
+        internals->readBand(out, box, inside, level);
 }
 
 } // namespace Nuvek

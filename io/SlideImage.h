@@ -1,7 +1,9 @@
 #pragma once
 
 #include <nuvek/core/Image.h>
+#include <nuvek/io/TileCacheSize.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -38,14 +40,20 @@ namespace Nuvek {
 /// multiplies x and y by 2^L. The tile extent is OpenSlide's level-0 tile size when it reports
 /// one, else (256, 256, 1). getHash() is constant: the file must not change while it is open.
 ///
-/// openRegion asks OpenSlide (or TiffImage) only for the part of the box inside the extent, in
-/// bands of bounded size, and writes 0.0 outside the extent. OpenSlide's readers and TiffImage are
+/// openRegion asks OpenSlide (or TiffImage) only for the part of the box inside the extent and
+/// writes 0.0 outside the extent. With a cache (cacheBytes above 0) it reads the regions of a fixed
+/// grid of each level (OpenSlide's tile size of that level, else the tile extent) that the box
+/// touches and keeps them, as 8-bit red, green and blue, in a cache of at most cacheBytes shared
+/// by every thread, the least recently used leaving first, so that neighbouring requests read
+/// each stored tile once; a thread that needs a region another thread is reading waits for it.
+/// Levels read through TiffImage use a TiffImage cache of the same size. Without a cache it reads
+/// the box in bands of bounded size. OpenSlide's readers and TiffImage are
 /// thread-safe, so openRegion may run on several threads at once without a lock. Problems are std::runtime_errors whose message starts
 /// with "SlideImage: <path>: ".
 class SlideImage : public Image
 {
 public:
-    explicit SlideImage(std::string const& path);
+    explicit SlideImage(std::string const& path, std::size_t cacheBytes = defaultTileCacheBytes);
     ~SlideImage() override;
     SlideImage(SlideImage const&) = delete;
     SlideImage& operator=(SlideImage const&) = delete;

@@ -2,6 +2,7 @@
 
 #include "io/internal/TiffHandle.h"
 
+#include "io/internal/DecodedTileCache.h"
 #include "io/internal/ImageJDescriptionParser.h"
 #include "io/internal/Jpeg2000Decoder.h"
 #include "io/internal/OmeXmlParser.h"
@@ -377,14 +378,38 @@ void copyBlock(Page const& page, unsigned char const* block, long long blockX, l
             convertRowOf(page, block + sample * bytes, step, count, target.at(c, inside.min.x, y));
         }
 }
-void readTiles(Reader& reader, Page const& page, Box const& inside, Target const& target, std::uint64_t& decoded)
+// The decoded bytes of tile or strip `index` of the page: from the cache, decoded into it by this
+// thread when absent (`held` keeps them alive while they are copied), or without a cache decoded
+// into the reader's scratch buffer.
+unsigned char const* blockOf(Reader& reader, Page const& page, std::uint32_t index, tmsize_t size,
+                             DecodedTileCache* cache, DecodedTileCache::Block& held, std::uint64_t& decoded)
+{
+    if (cache == nullptr)
+    {
+        unsigned char* block = reader.scratchOf(size);
+        decodeBlock(reader, page, index, block, size);
+        ++decoded;
+        return block;
+    }
+    held = cache->get(page.offset, index, [&](std::vector<unsigned char>& bytes) {
+        bytes.resize(static_cast<std::size_t>(size));
+        decodeBlock(reader, page, index, bytes.data(), size);
+        ++decoded;
+    });
+    return held->data();
+}
+
+void readTiles(Reader& reader, Page const& page, Box const& inside, Target const& target, DecodedTileCache* cache,
+               std::uint64_t& decoded)
 {
     TIFF* tiff = reader.handle.get();
     long long const tileWidth = page.tileWidth;
     long long const tileHeight = page.tileHeight;
     tmsize_t const tileSize = blockSize(reader, page);
-    unsigned char* tile = reader.scratchOf(tileSize);
+    if (tileSize <= 0 || tileSize > TiffHandle::maxAllocation)
+        reader.handle.fail("a tile or strip is too large to decode (" + std::to_string(tileSize) + " bytes)");
     long long const planes = page.planar == PLANARCONFIG_SEPARATE ? page.samples : 1;
+    DecodedTileCache::Block held;
     for (long long tileY = inside.min.y / tileHeight * tileHeight; tileY <= inside.max.y; tileY += tileHeight)
         for (long long tileX = inside.min.x / tileWidth * tileWidth; tileX <= inside.max.x; tileX += tileWidth)
         {
@@ -396,20 +421,22 @@ void readTiles(Reader& reader, Page const& page, Box const& inside, Target const
                 ttile_t const index =
                     TIFFComputeTile(tiff, static_cast<std::uint32_t>(tileX), static_cast<std::uint32_t>(tileY), 0,
                                     static_cast<std::uint16_t>(plane));
-                decodeBlock(reader, page, index, tile, tileSize);
-                ++decoded;
+                unsigned char const* tile = blockOf(reader, page, index, tileSize, cache, held, decoded);
                 copyBlock(page, tile, tileX, tileY, tileWidth, part, target, plane);
             }
         }
 }
 
-void readStrips(Reader& reader, Page const& page, Box const& inside, Target const& target, std::uint64_t& decoded)
+void readStrips(Reader& reader, Page const& page, Box const& inside, Target const& target, DecodedTileCache* cache,
+                std::uint64_t& decoded)
 {
     TIFF* tiff = reader.handle.get();
     long long const rows = page.rowsPerStrip;
     tmsize_t const stripSize = blockSize(reader, page);
-    unsigned char* strip = reader.scratchOf(stripSize);
+    if (stripSize <= 0 || stripSize > TiffHandle::maxAllocation)
+        reader.handle.fail("a tile or strip is too large to decode (" + std::to_string(stripSize) + " bytes)");
     long long const planes = page.planar == PLANARCONFIG_SEPARATE ? page.samples : 1;
+    DecodedTileCache::Block held;
     for (long long stripY = inside.min.y / rows * rows; stripY <= inside.max.y; stripY += rows)
     {
         Box const stripBox(Vector(0, stripY, target.z), Vector(page.width - 1LL, stripY + rows - 1, target.z));
@@ -418,8 +445,7 @@ void readStrips(Reader& reader, Page const& page, Box const& inside, Target cons
         {
             tstrip_t const index =
                 TIFFComputeStrip(tiff, static_cast<std::uint32_t>(stripY), static_cast<std::uint16_t>(plane));
-            decodeBlock(reader, page, index, strip, stripSize);
-            ++decoded;
+            unsigned char const* strip = blockOf(reader, page, index, stripSize, cache, held, decoded);
             copyBlock(page, strip, 0, stripY, page.width, part, target, plane);
         }
     }
@@ -659,6 +685,8 @@ struct TiffImage::Internals
     bool voxelSizeGiven = false;
 
     std::atomic<std::uint64_t> blocksDecoded{0};
+    // Null when the image keeps no decoded blocks.
+    std::unique_ptr<DecodedTileCache> cache;
     std::mutex poolMutex;
     std::vector<std::unique_ptr<Reader>> idle;
 
@@ -864,17 +892,20 @@ void TiffImage::Internals::readPlanes(Reader& reader, double* out, long long lev
             if (page.throughRgba())
                 readRgba(reader, page, slice, target, decoded);
             else if (page.tiled)
-                readTiles(reader, page, slice, target, decoded);
+                readTiles(reader, page, slice, target, cache.get(), decoded);
             else
-                readStrips(reader, page, slice, target, decoded);
+                readStrips(reader, page, slice, target, cache.get(), decoded);
         }
     blocksDecoded += decoded;
 }
 
-TiffImage::TiffImage(std::string const& path, long long timePoint) : internals(std::make_unique<Internals>())
+TiffImage::TiffImage(std::string const& path, long long timePoint, std::size_t cacheBytes)
+    : internals(std::make_unique<Internals>())
 {
     Internals& state = *internals;
     state.path = path;
+    if (cacheBytes > 0)
+        state.cache = std::make_unique<DecodedTileCache>(cacheBytes);
     auto reader = std::make_unique<Reader>(path);
     TiffHandle& handle = reader->handle;
     Directories const directories = readDirectories(handle);

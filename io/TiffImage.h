@@ -1,7 +1,9 @@
 #pragma once
 
 #include <nuvek/core/Image.h>
+#include <nuvek/io/TileCacheSize.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -62,7 +64,11 @@ namespace Nuvek {
 /// getHash() is constant: the file must not change while it is open.
 ///
 /// openRegion reads only the tiles or strips that the box touches at that level, decodes each at
-/// most once per call and writes 0.0 outside the extent. A damaged block that libtiff decodes short
+/// most once per call and writes 0.0 outside the extent. Decoded tiles and strips are kept, in the
+/// file's sample type, in a cache of at most cacheBytes shared by every thread, the least recently
+/// used leaving first; a thread that needs a block another thread is decoding waits for it
+/// instead of decoding it again. cacheBytes 0 keeps nothing. Pages decoded through the RGBA
+/// interface (old-style JPEG, YCbCr that is not JPEG) are decoded per call, without the cache. A damaged block that libtiff decodes short
 /// without reporting an error reads as 0.0 where its data ends. It may run on several threads at once:
 /// each call borrows a libtiff handle from a pool of the image's own (a new one is opened when all
 /// are busy) and decodes without holding a lock. Every problem with the file, when opening or
@@ -71,8 +77,10 @@ namespace Nuvek {
 class TiffImage : public Image
 {
 public:
-    /// Opens the file, showing time point timePoint (0, the first, for files without several).
-    explicit TiffImage(std::string const& path, long long timePoint = 0);
+    /// Opens the file, showing time point timePoint (0, the first, for files without several),
+    /// keeping at most cacheBytes of decoded tiles or strips.
+    explicit TiffImage(std::string const& path, long long timePoint = 0,
+                       std::size_t cacheBytes = defaultTileCacheBytes);
     ~TiffImage() override;
     TiffImage(TiffImage const&) = delete;
     TiffImage& operator=(TiffImage const&) = delete;
@@ -94,7 +102,8 @@ public:
     /// Whether the file gives its voxel size (else getVoxelSize() is the stand-in (1, 1, 1) nm).
     bool knowsVoxelSize() const;
     /// How many tiles or strips (one per sample plane when planes are separate) openRegion has
-    /// decoded since the image was opened, over all threads.
+    /// decoded since the image was opened, over all threads; a block served by the cache is not
+    /// decoded again.
     std::uint64_t getBlocksDecoded() const;
 
 private:

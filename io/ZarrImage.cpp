@@ -1,5 +1,6 @@
 #include <nuvek/io/ZarrImage.h>
 
+#include "io/internal/DecodedTileCache.h"
 #include "io/internal/ZarrCodec.h"
 #include "io/internal/ZarrMetadata.h"
 
@@ -163,6 +164,8 @@ struct ZarrImage::Internals
     long long channels = 1;
     ValueRange<double> range;
     std::vector<std::string> channelNames;
+    // Null when the image keeps no decoded chunks.
+    std::unique_ptr<DecodedTileCache> cache;
 
     [[noreturn]] void fail(std::string const& problem) const
     {
@@ -184,10 +187,12 @@ bool ZarrImage::isZarr(std::string const& path)
             std::filesystem::exists(folder / ".zattrs", error));
 }
 
-ZarrImage::ZarrImage(std::string const& path) : internals(std::make_unique<Internals>())
+ZarrImage::ZarrImage(std::string const& path, std::size_t cacheBytes) : internals(std::make_unique<Internals>())
 {
     Internals& self = *internals;
     self.path = path;
+    if (cacheBytes > 0)
+        self.cache = std::make_unique<DecodedTileCache>(cacheBytes);
     std::filesystem::path const folder(path);
     std::error_code error;
     if (!std::filesystem::is_directory(folder, error))
@@ -394,7 +399,14 @@ void ZarrImage::openRegion(double* out, long long level, Box const& box)
 
     std::vector<unsigned char> stored;
     std::vector<unsigned char> decoded;
+    DecodedTileCache::Block held;
     std::size_t const chunkBytes = static_cast<std::size_t>(array.chunkBytes());
+    auto chunksAlong = [&](int position, long long chunk) {
+        return position < 0 ? 1 : (array.shape[static_cast<std::size_t>(position)] + chunk - 1) / chunk;
+    };
+    long long const chunksZ = chunksAlong(self.axes.z, chunkZ);
+    long long const chunksY = chunksAlong(self.axes.y, chunkY);
+    long long const chunksX = chunksAlong(self.axes.x, chunkX);
     for (long long chunkIndexC = 0; chunkIndexC * chunkC < self.channels; ++chunkIndexC)
         for (long long chunkIndexZ = clipped.min.z / chunkZ; chunkIndexZ <= clipped.max.z / chunkZ; ++chunkIndexZ)
             for (long long chunkIndexY = clipped.min.y / chunkY; chunkIndexY <= clipped.max.y / chunkY; ++chunkIndexY)
@@ -411,17 +423,37 @@ void ZarrImage::openRegion(double* out, long long level, Box const& box)
                     std::string key;
                     for (std::size_t d = 0; d < dimensions; ++d)
                         key += (d > 0 ? std::string(1, array.separator) : std::string()) + std::to_string(indices[d]);
-                    bool const present = readBytes(std::filesystem::path(source.folder) / key, stored);
-                    if (present)
-                    {
+                    // Reads and decodes the chunk into `bytes`; false when it is not stored.
+                    auto readChunk = [&](std::vector<unsigned char>& bytes) {
+                        if (!readBytes(std::filesystem::path(source.folder) / key, stored))
+                            return false;
                         try
                         {
-                            decodeZarrChunk(array.compressor, stored, chunkBytes, decoded);
+                            decodeZarrChunk(array.compressor, stored, chunkBytes, bytes);
                         }
                         catch (std::runtime_error const& problem)
                         {
                             self.fail("level " + std::to_string(level) + ", chunk " + key + ": " + problem.what());
                         }
+                        return true;
+                    };
+                    bool present = false;
+                    unsigned char const* chunkData = nullptr;
+                    if (self.cache)
+                    {
+                        // A chunk that is not stored is held as no bytes: it reads as the fill value.
+                        long long const chunkNumber =
+                            ((chunkIndexC * chunksZ + chunkIndexZ) * chunksY + chunkIndexY) * chunksX + chunkIndexX;
+                        held =
+                            self.cache->get(static_cast<std::uint64_t>(level), static_cast<std::uint64_t>(chunkNumber),
+                                            [&](std::vector<unsigned char>& bytes) { readChunk(bytes); });
+                        present = !held->empty();
+                        chunkData = held->data();
+                    }
+                    else
+                    {
+                        present = readChunk(decoded);
+                        chunkData = decoded.data();
                     }
                     long long const c0 = chunkIndexC * chunkC;
                     long long const c1 = std::min(self.channels, c0 + chunkC) - 1;
@@ -443,11 +475,11 @@ void ZarrImage::openRegion(double* out, long long level, Box const& box)
                                 long long const strideX = strideOf(self.axes.x);
                                 for (long long x = x0; x <= x1; ++x)
                                     row[x - box.min.x] =
-                                        present ? sampleAt(decoded.data() +
-                                                               (rowStart + (x - chunkIndexX * chunkX) * strideX) *
-                                                                   array.itemSize,
-                                                           array)
-                                                : array.fillValue;
+                                        present
+                                            ? sampleAt(chunkData + (rowStart + (x - chunkIndexX * chunkX) * strideX) *
+                                                                       array.itemSize,
+                                                       array)
+                                            : array.fillValue;
                             }
                 }
 }

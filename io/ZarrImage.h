@@ -1,7 +1,9 @@
 #pragma once
 
 #include <nuvek/core/Image.h>
+#include <nuvek/io/TileCacheSize.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -25,13 +27,16 @@ namespace Nuvek {
 /// has a unit of length; else 1. getHash() is constant: the folder must not change while it is open.
 ///
 /// openRegion reads only the chunks the box touches, each once per call, and writes 0.0 outside
-/// the extent. It keeps no state between calls and may run on several threads at once. Every
+/// the extent. It may run on several threads at once. Decoded chunks are kept, in the stored type,
+/// in a cache of at most cacheBytes shared by every thread, the least recently used leaving
+/// first; a thread that needs a chunk another thread is decoding waits for it. cacheBytes 0 keeps
+/// nothing between calls. Every
 /// problem, when opening or later when reading a chunk, is a std::runtime_error whose message starts
 /// with "ZarrImage: <path>: ".
 class ZarrImage : public Image
 {
 public:
-    explicit ZarrImage(std::string const& path);
+    explicit ZarrImage(std::string const& path, std::size_t cacheBytes = defaultTileCacheBytes);
     ~ZarrImage() override;
     ZarrImage(ZarrImage const&) = delete;
     ZarrImage& operator=(ZarrImage const&) = delete;

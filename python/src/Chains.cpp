@@ -60,11 +60,17 @@ py::dict describeEntry(Nuvek::FilterEntry const& entry)
 
 void bindChains(py::module_& module)
 {
-    module.def("open_image", &Nuvek::openImage, py::arg("path"), py::arg("time") = 0, R"doc(
+    module.def(
+        "open_image",
+        [](std::string const& path, long long time, long long cacheMegabytes) {
+            return Nuvek::openImage(path, time, cacheBytesOf(cacheMegabytes));
+        },
+        py::arg("path"), py::arg("time") = 0, py::arg("cache_mb") = Nuvek::defaultTileCacheBytes >> 20, R"doc(
 Opens an image file as the nuvek tool does, choosing the reader by the file's content: a folder
 holding a zarr group or array as a ZarrImage, a vendor whole-slide format that OpenSlide recognises
 as a SlideImage, plain, OME and ImageJ TIFF as a TiffImage, whatever the file's name. time picks
-the time point of a file with several.
+the time point of a file with several. The reader keeps decoded tiles for every thread in a cache
+of at most cache_mb MiB (0: none kept).
 )doc");
 
     module.def(

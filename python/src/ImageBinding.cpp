@@ -119,6 +119,13 @@ void copyRegionFromPython(double* out, py::handle values, long long numChannels,
     std::memcpy(out, array.data(), static_cast<std::size_t>(array.size()) * sizeof(double));
 }
 
+std::size_t cacheBytesOf(long long cacheMegabytes)
+{
+    if (cacheMegabytes < 0 || cacheMegabytes > (1LL << 20))
+        throw py::value_error("cache_mb must be from 0 to 1048576 (MiB), got " + std::to_string(cacheMegabytes) + ".");
+    return static_cast<std::size_t>(cacheMegabytes) << 20;
+}
+
 py::array_t<double> openRegionArray(Image& image, long long level, Box const& box, py::object out)
 {
     long long const channels = image.getNumChannels();

@@ -49,6 +49,9 @@ py::array_t<double> openRegionArray(Nuvek::Image& image, long long level, Nuvek:
 void copyRegionFromPython(double* out, py::handle values, long long numChannels, Nuvek::Box const& box,
                           char const* what);
 
+/// The bytes of a file source's cache_mb argument (MiB); ValueError unless it is from 0 to 2^20.
+std::size_t cacheBytesOf(long long cacheMegabytes);
+
 void bindImage(py::module_& module);
 void bindSources(py::module_& module);
 void bindFilters(py::module_& module);

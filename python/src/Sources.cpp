@@ -209,24 +209,36 @@ void bindFileSources(py::module_& module)
     py::class_<Nuvek::TiffImage, Image>(module, "TiffImage", R"doc(
 A source image read from a TIFF or BigTIFF file, values unscaled; pages that halve the first page's
 size are its levels; full-size pages are channels or z slices as the file's OME or ImageJ
-description says (else z slices). time picks the time point of a file with several.
+description says (else z slices). time picks the time point of a file with several. Decoded
+tiles are kept for every thread in a cache of at most cache_mb MiB (0: none kept).
 )doc")
-        .def(py::init<std::string const&, long long>(), py::arg("path"), py::arg("time") = 0)
+        .def(py::init([](std::string const& path, long long time, long long cacheMegabytes) {
+                 return std::make_unique<Nuvek::TiffImage>(path, time, cacheBytesOf(cacheMegabytes));
+             }),
+             py::arg("path"), py::arg("time") = 0, py::arg("cache_mb") = Nuvek::defaultTileCacheBytes >> 20)
         .def("has_level", &Nuvek::TiffImage::hasLevel, py::arg("level"))
         .def("get_blocks_decoded", &Nuvek::TiffImage::getBlocksDecoded);
 
     py::class_<Nuvek::ZarrImage, Image>(module, "ZarrImage", R"doc(
 A source image read from a zarr (version 2) folder: an OME-Zarr multiscale group (one level per
 dataset) or a plain array of 2 to 5 dimensions (from the last: x, y, z, c, t); values unscaled.
+Decoded chunks are kept for every thread in a cache of at most cache_mb MiB (0: none kept).
 )doc")
-        .def(py::init<std::string const&>(), py::arg("path"))
+        .def(py::init([](std::string const& path, long long cacheMegabytes) {
+                 return std::make_unique<Nuvek::ZarrImage>(path, cacheBytesOf(cacheMegabytes));
+             }),
+             py::arg("path"), py::arg("cache_mb") = Nuvek::defaultTileCacheBytes >> 20)
         .def("get_data_type", &Nuvek::ZarrImage::getDataType);
 
     py::class_<Nuvek::SlideImage, Image>(module, "SlideImage", R"doc(
 A source image read from a whole-slide file through OpenSlide: channels "Red", "Green" and "Blue"
-with values from 0 to 255, one z slice.
+with values from 0 to 255, one z slice. Regions read are kept for every thread in a cache of at
+most cache_mb MiB (0: none kept).
 )doc")
-        .def(py::init<std::string const&>(), py::arg("path"))
+        .def(py::init([](std::string const& path, long long cacheMegabytes) {
+                 return std::make_unique<Nuvek::SlideImage>(path, cacheBytesOf(cacheMegabytes));
+             }),
+             py::arg("path"), py::arg("cache_mb") = Nuvek::defaultTileCacheBytes >> 20)
         .def("has_level", &Nuvek::SlideImage::hasLevel, py::arg("level"))
         .def("get_property", &Nuvek::SlideImage::getProperty, py::arg("name"));
 }

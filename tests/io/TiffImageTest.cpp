@@ -121,7 +121,7 @@ TEST(TiffImage, DecodesOnlyTheTouchedTilesOrStripsOncePerCall)
     tiled.samples = 3;
     tiled.rgb = true;
     NuvekTest::writeTiff(directory.path("tiled.tif"), tiled);
-    TiffImage image(directory.path("tiled.tif"));
+    TiffImage image(directory.path("tiled.tif"), 0, 0);
     std::vector<double> out(120 * 110 * 3 * 3);
 
     // x 15..33 touches tile columns 0, 1, 2; y 40..47 touches tile row 2 only.

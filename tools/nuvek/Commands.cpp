@@ -307,6 +307,35 @@ OutputSettings outputSettings(Options const& options)
     return settings;
 }
 
+// The decoded input tiles to keep so that the workers decode each once. The output is computed in
+// rows of tiles, each reaching into the rows above and below; least recently used out, that needs
+// three bands of an output tile's height (at least one input tile tall) across the input held, and
+// a few tiles for each thread running ahead. Samples count at their stored size (8 bytes when it
+// is unknown), and nothing beyond that is kept: the cache would fill up to any larger bound.
+// A chain that only selects and clamps asks for each output tile's own box, so where the output
+// tiles cover whole input tiles no input tile is needed twice, and nothing is kept.
+std::size_t inputCacheBytes(Nuvek::Image& source, Nuvek::ChainExpression const& expression, long long level,
+                            Nuvek::Vector const& origin, OutputSettings const& settings)
+{
+    Nuvek::Vector const tile = source.getTileExtent();
+    Nuvek::Vector const extent = source.getExtent(level);
+    long long const tileX = std::max(1LL, tile.x);
+    long long const tileY = std::max(1LL, tile.y);
+    if (keepsValues(expression) && settings.tileSize % tileX == 0 && settings.tileSize % tileY == 0 &&
+        origin.x % tileX == 0 && origin.y % tileY == 0)
+        return 0;
+    std::optional<Nuvek::TiffSampleType> const type = Nuvek::storedSampleType(source);
+    long long const sampleBytes =
+        !type ? 8 : (*type == Nuvek::TiffSampleType::UInt8 ? 1 : (*type == Nuvek::TiffSampleType::UInt16 ? 2 : 4));
+    double const tileBytes = static_cast<double>(tileX) * static_cast<double>(tileY) *
+                             static_cast<double>(std::max(1LL, tile.z)) *
+                             static_cast<double>(source.getNumChannels() * sampleBytes);
+    long long const across = (extent.x + tileX - 1) / tileX;
+    long long const rows = (3 * std::max(settings.tileSize, tileY) + tileY - 1) / tileY;
+    double const bytes = tileBytes * static_cast<double>(across * rows + 4LL * settings.threads);
+    return static_cast<std::size_t>(std::min(bytes, 4.0 * 1024 * 1024 * 1024));
+}
+
 char const* const runHelp = R"(Usage: nuvek run INPUT OUTPUT --chain EXPR [options]
 
 Runs a filter chain over INPUT (TIFF, BigTIFF, a whole-slide file or a zarr folder) and writes the
@@ -331,6 +360,13 @@ Options:
   --box X,Y,W,H         process only this box at that level (default: the whole image)
   --tile N              output tile size in voxels, a multiple of 16 (default 512)
   --threads N           worker threads (default: all cores)
+  --cache-mb N          MiB of decoded input tiles kept for the workers, so that each input tile
+                        is decoded once although neighbouring output tiles and threads need it
+                        (default: what the run needs, three bands of output tile rows across
+                        the input at its stored sample size and a few tiles per thread, 72 MiB
+                        for 512 x 512 RGB tiles 16384 voxels wide; none for a chain that only
+                        selects and clamps on whole input tiles; 0 keeps none and decodes an
+                        input tile for every output tile touching it)
   --type T              uint8, uint16 or float32. Default: the input's own sample type when the chain
                         only selects and clamps ('clamp', 'channel', 'zslice', or '()'), so that
                         values stay as they were; float32 for every other chain
@@ -593,8 +629,8 @@ int runCommand(std::vector<std::string> const& arguments)
         return 0;
     }
     Options const options = parseOptions(arguments,
-                                         {"chain", "level", "time", "box", "tile", "threads", "type", "compression",
-                                          "compression-level", "quality", "range", "preview"},
+                                         {"chain", "level", "time", "box", "tile", "threads", "cache-mb", "type",
+                                          "compression", "compression-level", "quality", "range", "preview"},
                                          {"quiet"});
     if (options.positional.size() != 2)
         throw std::runtime_error("expected INPUT and OUTPUT.tif; 'nuvek run --help' shows the usage.");
@@ -605,7 +641,12 @@ int runCommand(std::vector<std::string> const& arguments)
     long long const level = options.integer("level", 0, 0);
     // Parse the chain before touching any file, so that a typo costs nothing.
     Nuvek::ChainExpression const expression = Nuvek::parseChainExpression(options.get("chain", ""));
-    std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(options.positional[0], options.integer("time", 0, 0));
+    long long const cacheMegabytes = options.integer("cache-mb", 0, 0);
+    if (cacheMegabytes > (1LL << 20))
+        throw std::runtime_error("--cache-mb must be at most 1048576 (1 TiB), got " + std::to_string(cacheMegabytes) +
+                                 ".");
+    long long const time = options.integer("time", 0, 0);
+    std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(options.positional[0], time, 0);
     if (!options.has("type"))
         settings.type = keepsValues(expression)
                             ? Nuvek::storedSampleType(*source).value_or(Nuvek::TiffSampleType::Float32)
@@ -615,6 +656,12 @@ int runCommand(std::vector<std::string> const& arguments)
     std::unique_ptr<Nuvek::Box> box;
     if (options.has("box"))
         box = std::make_unique<Nuvek::Box>(parseBox(options.get("box", ""), source->getExtent(level)));
+    std::size_t const cacheBytes =
+        options.has("cache-mb")
+            ? static_cast<std::size_t>(cacheMegabytes) << 20
+            : inputCacheBytes(*source, expression, level, box ? box->min : Nuvek::Vector(), settings);
+    if (cacheBytes > 0)
+        source = Nuvek::openImage(options.positional[0], time, cacheBytes);
     InterruptScope const interruptScope;
     bool const quiet = options.flags.count("quiet") != 0;
     runChain(*source, options.get("chain", ""), options.positional[1], level, box.get(), settings, quiet,

@@ -49,6 +49,8 @@ Options:
   --host ADDR       address to listen on (default 127.0.0.1, this machine only)
   --threads N       threads that compute tiles (default: all cores)
   --cache-mb N      bound of the tile cache in MiB (default 256)
+  --input-cache-mb N  bound of the input's decoded tiles kept for the workers, in MiB (default
+                    96; 0 keeps none)
 
 Display: each layer's values map linearly to 0..255 over its range (automatic from a coarse level,
 editable in the page); one channel shows grey or a colour map, several channels the first three as
@@ -85,6 +87,7 @@ int viewCommand(std::vector<std::string> const& arguments)
     std::vector<std::string> inputs;
     std::vector<std::string> chains;
     TileServerSettings settings;
+    std::size_t inputCacheBytes = Nuvek::defaultTileCacheBytes;
     settings.threads = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
     for (std::size_t i = 0; i < arguments.size(); ++i)
     {
@@ -117,6 +120,8 @@ int viewCommand(std::vector<std::string> const& arguments)
             settings.threads = static_cast<int>(wholeNumber(name, value, 1, 1024));
         else if (name == "cache-mb")
             settings.cacheBytes = static_cast<std::size_t>(wholeNumber(name, value, 1, 1 << 20)) << 20;
+        else if (name == "input-cache-mb")
+            inputCacheBytes = static_cast<std::size_t>(wholeNumber(name, value, 0, 1 << 20)) << 20;
         else
             throw std::runtime_error("unknown option --" + name + ".");
     }
@@ -124,7 +129,7 @@ int viewCommand(std::vector<std::string> const& arguments)
         throw std::runtime_error("expected one INPUT; 'nuvek view --help' shows the usage.");
 
     ViewAssets assets = ViewAssets::locate();
-    std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(inputs[0]);
+    std::unique_ptr<Nuvek::Image> source = Nuvek::openImage(inputs[0], 0, inputCacheBytes);
     settings.title = std::filesystem::path(inputs[0]).filename().string();
     TileServer server(*source, std::move(assets), settings);
     for (std::string const& chain : chains)
