@@ -1,0 +1,62 @@
+#include "filters/internal/RequestBands.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace Nuvek {
+
+namespace {
+
+// Rows a band of box holds: about bandValues values, but never so few that the rows a filter reads
+// beyond the band (its margin) would outweigh the band itself.
+long long rowsPerBand(Box const& box, long long numChannels, long long bandValues)
+{
+    constexpr long long minimumRows = 64;
+    Vector const extent = box.getExtent();
+    // Divided one factor at a time: the product of a huge row and the channels may not fit.
+    return std::max(minimumRows, bandValues / numChannels / std::max(1LL, extent.x * extent.z));
+}
+
+} // namespace
+
+bool RequestBands::splits(Box const& box, long long numChannels, Vector const& levelExtent)
+{
+    if (box.isEmpty() || numChannels < 1 || box.intersected(Box(levelExtent)) != box)
+        return false;
+    return box.getSize() > largeRequestValues / numChannels &&
+           box.getExtent().y > rowsPerBand(box, numChannels, bandValues);
+}
+
+void RequestBands::run(double* out, Box const& box, long long numChannels, Compute const& compute)
+{
+    Vector const extent = box.getExtent();
+    long long const rows = rowsPerBand(box, numChannels, bandValues);
+    bool const inPlace = numChannels == 1 && extent.z == 1;
+    std::vector<double> bandBuffer;
+    if (!inPlace)
+        bandBuffer.resize(static_cast<std::size_t>(std::min(rows, extent.y) * extent.x * extent.z * numChannels));
+    long long const boxSize = box.getSize();
+    for (long long y = box.min.y; y <= box.max.y; y += rows)
+    {
+        Box const band(Vector(box.min.x, y, box.min.z), Vector(box.max.x, std::min(box.max.y, y + rows - 1),
+                                                               box.max.z));
+        if (inPlace)
+        {
+            compute(out + (y - box.min.y) * extent.x, band);
+            continue;
+        }
+        compute(bandBuffer.data(), band);
+        // Each band row of every slice and channel goes to its place in out.
+        long long const bandRows = band.getExtent().y;
+        long long const bandSize = band.getSize();
+        for (long long c = 0; c < numChannels; ++c)
+            for (long long z = 0; z < extent.z; ++z)
+            {
+                double const* source = bandBuffer.data() + c * bandSize + z * bandRows * extent.x;
+                double* target = out + c * boxSize + (z * extent.y + (y - box.min.y)) * extent.x;
+                std::copy(source, source + bandRows * extent.x, target);
+            }
+    }
+}
+
+} // namespace Nuvek

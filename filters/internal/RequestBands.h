@@ -1,0 +1,38 @@
+#pragma once
+
+#include <nuvek/core/Box.h>
+
+#include <functional>
+
+namespace Nuvek {
+
+/// \brief Computes one large request as a series of smaller ones: bands of whole rows of the box,
+/// each spanning all of its slices.
+///
+/// A filter whose values do not depend on the box asked for gives the same bits either way, but a
+/// band's temporaries (the filter's own and those of every filter below it, which are asked for the
+/// band grown by their margins) stay in the processor's caches and are reused from the heap, where
+/// those of one large request are mapped afresh and fault in page by page. Only requests that lie
+/// inside the image are split: outside it some inputs give values that depend on the box.
+class RequestBands
+{
+public:
+    /// Values (all channels) a band aims at: about a 512 x 512 tile of one channel.
+    static constexpr long long bandValues = 1LL << 18;
+    /// Requests of more values than this are split.
+    static constexpr long long largeRequestValues = 2 * bandValues;
+
+    /// Computes a band: fills bandOut, a region buffer of band, with all of the filter's channels.
+    using Compute = std::function<void(double* bandOut, Box const& band)>;
+
+    /// Whether a request for box of an image with numChannels channels and the given extent at the
+    /// requested level is split: it is large and lies inside the image.
+    static bool splits(Box const& box, long long numChannels, Vector const& levelExtent);
+
+    /// Fills out, a region buffer of box with numChannels channels, band by band in order of y.
+    /// A single channel of a single slice is computed in place; otherwise every band goes through
+    /// a buffer of its own and is copied into out.
+    static void run(double* out, Box const& box, long long numChannels, Compute const& compute);
+};
+
+} // namespace Nuvek
