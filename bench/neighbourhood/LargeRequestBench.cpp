@@ -30,8 +30,7 @@ constexpr long long tileSize = 512;
 struct Scene
 {
     explicit Scene(long long channels)
-        : source(NuvekBench::noiseImage(Nuvek::Vector(imageSize, imageSize, 1), channels)),
-          clamped(source.get(), false)
+        : source(NuvekBench::noiseImage(Nuvek::Vector(imageSize, imageSize, 1), channels)), clamped(source.get(), false)
     {
     }
     Nuvek::Image& add(std::unique_ptr<Nuvek::Image> stage)
@@ -81,7 +80,8 @@ std::vector<Case> const cases{
     {"lbp", 1, stage<Nuvek::LBPFilter>()},
     {"distance", 1, stage<Nuvek::DistanceTransformFilter>(0.0, 10LL)},
     {"gaussian5ThreeChannels", 3, stage<Nuvek::GaussianBlurFilter>(5LL)},
-    {"hsv", 3, [](Scene& scene) -> Nuvek::Image& {
+    {"hsv", 3,
+     [](Scene& scene) -> Nuvek::Image& {
          return scene.add(std::make_unique<Nuvek::RGBToHSVFilter>(scene.source.get(), false));
      }},
 };

@@ -38,8 +38,8 @@ void RequestBands::run(double* out, Box const& box, long long numChannels, Compu
     long long const boxSize = box.getSize();
     for (long long y = box.min.y; y <= box.max.y; y += rows)
     {
-        Box const band(Vector(box.min.x, y, box.min.z), Vector(box.max.x, std::min(box.max.y, y + rows - 1),
-                                                               box.max.z));
+        Box const band(Vector(box.min.x, y, box.min.z),
+                       Vector(box.max.x, std::min(box.max.y, y + rows - 1), box.max.z));
         if (inPlace)
         {
             compute(out + (y - box.min.y) * extent.x, band);

@@ -79,8 +79,8 @@ TEST(LargeRequests, BandsGiveTheBitsOfSmallRequests)
             if (test.name.rfind("distance", 0) == 0 && shape.extraChannels > 0)
                 continue;
             long long const channels = test.channels + shape.extraChannels;
-            std::string const context = test.name + ", " + std::to_string(channels) + " channels, level " +
-                                        std::to_string(shape.level);
+            std::string const context =
+                test.name + ", " + std::to_string(channels) + " channels, level " + std::to_string(shape.level);
             SCOPED_TRACE(context);
             std::shared_ptr<Nuvek::MemoryImage>& source = sources[channels];
             if (!source)
@@ -96,8 +96,8 @@ TEST(LargeRequests, BandsGiveTheBitsOfSmallRequests)
                 continue;
             }
             std::vector<double> const whole = NuvekTest::openWhole(*filter, shape.level, shape.box);
-            std::vector<double> const small =
-                NuvekTest::openTiled(*filter, shape.level, shape.box, {}, cutsEvery(60, shape.box.min.y, shape.box.max.y));
+            std::vector<double> const small = NuvekTest::openTiled(*filter, shape.level, shape.box, {},
+                                                                   cutsEvery(60, shape.box.min.y, shape.box.max.y));
             EXPECT_TRUE(NuvekTest::sameBits(small, whole, shape.box, context));
         }
     }
