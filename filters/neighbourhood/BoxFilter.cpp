@@ -275,11 +275,15 @@ void BoxFilter::openRegion(double* out, long long level, Box const& box)
     Vector const outputExtent = box.getExtent();
 
     // The running sums depend on the box asked for, so a large request cannot be split into bands;
-    // a buffer kept from an earlier call saves faulting in fresh pages. Filled with 0.0 as a fresh
-    // one would be, in case the input leaves voxels unwritten.
+    // a buffer kept from an earlier call saves faulting in fresh pages.
     WorkBufferPool::Loan loan = workBuffers->take();
     std::vector<double>& work = loan.buffer();
-    work.assign(static_cast<std::size_t>(numChannels * inputBox.getSize()), 0.0);
+    // Every voxel of a box inside the image is written by the input; elsewhere a source may leave
+    // some unwritten, and they read 0.0 as in a fresh buffer.
+    if (inputBox.intersected(Box(input->getExtent(level))) == inputBox)
+        work.resize(static_cast<std::size_t>(numChannels * inputBox.getSize()));
+    else
+        work.assign(static_cast<std::size_t>(numChannels * inputBox.getSize()), 0.0);
     // A buffer beyond the retained size is freed rather than kept, also when the input throws.
     struct Release
     {
