@@ -5,11 +5,7 @@
 
 namespace Nuvek {
 
-namespace {
-
-// Rows a band of box holds: about bandValues values, but never so few that the rows a filter reads
-// beyond the band (its margin) would outweigh the band itself.
-long long rowsPerBand(Box const& box, long long numChannels, long long bandValues)
+long long RequestBands::rowsPerBand(Box const& box, long long numChannels)
 {
     constexpr long long minimumRows = 64;
     Vector const extent = box.getExtent();
@@ -17,20 +13,17 @@ long long rowsPerBand(Box const& box, long long numChannels, long long bandValue
     return std::max(minimumRows, bandValues / numChannels / std::max(1LL, extent.x * extent.z));
 }
 
-} // namespace
-
 bool RequestBands::splits(Box const& box, long long numChannels, Vector const& levelExtent)
 {
     if (box.isEmpty() || numChannels < 1 || box.intersected(Box(levelExtent)) != box)
         return false;
-    return box.getSize() > largeRequestValues / numChannels &&
-           box.getExtent().y > rowsPerBand(box, numChannels, bandValues);
+    return box.getSize() > largeRequestValues / numChannels && box.getExtent().y > rowsPerBand(box, numChannels);
 }
 
 void RequestBands::run(double* out, Box const& box, long long numChannels, Compute const& compute)
 {
     Vector const extent = box.getExtent();
-    long long const rows = rowsPerBand(box, numChannels, bandValues);
+    long long const rows = rowsPerBand(box, numChannels);
     bool const inPlace = numChannels == 1 && extent.z == 1;
     std::vector<double> bandBuffer;
     if (!inPlace)

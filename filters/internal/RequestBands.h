@@ -29,6 +29,10 @@ public:
     /// requested level is split: it is large and lies inside the image.
     static bool splits(Box const& box, long long numChannels, Vector const& levelExtent);
 
+    /// The rows of box a band holds: about bandValues values, but at least 64 rows, so that the rows a
+    /// filter reads beyond a band (its margin) do not outweigh the band itself.
+    static long long rowsPerBand(Box const& box, long long numChannels);
+
     /// Fills out, a region buffer of box with numChannels channels, band by band in order of y.
     /// A single channel of a single slice is computed in place; otherwise every band goes through
     /// a buffer of its own and is copied into out.
