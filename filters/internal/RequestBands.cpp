@@ -5,25 +5,29 @@
 
 namespace Nuvek {
 
-long long RequestBands::rowsPerBand(Box const& box, long long numChannels)
+long long RequestBands::rowsPerBand(Box const& box, long long numChannels, long long rowMultiple)
 {
     constexpr long long minimumRows = 64;
     Vector const extent = box.getExtent();
     // Divided one factor at a time: the product of a huge row and the channels may not fit.
-    return std::max(minimumRows, bandValues / numChannels / std::max(1LL, extent.x * extent.z));
+    long long const rows = std::max(minimumRows, bandValues / numChannels / std::max(1LL, extent.x * extent.z));
+    long long const multiple = std::max(1LL, rowMultiple);
+    return std::max(multiple, rows - rows % multiple);
 }
 
-bool RequestBands::splits(Box const& box, long long numChannels, Vector const& levelExtent)
+bool RequestBands::splits(Box const& box, long long numChannels, Vector const& levelExtent, long long rowMultiple)
 {
     if (box.isEmpty() || numChannels < 1 || box.intersected(Box(levelExtent)) != box)
         return false;
-    return box.getSize() > largeRequestValues / numChannels && box.getExtent().y > rowsPerBand(box, numChannels);
+    return box.getSize() > largeRequestValues / numChannels &&
+           box.getExtent().y > rowsPerBand(box, numChannels, rowMultiple);
 }
 
-void RequestBands::run(double* out, Box const& box, long long numChannels, Compute const& compute)
+void RequestBands::run(double* out, Box const& box, long long numChannels, Compute const& compute,
+                       long long rowMultiple)
 {
     Vector const extent = box.getExtent();
-    long long const rows = rowsPerBand(box, numChannels);
+    long long const rows = rowsPerBand(box, numChannels, rowMultiple);
     bool const inPlace = numChannels == 1 && extent.z == 1;
     std::vector<double> bandBuffer;
     if (!inPlace)

@@ -26,17 +26,20 @@ public:
     using Compute = std::function<void(double* bandOut, Box const& band)>;
 
     /// Whether a request for box of an image with numChannels channels and the given extent at the
-    /// requested level is split: it is large and lies inside the image.
-    static bool splits(Box const& box, long long numChannels, Vector const& levelExtent);
+    /// requested level is split: it is large, lies inside the image and holds more than one band.
+    static bool splits(Box const& box, long long numChannels, Vector const& levelExtent, long long rowMultiple = 1);
 
     /// The rows of box a band holds: about bandValues values, but at least 64 rows, so that the rows a
-    /// filter reads beyond a band (its margin) do not outweigh the band itself.
-    static long long rowsPerBand(Box const& box, long long numChannels);
+    /// filter reads beyond a band (its margin) do not outweigh the band itself; a multiple of
+    /// rowMultiple (at least one), for filters whose results depend on a row's place modulo it.
+    static long long rowsPerBand(Box const& box, long long numChannels, long long rowMultiple = 1);
 
-    /// Fills out, a region buffer of box with numChannels channels, band by band in order of y.
-    /// A single channel of a single slice is computed in place; otherwise every band goes through
-    /// a buffer of its own and is copied into out.
-    static void run(double* out, Box const& box, long long numChannels, Compute const& compute);
+    /// Fills out, a region buffer of box with numChannels channels, band by band in order of y, each
+    /// band starting a multiple of rowMultiple rows below the box's first row. A single channel of a
+    /// single slice is computed in place; otherwise every band goes through a buffer of its own and is
+    /// copied into out.
+    static void run(double* out, Box const& box, long long numChannels, Compute const& compute,
+                    long long rowMultiple = 1);
 };
 
 } // namespace Nuvek

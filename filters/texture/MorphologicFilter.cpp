@@ -1,6 +1,7 @@
 #include <nuvek/filters/texture/MorphologicFilter.h>
 
 #include "filters/internal/OrderSensitivity.h"
+#include "filters/internal/RequestBands.h"
 #include "filters/internal/TargetClones.h"
 
 #include "filters/internal/MorphologicPasses.h"
@@ -487,13 +488,22 @@ void MorphologicFilter<type>::openRegion(double* out, long long level, Box const
     if (box.isEmpty())
         return;
     long long const k = kernelSize;
+    // Where NaN or -0.0 decide, a result depends on the slots of its window, counted from the start of
+    // the padded request; bands a multiple of k rows apart keep every slot, so they give the same bits.
+    if (RequestBands::splits(box, getNumChannels(), getExtent(level), k))
+    {
+        RequestBands::run(
+            out, box, getNumChannels(),
+            [&](double* bandOut, Box const& band) { MorphologicFilter<type>::openRegion(bandOut, level, band); }, k);
+        return;
+    }
     long long const half = k / 2;
     long long const numChannels = getNumChannels();
     // Not clipped to the extent: what lies beyond the border is the input's decision.
     Box const inputBox = box.expanded(Vector(half, half, 0));
     long long const inputSize = inputBox.getSize();
-    // Where NaN or -0.0 decide, the results depend on the box asked for, so a large request cannot
-    // be split into bands; a buffer kept from an earlier call saves faulting in fresh pages.
+    // A request that is not split (one reaching beyond the image, where bands could not be proven the
+    // same) may still be large: a buffer kept from an earlier call saves faulting in fresh pages.
     WorkBufferPool::Loan loan = workBuffers->take();
     std::vector<double>& work = loan.buffer();
     // Every voxel of a box inside the image is written by the input; elsewhere a source may leave
