@@ -2,6 +2,7 @@
 #include <nuvek/filters/neighbourhood/BoxFilter.h>
 
 #include "filters/internal/SimdQuad.h"
+#include "filters/internal/WorkBufferPool.h"
 
 #include <cmath>
 #include <stdexcept>
@@ -89,6 +90,8 @@ void sumAlongYInto(double* out, double const* work, Vector const& outputExtent, 
 // those values straight from the buffer; they change which sums run side by side and where the
 // row sums are kept, and the results are the same to the bit.
 constexpr long long minimumFastWidth = 8;
+// Work buffers up to this many values (64 MiB) are kept for the next call; larger ones are freed.
+constexpr std::size_t retainedWorkValues = std::size_t(1) << 23;
 // Rows whose running sums along x run side by side: each sum depends on its own previous step, so
 // interleaving independent rows hides the latency of the additions.
 constexpr long long rowsPerGroup = 6;
@@ -242,7 +245,8 @@ void sumBoxFast(double* out, double* work, Vector const& outputExtent, Vector co
 } // namespace
 
 BoxFilter::BoxFilter(Image* input, long long kernelSize, bool normalize, bool rounding, bool ownsInput)
-    : Filter(input, ownsInput), kernelSize(kernelSize), normalize(normalize), rounding(rounding)
+    : Filter(input, ownsInput), kernelSize(kernelSize), normalize(normalize), rounding(rounding),
+      workBuffers(std::make_unique<WorkBufferPool>(retainedWorkValues))
 {
     if ((kernelSize & 1) == 0)
         throw std::runtime_error("Kernel size must be odd.");
@@ -270,7 +274,26 @@ void BoxFilter::openRegion(double* out, long long level, Box const& box)
     Vector const inputExtent = inputBox.getExtent();
     Vector const outputExtent = box.getExtent();
 
-    std::vector<double> work(static_cast<std::size_t>(numChannels * inputBox.getSize()), 0.0);
+    // The running sums depend on the box asked for, so a large request cannot be split into bands;
+    // a buffer kept from an earlier call saves faulting in fresh pages.
+    WorkBufferPool::Loan loan = workBuffers->take();
+    std::vector<double>& work = loan.buffer();
+    // Every voxel of a box inside the image is written by the input; elsewhere a source may leave
+    // some unwritten, and they read 0.0 as in a fresh buffer.
+    if (inputBox.intersected(Box(input->getExtent(level))) == inputBox)
+        work.resize(static_cast<std::size_t>(numChannels * inputBox.getSize()));
+    else
+        work.assign(static_cast<std::size_t>(numChannels * inputBox.getSize()), 0.0);
+    // A buffer beyond the retained size is freed rather than kept, also when the input throws.
+    struct Release
+    {
+        std::vector<double>& work;
+        ~Release()
+        {
+            if (work.capacity() > retainedWorkValues)
+                std::vector<double>().swap(work);
+        }
+    } const release{work};
     input->openRegion(work.data(), level, inputBox);
 
     double const scale = normalize ? 1.0 / static_cast<double>(kernelSize * kernelSize) : 1.0;

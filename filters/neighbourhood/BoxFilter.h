@@ -2,7 +2,11 @@
 
 #include <nuvek/core/Filter.h>
 
+#include <memory>
+
 namespace Nuvek {
+
+class WorkBufferPool;
 
 /// \brief Replaces every voxel by the sum, or the mean, of the k x k square of input voxels
 /// centred on it in the x/y plane of its slice, channel by channel.
@@ -19,7 +23,9 @@ namespace Nuvek {
 /// The filter asks its input for the requested box grown by k / 2 in x and y at the requested
 /// level, not clipped to the input's extent: values beyond the border are what the input delivers
 /// there, and border voxels are not renormalised. The kernel size is the same at every level.
-/// openRegion may run on several threads at once.
+/// openRegion may run on several threads at once. Each call borrows the buffer of the grown box from
+/// buffers the filter keeps for later calls (up to 64 MiB each; larger ones are freed), so that a
+/// large request does not map and fault in fresh memory every time.
 class BoxFilter : public Filter
 {
 public:
@@ -36,6 +42,7 @@ private:
     long long kernelSize;
     bool normalize;
     bool rounding;
+    std::unique_ptr<WorkBufferPool> workBuffers;
 };
 
 } // namespace Nuvek

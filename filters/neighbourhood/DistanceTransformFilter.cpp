@@ -1,3 +1,4 @@
+#include "filters/internal/RequestBands.h"
 #include "filters/internal/TargetClones.h"
 #include <nuvek/filters/neighbourhood/DistanceTransformFilter.h>
 
@@ -269,6 +270,15 @@ void DistanceTransformFilter::openRegion(double* out, long long level, Box const
     long long const numChannels = input->getNumChannels();
     if (numChannels < 1)
         return;
+    // Every distance is capped at the margin read around the box, so bands give the same bits; only
+    // for one channel of one slice, as the column passes of several depend on the box's height.
+    if (numChannels == 1 && box.getExtent().z == 1 && RequestBands::splits(box, numChannels, getExtent(level)))
+    {
+        RequestBands::run(out, box, numChannels, [&](double* bandOut, Box const& band) {
+            DistanceTransformFilter::openRegion(bandOut, level, band);
+        });
+        return;
+    }
     long long const margin = maxDistance;
     // Not clipped: the margin is what keeps distances exact up to the cap at tile borders.
     Box const grownBox = box.expanded(Vector(margin, margin, 0));

@@ -1,3 +1,4 @@
+#include "filters/internal/RequestBands.h"
 #include "filters/internal/TargetClones.h"
 #include <nuvek/filters/neighbourhood/HarrisEigenvaluesFilter.h>
 
@@ -59,6 +60,14 @@ void HarrisEigenvaluesFilter::openRegion(double* out, long long level, Box const
 {
     if (box.isEmpty())
         return;
+    // Every voxel's eigenvalues depend only on the input around it, so bands give the same bits.
+    if (RequestBands::splits(box, getNumChannels(), getExtent(level)))
+    {
+        RequestBands::run(out, box, getNumChannels(), [&](double* bandOut, Box const& band) {
+            HarrisEigenvaluesFilter::openRegion(bandOut, level, band);
+        });
+        return;
+    }
     long long const size = box.getSize();
     long long const numChannels = input->getNumChannels();
     // The smoothed gradients have the output's layout, so the eigenvalues replace them in place.

@@ -19,6 +19,10 @@ namespace Nuvek {
 /// The Sobel filter asks the input for the requested box grown by 1 in x and y, and the blur grows
 /// that by k / 2; neither is clipped to the input's extent. The value range is the input's, not
 /// that of the eigenvalues. Channel names are empty, for indices 0 to getNumChannels() inclusive.
+/// A request inside the image of more than 2^19 values (all output channels) is computed in bands
+/// of whole rows, each asked of the input like a request of its own, so that the temporaries stay
+/// in the caches. The values are the same wherever the input's do not depend on the box asked for,
+/// as with the sources and most filters (the filter list names the exceptions).
 /// openRegion may run on several threads at once.
 class HarrisEigenvaluesFilter : public Filter
 {

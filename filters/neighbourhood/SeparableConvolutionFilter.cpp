@@ -1,6 +1,7 @@
 #include "filters/internal/TargetClones.h"
 #include <nuvek/filters/neighbourhood/SeparableConvolutionFilter.h>
 
+#include "filters/internal/RequestBands.h"
 #include "filters/internal/SimdQuad.h"
 
 #include <stdexcept>
@@ -146,6 +147,32 @@ void correlateFast(double* out, double* work, Vector const& outputExtent, Vector
     }
 }
 
+// One request the plain way: the grown box from the input in one buffer, then both passes.
+void convolveRegion(Image& input, std::vector<double> const& kernelX, std::vector<double> const& kernelY,
+                    long long numChannels, double* out, long long level, Box const& box)
+{
+    long long const half = static_cast<long long>(kernelX.size() / 2);
+    // Not clipped to the extent: what lies beyond the border is the input's decision.
+    Box const inputBox = box.expanded(Vector(half, half, 0));
+    Vector const inputExtent = inputBox.getExtent();
+    Vector const outputExtent = box.getExtent();
+
+    std::vector<double> work(static_cast<std::size_t>(numChannels * inputBox.getSize()), 0.0);
+    input.openRegion(work.data(), level, inputBox);
+
+    // Rows at least eight wide take the fast passes; they give the same bits as the ring passes,
+    // which narrower boxes keep.
+    if (outputExtent.x >= minimumFastWidth)
+    {
+        correlateFast(out, work.data(), outputExtent, inputExtent, numChannels, kernelX, kernelY);
+        return;
+    }
+    std::vector<double> ring(kernelX.size(), 0.0);
+    std::size_t position = 0;
+    correlateAlongXInPlace(work.data(), inputExtent, numChannels, outputExtent.x, kernelX, ring, position);
+    correlateAlongYInto(out, work.data(), outputExtent, inputExtent, numChannels, kernelY, ring, position);
+}
+
 } // namespace
 
 SeparableConvolutionFilter::SeparableConvolutionFilter(Image* input, std::vector<double> const& kernelX,
@@ -175,27 +202,16 @@ void SeparableConvolutionFilter::openRegion(double* out, long long level, Box co
 {
     if (box.isEmpty())
         return;
-    long long const half = static_cast<long long>(kernelX.size() / 2);
     long long const numChannels = getNumChannels();
-    // Not clipped to the extent: what lies beyond the border is the input's decision.
-    Box const inputBox = box.expanded(Vector(half, half, 0));
-    Vector const inputExtent = inputBox.getExtent();
-    Vector const outputExtent = box.getExtent();
-
-    std::vector<double> work(static_cast<std::size_t>(numChannels * inputBox.getSize()), 0.0);
-    input->openRegion(work.data(), level, inputBox);
-
-    // Rows at least eight wide take the fast passes; they give the same bits as the ring passes,
-    // which narrower boxes keep.
-    if (outputExtent.x >= minimumFastWidth)
+    // Every voxel's value depends only on the input around it, so bands give the same bits.
+    if (RequestBands::splits(box, numChannels, getExtent(level)))
     {
-        correlateFast(out, work.data(), outputExtent, inputExtent, numChannels, kernelX, kernelY);
+        RequestBands::run(out, box, numChannels, [&](double* bandOut, Box const& band) {
+            convolveRegion(*input, kernelX, kernelY, numChannels, bandOut, level, band);
+        });
         return;
     }
-    std::vector<double> ring(kernelX.size(), 0.0);
-    std::size_t position = 0;
-    correlateAlongXInPlace(work.data(), inputExtent, numChannels, outputExtent.x, kernelX, ring, position);
-    correlateAlongYInto(out, work.data(), outputExtent, inputExtent, numChannels, kernelY, ring, position);
+    convolveRegion(*input, kernelX, kernelY, numChannels, out, level, box);
 }
 
 } // namespace Nuvek

@@ -18,6 +18,10 @@ namespace Nuvek {
 /// The filter asks its input for the requested box grown by h in x and y at the requested level,
 /// not clipped to the input's extent: values beyond the border are what the input delivers there.
 /// The kernels are the same at every level. The value range is the input's, whatever the kernels.
+/// A request inside the image of more than 2^19 values (all output channels) is computed in bands
+/// of whole rows, each asked of the input like a request of its own, so that the temporaries stay
+/// in the caches. The values are the same wherever the input's do not depend on the box asked for,
+/// as with the sources and most filters (the filter list names the exceptions).
 /// openRegion may run on several threads at once.
 class SeparableConvolutionFilter : public Filter
 {

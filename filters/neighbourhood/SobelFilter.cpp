@@ -1,3 +1,4 @@
+#include "filters/internal/RequestBands.h"
 #include <nuvek/filters/neighbourhood/SobelFilter.h>
 
 #include <nuvek/filters/neighbourhood/GaussianBlurFilter.h>
@@ -18,6 +19,47 @@ std::vector<double> differenceKernel(long long kernelSize)
     for (long long i = 0; i < kernelSize; ++i)
         kernel[static_cast<std::size_t>(i)] = i < half ? -1.0 : (i == half ? 0.0 : 1.0);
     return kernel;
+}
+
+// One request the plain way: both gradients of the whole box, combined into out.
+template <SobelOutput output>
+void sobelOfRegion(Image& gradientX, Image& gradientY, long long numChannels, double* out, long long level,
+                   Box const& box)
+{
+    long long const size = box.getSize();
+
+    if (output == SobelOutput::Vector && numChannels == 1)
+    {
+        // One input channel: X and Y are already the output's two planes.
+        gradientX.openRegion(out, level, box);
+        gradientY.openRegion(out + size, level, box);
+        return;
+    }
+
+    std::vector<double> gradientsY(static_cast<std::size_t>(numChannels * size), 0.0);
+    gradientY.openRegion(gradientsY.data(), level, box);
+
+    if (output == SobelOutput::Magnitude)
+    {
+        // The x gradients go straight into out and are squared in place.
+        gradientX.openRegion(out, level, box);
+        for (long long i = 0; i < numChannels * size; ++i)
+        {
+            double const gx = out[i];
+            double const gy = gradientsY[static_cast<std::size_t>(i)];
+            out[i] = gy * gy + gx * gx;
+        }
+        return;
+    }
+
+    std::vector<double> gradientsX(static_cast<std::size_t>(numChannels * size), 0.0);
+    gradientX.openRegion(gradientsX.data(), level, box);
+    // The output channels alternate X and Y per input channel.
+    for (long long c = 0; c < numChannels; ++c)
+    {
+        std::copy(gradientsX.begin() + c * size, gradientsX.begin() + (c + 1) * size, out + 2 * c * size);
+        std::copy(gradientsY.begin() + c * size, gradientsY.begin() + (c + 1) * size, out + (2 * c + 1) * size);
+    }
 }
 
 } // namespace
@@ -75,41 +117,16 @@ void SobelFilter<output>::openRegion(double* out, long long level, Box const& bo
 {
     if (box.isEmpty())
         return;
-    long long const size = box.getSize();
     long long const numChannels = input->getNumChannels();
-
-    if (output == SobelOutput::Vector && numChannels == 1)
+    // Every voxel's gradients depend only on the input around it, so bands give the same bits.
+    if (RequestBands::splits(box, getNumChannels(), getExtent(level)))
     {
-        // One input channel: X and Y are already the output's two planes.
-        gradientX->openRegion(out, level, box);
-        gradientY->openRegion(out + size, level, box);
+        RequestBands::run(out, box, getNumChannels(), [&](double* bandOut, Box const& band) {
+            sobelOfRegion<output>(*gradientX, *gradientY, numChannels, bandOut, level, band);
+        });
         return;
     }
-
-    std::vector<double> gradientsY(static_cast<std::size_t>(numChannels * size), 0.0);
-    gradientY->openRegion(gradientsY.data(), level, box);
-
-    if (output == SobelOutput::Magnitude)
-    {
-        // The x gradients go straight into out and are squared in place.
-        gradientX->openRegion(out, level, box);
-        for (long long i = 0; i < numChannels * size; ++i)
-        {
-            double const gx = out[i];
-            double const gy = gradientsY[static_cast<std::size_t>(i)];
-            out[i] = gy * gy + gx * gx;
-        }
-        return;
-    }
-
-    std::vector<double> gradientsX(static_cast<std::size_t>(numChannels * size), 0.0);
-    gradientX->openRegion(gradientsX.data(), level, box);
-    // The output channels alternate X and Y per input channel.
-    for (long long c = 0; c < numChannels; ++c)
-    {
-        std::copy(gradientsX.begin() + c * size, gradientsX.begin() + (c + 1) * size, out + 2 * c * size);
-        std::copy(gradientsY.begin() + c * size, gradientsY.begin() + (c + 1) * size, out + (2 * c + 1) * size);
-    }
+    sobelOfRegion<output>(*gradientX, *gradientY, numChannels, out, level, box);
 }
 
 template class SobelFilter<SobelOutput::Vector>;

@@ -33,6 +33,10 @@ enum class SobelOutput
 /// vector and [0, d^2] for the magnitude: the ranges of the 3 x 3 case, not scaled for larger k.
 ///
 /// Each gradient asks the input for the requested box grown by h in x and y at the requested
+/// A request inside the image of more than 2^19 values (all output channels) is computed in bands
+/// of whole rows, each asked of the input like a request of its own, so that the temporaries stay
+/// in the caches. The values are the same wherever the input's do not depend on the box asked for,
+/// as with the sources and most filters (the filter list names the exceptions).
 /// level, not clipped to the input's extent. openRegion may run on several threads at once.
 template <SobelOutput output>
 class SobelFilter : public Filter

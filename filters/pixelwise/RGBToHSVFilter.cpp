@@ -1,11 +1,14 @@
+#include "filters/internal/RequestBands.h"
 #include "filters/internal/TargetClones.h"
 #include <nuvek/filters/pixelwise/RGBToHSVFilter.h>
 
 #include <nuvek/core/Conversions.h>
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace Nuvek {
 
@@ -13,16 +16,28 @@ namespace {
 
 constexpr long long blockLength = 4;
 
+// The planes a pass reads and those it writes, voxel by voxel; a pass may write where it reads.
+struct Planes
+{
+    double const* red;
+    double const* green;
+    double const* blue;
+    double* hue;
+    double* saturation;
+    double* value;
+};
+
 // Plain pass: voxel by voxel through the core's conversion.
-void convertOneByOne(double* red, double* green, double* blue, long long begin, long long end, double low, double span)
+void convertOneByOne(Planes const& planes, long long begin, long long end, double low, double span)
 {
     for (long long i = begin; i < end; ++i)
     {
         double hue = 0.0, saturation = 0.0, value = 0.0;
-        convertRGBToHSV((red[i] - low) / span, (green[i] - low) / span, (blue[i] - low) / span, hue, saturation, value);
-        red[i] = std::floor(hue / 360.0 * 255.0);
-        green[i] = std::floor(saturation * 255.0);
-        blue[i] = std::floor(value * 255.0);
+        convertRGBToHSV((planes.red[i] - low) / span, (planes.green[i] - low) / span, (planes.blue[i] - low) / span,
+                        hue, saturation, value);
+        planes.hue[i] = std::floor(hue / 360.0 * 255.0);
+        planes.saturation[i] = std::floor(saturation * 255.0);
+        planes.value[i] = std::floor(value * 255.0);
     }
 }
 
@@ -31,9 +46,19 @@ void convertOneByOne(double* red, double* green, double* blue, long long begin, 
 #if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
 NUVEK_TARGET_CLONES
 #endif
-void convertBySelection(double* __restrict red, double* __restrict green, double* __restrict blue, long long count,
-                        double low, double span)
+void convertBySelection(Planes const& planes, long long count, double low, double span)
 {
+    double const* const red = planes.red;
+    double const* const green = planes.green;
+    double const* const blue = planes.blue;
+    double* const hueOut = planes.hue;
+    double* const saturationOut = planes.saturation;
+    double* const valueOut = planes.value;
+    // Voxel i reads only index i of each plane before writing index i, so even planes written where
+    // they are read carry nothing from one voxel to the next.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC ivdep
+#endif
     for (long long i = 0; i < count; ++i)
     {
         double const r = (red[i] - low) / span;
@@ -72,10 +97,19 @@ void convertBySelection(double* __restrict red, double* __restrict green, double
         double const grey = zeroSpread ? 0.0 : delta;
         double const hue = positiveSpread ? wrapped : grey;
 
-        red[i] = std::floor(hue / 360.0 * 255.0);
-        green[i] = std::floor(saturation * 255.0);
-        blue[i] = std::floor(maximum * 255.0);
+        hueOut[i] = std::floor(hue / 360.0 * 255.0);
+        saturationOut[i] = std::floor(saturation * 255.0);
+        valueOut[i] = std::floor(maximum * 255.0);
     }
+}
+
+// Both passes perform the same operations per voxel, so they give the same bits; the selecting one
+// takes whole blocks, the plain one the rest.
+void convertPlanes(Planes const& planes, long long count, double low, double span)
+{
+    long long const blocked = count - count % blockLength;
+    convertBySelection(planes, blocked, low, span);
+    convertOneByOne(planes, blocked, count, low, span);
 }
 
 } // namespace
@@ -116,16 +150,32 @@ void RGBToHSVFilter::openRegion(double* out, long long level, Box const& box)
 
     ValueRange<double> const range = input->getValueRange();
     double const span = range.max - range.min;
+    Vector const extent = box.getExtent();
+    // Every voxel is converted on its own, so bands give the same bits. A large request of one slice
+    // is read band by band and converted from the band into out while the band is in the caches,
+    // instead of one pass over memory to read and another to convert.
+    if (extent.z == 1 && RequestBands::splits(box, inputChannels, getExtent(level)))
+    {
+        long long const rows = RequestBands::rowsPerBand(box, inputChannels);
+        std::vector<double> values(static_cast<std::size_t>(std::min(rows, extent.y) * extent.x * inputChannels));
+        double const* const band = values.data();
+        for (long long y = box.min.y; y <= box.max.y; y += rows)
+        {
+            Box const part(Vector(box.min.x, y, box.min.z),
+                           Vector(box.max.x, std::min(box.max.y, y + rows - 1), box.max.z));
+            long long const partSize = part.getSize();
+            long long const offset = (y - box.min.y) * extent.x;
+            input->openRegion(values.data(), level, part);
+            convertPlanes({band, band + partSize, band + 2 * partSize, out + offset, out + size + offset,
+                           out + 2 * size + offset},
+                          partSize, range.min, span);
+            for (long long c = 3; c < inputChannels; ++c)
+                std::copy(band + c * partSize, band + (c + 1) * partSize, out + c * size + offset);
+        }
+        return;
+    }
     input->openRegion(out, level, box);
-
-    double* red = out;
-    double* green = out + size;
-    double* blue = out + 2 * size;
-    // Both passes perform the same operations per voxel, so they give the same bits; the selecting
-    // one takes whole blocks, the plain one the rest.
-    long long const blocked = size - size % blockLength;
-    convertBySelection(red, green, blue, blocked, range.min, span);
-    convertOneByOne(red, green, blue, blocked, size, range.min, span);
+    convertPlanes({out, out + size, out + 2 * size, out, out + size, out + 2 * size}, size, range.min, span);
 }
 
 } // namespace Nuvek

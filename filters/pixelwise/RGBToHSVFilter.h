@@ -15,6 +15,10 @@ namespace Nuvek {
 /// through the conversion as they are. Channels after the third keep the input's values; an input
 /// with fewer than three channels makes openRegion throw std::runtime_error. The value range is
 /// (0, 255); the channels are named "Hue", "Saturation" and "Value", and no other index has a name.
+/// A request of one slice inside the image of more than 2^19 values (all output channels) is
+/// computed in bands of whole rows, each asked of the input like a request of its own, so that the
+/// temporaries stay in the caches. The values are the same wherever the input's do not depend on
+/// the box asked for, as with the sources and most filters (the filter list names the exceptions).
 /// openRegion may run on several threads at once when the input allows it.
 class RGBToHSVFilter : public Filter
 {

@@ -1,3 +1,4 @@
+#include "filters/internal/RequestBands.h"
 #include <nuvek/filters/texture/HistogramFilter.h>
 
 #include <stdexcept>
@@ -24,6 +25,13 @@ ValueRange<double> HistogramFilter::getValueRange() const
 
 void HistogramFilter::openRegion(double* out, long long level, Box const& box)
 {
+    // Every voxel's counts depend only on the input around it, so bands give the same bits.
+    if (RequestBands::splits(box, getNumChannels(), getExtent(level)))
+    {
+        RequestBands::run(out, box, getNumChannels(),
+                          [&](double* bandOut, Box const& band) { computer.compute(bandOut, input, band, level); });
+        return;
+    }
     computer.compute(out, input, box, level);
 }
 

@@ -13,6 +13,10 @@ namespace Nuvek {
 /// reaches outside the image (bin 0 is cleared over slabs along the crossed faces). The filter asks
 /// its input for the box grown by k / 2 in x and y at the same level. The value range is (0, k * k).
 /// Every channel is named "HistogramBin", and the names accept the index numBins as well.
+/// A request inside the image of more than 2^19 values (all output channels) is computed in bands
+/// of whole rows, each asked of the input like a request of its own, so that the temporaries stay
+/// in the caches. The values are the same wherever the input's do not depend on the box asked for,
+/// as with the sources and most filters (the filter list names the exceptions).
 /// openRegion may run on several threads at once.
 class HistogramFilter : public Filter
 {

@@ -1,3 +1,4 @@
+#include "filters/internal/RequestBands.h"
 #include "filters/internal/TargetClones.h"
 #include <nuvek/filters/texture/LBPFilter.h>
 
@@ -108,6 +109,13 @@ void LBPFilter::openRegion(double* out, long long level, Box const& box)
 {
     if (box.isEmpty())
         return;
+    // Every voxel's class depends only on the input around it, so bands give the same bits.
+    if (RequestBands::splits(box, getNumChannels(), getExtent(level)))
+    {
+        RequestBands::run(out, box, getNumChannels(),
+                          [&](double* bandOut, Box const& band) { LBPFilter::openRegion(bandOut, level, band); });
+        return;
+    }
     Box const clipped = box.intersected(Box(input->getExtent(level)));
     long long const size = box.getSize();
     if (clipped.getSize() != size)

@@ -25,6 +25,10 @@ namespace Nuvek {
 /// The constructors report an input with other than one channel by std::runtime_error, whose message
 /// begins with "Error: " and ends with a newline. A std::string thrown while constructing (by the
 /// input, for example) is written to the standard error stream as it is and thrown again.
+/// A request inside the image of more than 2^19 values (all output channels) is computed in bands
+/// of whole rows, each asked of the input like a request of its own, so that the temporaries stay
+/// in the caches. The values are the same wherever the input's do not depend on the box asked for,
+/// as with the sources and most filters (the filter list names the exceptions).
 /// openRegion may run on several threads at once; init must not run concurrently with anything else
 /// on the same filter.
 class LBPFilter : public Filter

@@ -1,9 +1,11 @@
 #include <nuvek/filters/texture/MorphologicFilter.h>
 
 #include "filters/internal/OrderSensitivity.h"
+#include "filters/internal/RequestBands.h"
 #include "filters/internal/TargetClones.h"
 
 #include "filters/internal/MorphologicPasses.h"
+#include "filters/internal/WorkBufferPool.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -458,13 +460,24 @@ void extremaOfRegionPlain(bool maximum, double const* work, Vector const& inputE
         extremaOfRegionPlainAs<false>(work, inputExtent, numChannels, k, out);
 }
 
+namespace {
+
+// Work buffers up to this many values (64 MiB) are kept for the next call; larger ones are freed.
+constexpr std::size_t retainedWorkValues = std::size_t(1) << 23;
+
+} // namespace
+
 template <MorphologicType type>
 MorphologicFilter<type>::MorphologicFilter(Image* input, long long kernelSize, bool ownsInput)
-    : Filter(input, ownsInput), kernelSize(kernelSize)
+    : Filter(input, ownsInput), kernelSize(kernelSize),
+      workBuffers(std::make_unique<WorkBufferPool>(retainedWorkValues))
 {
     if ((kernelSize & 1) == 0)
         throw std::runtime_error("Kernel size must be odd.");
 }
+
+template <MorphologicType type>
+MorphologicFilter<type>::~MorphologicFilter() = default;
 
 template <MorphologicType type>
 void MorphologicFilter<type>::openRegion(double* out, long long level, Box const& box)
@@ -475,12 +488,40 @@ void MorphologicFilter<type>::openRegion(double* out, long long level, Box const
     if (box.isEmpty())
         return;
     long long const k = kernelSize;
+    // Where NaN or -0.0 decide, a result depends on the slots of its window, counted from the start of
+    // the padded request; bands a multiple of k rows apart keep every slot, so they give the same bits.
+    if (RequestBands::splits(box, getNumChannels(), getExtent(level), k))
+    {
+        RequestBands::run(
+            out, box, getNumChannels(),
+            [&](double* bandOut, Box const& band) { MorphologicFilter<type>::openRegion(bandOut, level, band); }, k);
+        return;
+    }
     long long const half = k / 2;
     long long const numChannels = getNumChannels();
     // Not clipped to the extent: what lies beyond the border is the input's decision.
     Box const inputBox = box.expanded(Vector(half, half, 0));
     long long const inputSize = inputBox.getSize();
-    std::vector<double> work(static_cast<std::size_t>(inputSize * numChannels), 0.0);
+    // A request that is not split (one reaching beyond the image, where bands could not be proven the
+    // same) may still be large: a buffer kept from an earlier call saves faulting in fresh pages.
+    WorkBufferPool::Loan loan = workBuffers->take();
+    std::vector<double>& work = loan.buffer();
+    // Every voxel of a box inside the image is written by the input; elsewhere a source may leave
+    // some unwritten, and they read 0.0 as in a fresh buffer.
+    if (inputBox.intersected(Box(input->getExtent(level))) == inputBox)
+        work.resize(static_cast<std::size_t>(inputSize * numChannels));
+    else
+        work.assign(static_cast<std::size_t>(inputSize * numChannels), 0.0);
+    // A buffer beyond the retained size is freed rather than kept, also when the input throws.
+    struct Release
+    {
+        std::vector<double>& work;
+        ~Release()
+        {
+            if (work.capacity() > retainedWorkValues)
+                std::vector<double>().swap(work);
+        }
+    } const release{work};
     input->openRegion(work.data(), level, inputBox);
 
     // Same bits: the fast passes pick the same extremes and scan in slot order what NaN or -0.0 decide.

@@ -2,7 +2,11 @@
 
 #include <nuvek/core/Filter.h>
 
+#include <memory>
+
 namespace Nuvek {
+
+class WorkBufferPool;
 
 /// Which extreme a MorphologicFilter selects.
 enum class MorphologicType
@@ -30,18 +34,22 @@ enum class MorphologicType
 /// the image: at the border the input's own values outside its extent take part. Channels, value
 /// range and names are the input's. The constructor rejects an even kernel size; a negative odd size
 /// is accepted, but openRegion then throws std::runtime_error. openRegion may run on several threads
-/// at once.
+/// at once. Each call borrows the buffer of the grown box from buffers the filter keeps for later
+/// calls (up to 64 MiB each; larger ones are freed), so that a large request does not map and fault
+/// in fresh memory every time.
 template <MorphologicType type>
 class MorphologicFilter : public Filter
 {
 public:
     /// Throws std::runtime_error for an even kernel size.
     MorphologicFilter(Image* input, long long kernelSize, bool ownsInput);
+    ~MorphologicFilter() override;
 
     void openRegion(double* out, long long level, Box const& box) override;
 
 private:
     long long kernelSize;
+    std::unique_ptr<WorkBufferPool> workBuffers;
 };
 
 using ErosionFilter = MorphologicFilter<MorphologicType::Erosion>;

@@ -1,3 +1,4 @@
+#include "filters/internal/RequestBands.h"
 #include <nuvek/filters/texture/RankFilter.h>
 
 #include "filters/internal/OrderSensitivity.h"
@@ -468,6 +469,14 @@ void RankFilter::openRegion(double* out, long long level, Box const& box)
         throw std::runtime_error("Kernel size must not be negative.");
     if (box.isEmpty())
         return;
+    // Every voxel's rank depends only on the input around it, so bands give the same bits; only for
+    // one slice, as the slices after the first keep what out held.
+    if (box.getExtent().z == 1 && RequestBands::splits(box, getNumChannels(), getExtent(level)))
+    {
+        RequestBands::run(out, box, getNumChannels(),
+                          [&](double* bandOut, Box const& band) { RankFilter::openRegion(bandOut, level, band); });
+        return;
+    }
     long long const k = kernelSize;
     long long const half = k / 2;
     Box const inputBox(box.min - Vector(half, half, 0), box.max + Vector(half, half, 0));

@@ -21,6 +21,10 @@ namespace Nuvek {
 ///
 /// The constructor rejects an even kernel size, then a rank index of k * k or more, then a negative
 /// rank index; a negative odd kernel size is accepted, but openRegion then throws std::runtime_error.
+/// A request of one slice inside the image of more than 2^19 values (all output channels) is
+/// computed in bands of whole rows, each asked of the input like a request of its own, so that the
+/// temporaries stay in the caches. The values are the same wherever the input's do not depend on
+/// the box asked for, as with the sources and most filters (the filter list names the exceptions).
 /// openRegion may run on several threads at once.
 class RankFilter : public Filter
 {
