@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Image.h>
+#include <nuvek/core/RowBandExactness.h>
 
 #include <cstdint>
 #include <string>
@@ -30,9 +31,12 @@ namespace Nuvek {
 ///
 /// openRegion, the getters and getHash may run on several threads at once; the setters must not run
 /// concurrently with anything else on the same image.
-class MemoryImage : public Image
+class MemoryImage : public Image, public RowBandExactness
 {
 public:
+    /// Stored values: the same whatever box asks for them.
+    bool splitsExactlyInRowBands() const override { return true; }
+
     /// An image of zeros.
     MemoryImage(Vector const& extent, long long numChannels);
     /// values must hold extent.prod() * numChannels values.

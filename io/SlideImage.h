@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Image.h>
+#include <nuvek/core/RowBandExactness.h>
 #include <nuvek/io/TileCacheSize.h>
 
 #include <cstddef>
@@ -50,9 +51,12 @@ namespace Nuvek {
 /// the box in bands of bounded size. OpenSlide's readers and TiffImage are
 /// thread-safe, so openRegion may run on several threads at once without a lock. Problems are std::runtime_errors whose message starts
 /// with "SlideImage: <path>: ".
-class SlideImage : public Image
+class SlideImage : public Image, public RowBandExactness
 {
 public:
+    /// Stored values: the same whatever box asks for them.
+    bool splitsExactlyInRowBands() const override { return true; }
+
     explicit SlideImage(std::string const& path, std::size_t cacheBytes = defaultTileCacheBytes);
     ~SlideImage() override;
     SlideImage(SlideImage const&) = delete;

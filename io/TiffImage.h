@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Image.h>
+#include <nuvek/core/RowBandExactness.h>
 #include <nuvek/io/TileCacheSize.h>
 
 #include <cstddef>
@@ -74,9 +75,12 @@ namespace Nuvek {
 /// are busy) and decodes without holding a lock. Every problem with the file, when opening or
 /// later while decoding, is a std::runtime_error whose message starts with "TiffImage: <path>: ",
 /// naming an unsupported compression or sample format by name.
-class TiffImage : public Image
+class TiffImage : public Image, public RowBandExactness
 {
 public:
+    /// Stored values: the same whatever box asks for them.
+    bool splitsExactlyInRowBands() const override { return true; }
+
     /// Opens the file, showing time point timePoint (0, the first, for files without several),
     /// keeping at most cacheBytes of decoded tiles or strips.
     explicit TiffImage(std::string const& path, long long timePoint = 0,

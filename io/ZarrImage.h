@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Image.h>
+#include <nuvek/core/RowBandExactness.h>
 #include <nuvek/io/TileCacheSize.h>
 
 #include <cstddef>
@@ -33,9 +34,12 @@ namespace Nuvek {
 /// nothing between calls. Every
 /// problem, when opening or later when reading a chunk, is a std::runtime_error whose message starts
 /// with "ZarrImage: <path>: ".
-class ZarrImage : public Image
+class ZarrImage : public Image, public RowBandExactness
 {
 public:
+    /// Stored values: the same whatever box asks for them.
+    bool splitsExactlyInRowBands() const override { return true; }
+
     explicit ZarrImage(std::string const& path, std::size_t cacheBytes = defaultTileCacheBytes);
     ~ZarrImage() override;
     ZarrImage(ZarrImage const&) = delete;

@@ -1,5 +1,7 @@
 #include "filters/internal/RequestBands.h"
 
+#include <nuvek/core/RowBandExactness.h>
+
 #include <algorithm>
 #include <vector>
 
@@ -15,12 +17,13 @@ long long RequestBands::rowsPerBand(Box const& box, long long numChannels, long 
     return std::max(multiple, rows - rows % multiple);
 }
 
-bool RequestBands::splits(Box const& box, long long numChannels, Vector const& levelExtent, long long rowMultiple)
+bool RequestBands::splits(Image const* input, Box const& box, long long numChannels, Vector const& levelExtent,
+                          long long rowMultiple)
 {
     if (box.isEmpty() || numChannels < 1 || box.intersected(Box(levelExtent)) != box)
         return false;
     return box.getSize() > largeRequestValues / numChannels &&
-           box.getExtent().y > rowsPerBand(box, numChannels, rowMultiple);
+           box.getExtent().y > rowsPerBand(box, numChannels, rowMultiple) && RowBandExactness::splitsExactly(input);
 }
 
 void RequestBands::run(double* out, Box const& box, long long numChannels, Compute const& compute,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Box.h>
+#include <nuvek/core/Image.h>
 
 #include <functional>
 
@@ -26,8 +27,11 @@ public:
     using Compute = std::function<void(double* bandOut, Box const& band)>;
 
     /// Whether a request for box of an image with numChannels channels and the given extent at the
-    /// requested level is split: it is large, lies inside the image and holds more than one band.
-    static bool splits(Box const& box, long long numChannels, Vector const& levelExtent, long long rowMultiple = 1);
+    /// requested level is split: it is large, lies inside the image, holds more than one band, and the
+    /// filter's input gives the same bits in row bands (RowBandExactness), so that the bands it is
+    /// asked for change nothing below.
+    static bool splits(Image const* input, Box const& box, long long numChannels, Vector const& levelExtent,
+                       long long rowMultiple = 1);
 
     /// The rows of box a band holds: about bandValues values, but at least 64 rows, so that the rows a
     /// filter reads beyond a band (its margin) do not outweigh the band itself; a multiple of

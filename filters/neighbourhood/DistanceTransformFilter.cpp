@@ -272,7 +272,7 @@ void DistanceTransformFilter::openRegion(double* out, long long level, Box const
         return;
     // Every distance is capped at the margin read around the box, so bands give the same bits; only
     // for one channel of one slice, as the column passes of several depend on the box's height.
-    if (numChannels == 1 && box.getExtent().z == 1 && RequestBands::splits(box, numChannels, getExtent(level)))
+    if (numChannels == 1 && box.getExtent().z == 1 && RequestBands::splits(input, box, numChannels, getExtent(level)))
     {
         RequestBands::run(out, box, numChannels, [&](double* bandOut, Box const& band) {
             DistanceTransformFilter::openRegion(bandOut, level, band);

@@ -28,9 +28,7 @@ namespace Nuvek {
 ///
 /// A request of one slice and one channel inside the image of more than 2^19 values (all output
 /// channels) is computed in bands of whole rows, each asked of the input like a request of its own,
-/// so that the temporaries stay in the caches. The values are the same wherever the input's do not
-/// depend on the box asked for, as with the sources and most filters (the filter list names the
-/// exceptions).
+/// so that the temporaries stay in the caches. Bands are used only over an input that gives the same bits in row bands (RowBandExactness), so the values are those of one request.
 /// The value range is [0, maxDistance]. A negative `maxDistance` is rejected. openRegion may run on
 /// several threads at once.
 class DistanceTransformFilter : public Filter

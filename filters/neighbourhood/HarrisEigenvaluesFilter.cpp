@@ -61,7 +61,7 @@ void HarrisEigenvaluesFilter::openRegion(double* out, long long level, Box const
     if (box.isEmpty())
         return;
     // Every voxel's eigenvalues depend only on the input around it, so bands give the same bits.
-    if (RequestBands::splits(box, getNumChannels(), getExtent(level)))
+    if (RequestBands::splits(input, box, getNumChannels(), getExtent(level)))
     {
         RequestBands::run(out, box, getNumChannels(), [&](double* bandOut, Box const& band) {
             HarrisEigenvaluesFilter::openRegion(bandOut, level, band);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Filter.h>
+#include <nuvek/core/RowBandExactness.h>
 #include <nuvek/filters/neighbourhood/GaussianBlurFilter.h>
 
 #include <memory>
@@ -21,12 +22,14 @@ namespace Nuvek {
 /// that of the eigenvalues. Channel names are empty, for indices 0 to getNumChannels() inclusive.
 /// A request inside the image of more than 2^19 values (all output channels) is computed in bands
 /// of whole rows, each asked of the input like a request of its own, so that the temporaries stay
-/// in the caches. The values are the same wherever the input's do not depend on the box asked for,
-/// as with the sources and most filters (the filter list names the exceptions).
+/// in the caches. Bands are used only over an input that gives the same bits in row bands (RowBandExactness), so the values are those of one request.
 /// openRegion may run on several threads at once.
-class HarrisEigenvaluesFilter : public Filter
+class HarrisEigenvaluesFilter : public Filter, public RowBandExactness
 {
 public:
+    /// Each value depends only on the input's values, so bands are exact when they are exact below.
+    bool splitsExactlyInRowBands() const override { return RowBandExactness::splitsExactly(input); }
+
     /// Throws std::runtime_error "Kernel size must be odd." for an even kernelSize or one below 1.
     HarrisEigenvaluesFilter(Image* input, long long kernelSize, bool ownsInput);
     ~HarrisEigenvaluesFilter() override;

@@ -204,7 +204,7 @@ void SeparableConvolutionFilter::openRegion(double* out, long long level, Box co
         return;
     long long const numChannels = getNumChannels();
     // Every voxel's value depends only on the input around it, so bands give the same bits.
-    if (RequestBands::splits(box, numChannels, getExtent(level)))
+    if (RequestBands::splits(input, box, numChannels, getExtent(level)))
     {
         RequestBands::run(out, box, numChannels, [&](double* bandOut, Box const& band) {
             convolveRegion(*input, kernelX, kernelY, numChannels, bandOut, level, band);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Filter.h>
+#include <nuvek/core/RowBandExactness.h>
 
 #include <vector>
 
@@ -20,12 +21,14 @@ namespace Nuvek {
 /// The kernels are the same at every level. The value range is the input's, whatever the kernels.
 /// A request inside the image of more than 2^19 values (all output channels) is computed in bands
 /// of whole rows, each asked of the input like a request of its own, so that the temporaries stay
-/// in the caches. The values are the same wherever the input's do not depend on the box asked for,
-/// as with the sources and most filters (the filter list names the exceptions).
+/// in the caches. Bands are used only over an input that gives the same bits in row bands (RowBandExactness), so the values are those of one request.
 /// openRegion may run on several threads at once.
-class SeparableConvolutionFilter : public Filter
+class SeparableConvolutionFilter : public Filter, public RowBandExactness
 {
 public:
+    /// Each value depends only on the input's values, so bands are exact when they are exact below.
+    bool splitsExactlyInRowBands() const override { return RowBandExactness::splitsExactly(input); }
+
     /// Throws std::runtime_error "Kernel sizes for x and y must be equal." when the lengths differ,
     /// else "Kernel size must be odd." when the length is even (zero included).
     SeparableConvolutionFilter(Image* input, std::vector<double> const& kernelX, std::vector<double> const& kernelY,

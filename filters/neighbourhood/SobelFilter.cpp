@@ -119,7 +119,7 @@ void SobelFilter<output>::openRegion(double* out, long long level, Box const& bo
         return;
     long long const numChannels = input->getNumChannels();
     // Every voxel's gradients depend only on the input around it, so bands give the same bits.
-    if (RequestBands::splits(box, getNumChannels(), getExtent(level)))
+    if (RequestBands::splits(input, box, getNumChannels(), getExtent(level)))
     {
         RequestBands::run(out, box, getNumChannels(), [&](double* bandOut, Box const& band) {
             sobelOfRegion<output>(*gradientX, *gradientY, numChannels, bandOut, level, band);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Filter.h>
+#include <nuvek/core/RowBandExactness.h>
 #include <nuvek/filters/neighbourhood/SeparableConvolutionFilter.h>
 
 #include <memory>
@@ -35,13 +36,15 @@ enum class SobelOutput
 /// Each gradient asks the input for the requested box grown by h in x and y at the requested
 /// A request inside the image of more than 2^19 values (all output channels) is computed in bands
 /// of whole rows, each asked of the input like a request of its own, so that the temporaries stay
-/// in the caches. The values are the same wherever the input's do not depend on the box asked for,
-/// as with the sources and most filters (the filter list names the exceptions).
+/// in the caches. Bands are used only over an input that gives the same bits in row bands (RowBandExactness), so the values are those of one request.
 /// level, not clipped to the input's extent. openRegion may run on several threads at once.
 template <SobelOutput output>
-class SobelFilter : public Filter
+class SobelFilter : public Filter, public RowBandExactness
 {
 public:
+    /// Each value depends only on the input's values, so bands are exact when they are exact below.
+    bool splitsExactlyInRowBands() const override { return RowBandExactness::splitsExactly(input); }
+
     /// Throws std::runtime_error "Kernel size must be at least 1." for kernelSize < 1, and
     /// "Kernel size must be odd." for an even one.
     SobelFilter(Image* input, long long kernelSize, bool ownsInput);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Filter.h>
+#include <nuvek/core/RowBandExactness.h>
 
 #include <string>
 
@@ -19,9 +20,12 @@ namespace Nuvek {
 /// returns the input's name of channel index - firstChannel: for a selection starting at channel 0,
 /// getChannelName(1) is the input's channel 1 name. Extent, levels, voxel size, value range and
 /// hash are the input's. openRegion may run on several threads at once when the input allows it.
-class ChannelFilter : public Filter
+class ChannelFilter : public Filter, public RowBandExactness
 {
 public:
+    /// Each value depends only on the input's values, so bands are exact when they are exact below.
+    bool splitsExactlyInRowBands() const override { return RowBandExactness::splitsExactly(input); }
+
     ChannelFilter(Image* input, long long channel, bool ownsInput);
     ChannelFilter(Image* input, long long firstChannel, long long numChannels, bool ownsInput);
     /// Selects the first input channel whose name equals channelName exactly; throws

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Filter.h>
+#include <nuvek/core/RowBandExactness.h>
 
 namespace Nuvek {
 
@@ -19,9 +20,12 @@ namespace Nuvek {
 /// empty extent leaves the input's values as they are.
 ///
 /// openRegion may run on several threads at once.
-class ClampingFilter : public Filter
+class ClampingFilter : public Filter, public RowBandExactness
 {
 public:
+    /// Each value depends only on the input's values, so bands are exact when they are exact below.
+    bool splitsExactlyInRowBands() const override { return RowBandExactness::splitsExactly(input); }
+
     ClampingFilter(Image* input, bool ownsInput);
 
     void openRegion(double* out, long long level, Box const& box) override;

@@ -154,7 +154,7 @@ void RGBToHSVFilter::openRegion(double* out, long long level, Box const& box)
     // Every voxel is converted on its own, so bands give the same bits. A large request of one slice
     // is read band by band and converted from the band into out while the band is in the caches,
     // instead of one pass over memory to read and another to convert.
-    if (extent.z == 1 && RequestBands::splits(box, inputChannels, getExtent(level)))
+    if (extent.z == 1 && RequestBands::splits(input, box, inputChannels, getExtent(level)))
     {
         long long const rows = RequestBands::rowsPerBand(box, inputChannels);
         std::vector<double> values(static_cast<std::size_t>(std::min(rows, extent.y) * extent.x * inputChannels));

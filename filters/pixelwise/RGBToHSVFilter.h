@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Filter.h>
+#include <nuvek/core/RowBandExactness.h>
 
 namespace Nuvek {
 
@@ -17,12 +18,14 @@ namespace Nuvek {
 /// (0, 255); the channels are named "Hue", "Saturation" and "Value", and no other index has a name.
 /// A request of one slice inside the image of more than 2^19 values (all output channels) is
 /// computed in bands of whole rows, each asked of the input like a request of its own, so that the
-/// temporaries stay in the caches. The values are the same wherever the input's do not depend on
-/// the box asked for, as with the sources and most filters (the filter list names the exceptions).
+/// temporaries stay in the caches. Bands are used only over an input that gives the same bits in row bands (RowBandExactness), so the values are those of one request.
 /// openRegion may run on several threads at once when the input allows it.
-class RGBToHSVFilter : public Filter
+class RGBToHSVFilter : public Filter, public RowBandExactness
 {
 public:
+    /// Each value depends only on the input's values, so bands are exact when they are exact below.
+    bool splitsExactlyInRowBands() const override { return RowBandExactness::splitsExactly(input); }
+
     RGBToHSVFilter(Image* input, bool ownsInput);
 
     ValueRange<double> getValueRange() const override;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Filter.h>
+#include <nuvek/core/RowBandExactness.h>
 
 namespace Nuvek {
 
@@ -13,9 +14,12 @@ namespace Nuvek {
 /// that does not fit in 64 bits throws std::runtime_error. setVoxelSizeAtLevel0 takes effect on the
 /// next getVoxelSize and must not run concurrently with anything else on the same filter;
 /// openRegion is the input's and may run on several threads at once when the input allows it.
-class VoxelSizeModificationFilter : public Filter
+class VoxelSizeModificationFilter : public Filter, public RowBandExactness
 {
 public:
+    /// Each value depends only on the input's values, so bands are exact when they are exact below.
+    bool splitsExactlyInRowBands() const override { return RowBandExactness::splitsExactly(input); }
+
     VoxelSizeModificationFilter(Image* input, bool ownsInput, Vector voxelSize);
     /// Starts from the input's level-0 voxel size.
     VoxelSizeModificationFilter(Image* input, bool ownsInput);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Filter.h>
+#include <nuvek/core/RowBandExactness.h>
 
 namespace Nuvek {
 
@@ -13,9 +14,12 @@ namespace Nuvek {
 /// checked against the input's extent: a slice outside it reads whatever the input delivers there.
 /// Everything else, the extent included, is the input's. openRegion may run on several threads at
 /// once when the input allows it.
-class ZStackFilter : public Filter
+class ZStackFilter : public Filter, public RowBandExactness
 {
 public:
+    /// Each value depends only on the input's values, so bands are exact when they are exact below.
+    bool splitsExactlyInRowBands() const override { return RowBandExactness::splitsExactly(input); }
+
     ZStackFilter(Image* input, long long zSlice, bool ownsInput);
 
     void openRegion(double* out, long long level, Box const& box) override;

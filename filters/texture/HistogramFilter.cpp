@@ -26,7 +26,7 @@ ValueRange<double> HistogramFilter::getValueRange() const
 void HistogramFilter::openRegion(double* out, long long level, Box const& box)
 {
     // Every voxel's counts depend only on the input around it, so bands give the same bits.
-    if (RequestBands::splits(box, getNumChannels(), getExtent(level)))
+    if (RequestBands::splits(input, box, getNumChannels(), getExtent(level)))
     {
         RequestBands::run(out, box, getNumChannels(),
                           [&](double* bandOut, Box const& band) { computer.compute(bandOut, input, band, level); });

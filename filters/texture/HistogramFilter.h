@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Filter.h>
+#include <nuvek/core/RowBandExactness.h>
 #include <nuvek/filters/texture/HistogramComputer.h>
 
 namespace Nuvek {
@@ -15,12 +16,14 @@ namespace Nuvek {
 /// Every channel is named "HistogramBin", and the names accept the index numBins as well.
 /// A request inside the image of more than 2^19 values (all output channels) is computed in bands
 /// of whole rows, each asked of the input like a request of its own, so that the temporaries stay
-/// in the caches. The values are the same wherever the input's do not depend on the box asked for,
-/// as with the sources and most filters (the filter list names the exceptions).
+/// in the caches. Bands are used only over an input that gives the same bits in row bands (RowBandExactness), so the values are those of one request.
 /// openRegion may run on several threads at once.
-class HistogramFilter : public Filter
+class HistogramFilter : public Filter, public RowBandExactness
 {
 public:
+    /// Each value depends only on the input's values, so bands are exact when they are exact below.
+    bool splitsExactlyInRowBands() const override { return RowBandExactness::splitsExactly(input); }
+
     /// Throws std::runtime_error for an even kernel size, then for numBins <= 0, then for an input
     /// with other than one channel.
     HistogramFilter(Image* input, long long kernelSize, long long numBins, bool ownsInput);

@@ -110,7 +110,7 @@ void LBPFilter::openRegion(double* out, long long level, Box const& box)
     if (box.isEmpty())
         return;
     // Every voxel's class depends only on the input around it, so bands give the same bits.
-    if (RequestBands::splits(box, getNumChannels(), getExtent(level)))
+    if (RequestBands::splits(input, box, getNumChannels(), getExtent(level)))
     {
         RequestBands::run(out, box, getNumChannels(),
                           [&](double* bandOut, Box const& band) { LBPFilter::openRegion(bandOut, level, band); });

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Filter.h>
+#include <nuvek/core/RowBandExactness.h>
 #include <nuvek/filters/texture/LBPComputer.h>
 
 #include <array>
@@ -27,13 +28,15 @@ namespace Nuvek {
 /// input, for example) is written to the standard error stream as it is and thrown again.
 /// A request inside the image of more than 2^19 values (all output channels) is computed in bands
 /// of whole rows, each asked of the input like a request of its own, so that the temporaries stay
-/// in the caches. The values are the same wherever the input's do not depend on the box asked for,
-/// as with the sources and most filters (the filter list names the exceptions).
+/// in the caches. Bands are used only over an input that gives the same bits in row bands (RowBandExactness), so the values are those of one request.
 /// openRegion may run on several threads at once; init must not run concurrently with anything else
 /// on the same filter.
-class LBPFilter : public Filter
+class LBPFilter : public Filter, public RowBandExactness
 {
 public:
+    /// Each value depends only on the input's values, so bands are exact when they are exact below.
+    bool splitsExactlyInRowBands() const override { return RowBandExactness::splitsExactly(input); }
+
     /// Radius 1.
     LBPFilter(Image* input, bool ownsInput);
     LBPFilter(Image* input, double radius, bool ownsInput);

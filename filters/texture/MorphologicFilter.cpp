@@ -490,7 +490,7 @@ void MorphologicFilter<type>::openRegion(double* out, long long level, Box const
     long long const k = kernelSize;
     // Where NaN or -0.0 decide, a result depends on the slots of its window, counted from the start of
     // the padded request; bands a multiple of k rows apart keep every slot, so they give the same bits.
-    if (RequestBands::splits(box, getNumChannels(), getExtent(level), k))
+    if (RequestBands::splits(input, box, getNumChannels(), getExtent(level), k))
     {
         RequestBands::run(
             out, box, getNumChannels(),

@@ -471,7 +471,7 @@ void RankFilter::openRegion(double* out, long long level, Box const& box)
         return;
     // Every voxel's rank depends only on the input around it, so bands give the same bits; only for
     // one slice, as the slices after the first keep what out held.
-    if (box.getExtent().z == 1 && RequestBands::splits(box, getNumChannels(), getExtent(level)))
+    if (box.getExtent().z == 1 && RequestBands::splits(input, box, getNumChannels(), getExtent(level)))
     {
         RequestBands::run(out, box, getNumChannels(),
                           [&](double* bandOut, Box const& band) { RankFilter::openRegion(bandOut, level, band); });

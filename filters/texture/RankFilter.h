@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Filter.h>
+#include <nuvek/core/RowBandExactness.h>
 
 namespace Nuvek {
 
@@ -23,12 +24,14 @@ namespace Nuvek {
 /// rank index; a negative odd kernel size is accepted, but openRegion then throws std::runtime_error.
 /// A request of one slice inside the image of more than 2^19 values (all output channels) is
 /// computed in bands of whole rows, each asked of the input like a request of its own, so that the
-/// temporaries stay in the caches. The values are the same wherever the input's do not depend on
-/// the box asked for, as with the sources and most filters (the filter list names the exceptions).
+/// temporaries stay in the caches. Bands are used only over an input that gives the same bits in row bands (RowBandExactness), so the values are those of one request.
 /// openRegion may run on several threads at once.
-class RankFilter : public Filter
+class RankFilter : public Filter, public RowBandExactness
 {
 public:
+    /// Each value depends only on the input's values, so bands are exact when they are exact below.
+    bool splitsExactlyInRowBands() const override { return RowBandExactness::splitsExactly(input); }
+
     RankFilter(Image* input, long long kernelSize, long long rankIndex, bool ownsInput);
 
     void openRegion(double* out, long long level, Box const& box) override;

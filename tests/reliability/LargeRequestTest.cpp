@@ -9,8 +9,11 @@
 #include "reliability/FilterCases.h"
 
 #include "support/RandomImages.h"
+#include "support/RecordingImage.h"
 #include "support/Tiling.h"
 #include "support/VoxelCompare.h"
+
+#include <nuvek/Nuvek.h>
 
 #include <gtest/gtest.h>
 
@@ -108,4 +111,32 @@ TEST(LargeRequests, BandsGiveTheBitsOfSmallRequests)
             EXPECT_TRUE(NuvekTest::sameBits(small, whole, shape.box, context));
         }
     }
+}
+
+// Over an input whose values depend on the box asked for (the box filter's running sums start at the
+// box's corner), a large request is not split: it gives the bits of the filter over the values that
+// input gives for the one grown box a single request asks of it.
+TEST(LargeRequests, AnInputThatDependsOnTheBoxIsAskedOnce)
+{
+    std::mt19937_64 random(2026);
+    std::shared_ptr<Nuvek::MemoryImage> source =
+        NuvekTest::randomImage(random, Vector(900, 1300, 1), 1, {0.0, 255.0, 0.0});
+    Box const box(Vector(10, 20, 0), Vector(889, 1279, 0));
+
+    // The box the Gaussian asks of its input for a request.
+    NuvekTest::RecordingImage probe(source);
+    Nuvek::GaussianBlurFilter probeGaussian(&probe, 5, false);
+    NuvekTest::openWhole(probeGaussian, 0, box);
+    ASSERT_FALSE(probe.requests().empty());
+    Box const grown = probe.requests().front().box;
+
+    Nuvek::BoxFilter boxes(source.get(), 7, true, false, false);
+    Nuvek::GaussianBlurFilter gaussian(&boxes, 5, false);
+    std::vector<double> const whole = NuvekTest::openWhole(gaussian, 0, box);
+
+    auto once = std::make_shared<Nuvek::MemoryImage>(grown.getExtent(), 1, NuvekTest::openWhole(boxes, 0, grown));
+    Box const shifted(box.min - grown.min, box.max - grown.min);
+    Nuvek::GaussianBlurFilter gaussianOnce(once.get(), 5, false);
+    std::vector<double> const expected = NuvekTest::openWhole(gaussianOnce, 0, shifted);
+    EXPECT_TRUE(NuvekTest::sameBits(whole, expected, box, "gaussian over box"));
 }
