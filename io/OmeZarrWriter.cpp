@@ -409,6 +409,7 @@ bool writeOmeZarr(Image& image, std::string const& path, OmeZarrOptions const& o
     }
 
     long long done = 0;
+    long long reported = 0;
     PyramidLevel const& shape = plan.levels.front();
     auto compute = [&](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
         computer.compute(worker, index, encoded);
@@ -427,7 +428,15 @@ bool writeOmeZarr(Image& image, std::string const& path, OmeZarrOptions const& o
             offset += 8 + static_cast<std::size_t>(size);
         }
         done += plan.channels;
-        return !options.progress || options.progress(done + computer.coarseChunksWritten(), totalChunks);
+        // One call per chunk, level 0's and the coarser ones its tiles completed, in order.
+        long long const target = done + computer.coarseChunksWritten();
+        while (reported < target)
+        {
+            ++reported;
+            if (options.progress && !options.progress(reported, totalChunks))
+                return false;
+        }
+        return true;
     };
     if (!runInOrder(plan.positions(0), workers, 2 * threads, compute, consume))
         return false;
