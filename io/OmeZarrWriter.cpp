@@ -67,8 +67,6 @@ struct Worker
     // The stored chunks of every channel at one position, back to back.
     std::vector<unsigned char> tiles;
     std::vector<unsigned char> chunk;
-    std::vector<unsigned char> stored;
-    std::vector<unsigned char> children[4];
 };
 
 // A chunk's file: level/c/z/y/x inside the group.
