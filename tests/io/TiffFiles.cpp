@@ -3,12 +3,12 @@
 #include <tiffio.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <random>
 #include <stdexcept>
 
 namespace NuvekTest {
@@ -22,11 +22,9 @@ void put(std::vector<unsigned char>& bytes, std::size_t index, double value)
     std::memcpy(bytes.data() + index * sizeof(Sample), &sample, sizeof(Sample));
 }
 
-void putValue(TiffLayout const& layout, bool odd, std::vector<unsigned char>& bytes, std::size_t index, double value)
+void putValue(TiffLayout const& layout, std::vector<unsigned char>& bytes, std::size_t index, double value)
 {
-    if (odd)
-        put<std::uint8_t>(bytes, index, value);
-    else if (layout.floating)
+    if (layout.floating)
         layout.bits == 64 ? put<double>(bytes, index, value) : put<float>(bytes, index, value);
     else if (layout.bits == 32)
         layout.isSigned ? put<std::int32_t>(bytes, index, value) : put<std::uint32_t>(bytes, index, value);
@@ -44,21 +42,19 @@ void check(bool ok, std::string const& what)
 
 void writePage(TIFF* tiff, TiffLayout const& layout, PageShape const& page, long long pageIndex, int subIfds)
 {
-    bool const odd = page.oddSamples;
-    std::uint16_t const samples = odd ? 1 : layout.samples;
-    std::uint16_t const bits = odd ? 8 : layout.bits;
+    std::uint16_t const samples = layout.samples;
+    std::uint16_t const bits = layout.bits;
     TIFFSetField(tiff, TIFFTAG_SUBFILETYPE, page.reduced ? FILETYPE_REDUCEDIMAGE : 0);
     TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, page.width);
     TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, page.height);
     TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, samples);
     TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bits);
-    std::uint16_t const format =
-        odd ? SAMPLEFORMAT_UINT
-            : (layout.floating ? SAMPLEFORMAT_IEEEFP : (layout.isSigned ? SAMPLEFORMAT_INT : SAMPLEFORMAT_UINT));
-    TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, format);
+    TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT,
+                 layout.floating ? SAMPLEFORMAT_IEEEFP : (layout.isSigned ? SAMPLEFORMAT_INT : SAMPLEFORMAT_UINT));
     TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, layout.planar ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
-    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, layout.rgb && !odd ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
-    if (layout.palette && !odd)
+    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC,
+                 layout.ycbcr ? PHOTOMETRIC_YCBCR : (layout.rgb ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK));
+    if (layout.palette)
     {
         // A colour map that is no identity, so that a reader applying it would be caught.
         std::vector<std::uint16_t> map(std::size_t{1} << bits);
@@ -69,14 +65,22 @@ void writePage(TIFF* tiff, TiffLayout const& layout, PageShape const& page, long
     }
     if (!layout.description.empty() && pageIndex == 0)
         TIFFSetField(tiff, TIFFTAG_IMAGEDESCRIPTION, layout.description.c_str());
-    if (!odd && samples > (layout.rgb ? 3 : 1))
+    std::uint16_t const colours = layout.rgb || layout.ycbcr ? 3 : 1;
+    if (samples > colours)
     {
-        std::vector<std::uint16_t> extra(samples - (layout.rgb ? 3u : 1u), EXTRASAMPLE_UNSPECIFIED);
+        std::vector<std::uint16_t> extra(samples - colours, EXTRASAMPLE_UNSPECIFIED);
         if (layout.alpha)
             extra[0] = EXTRASAMPLE_UNASSALPHA;
         TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, static_cast<std::uint16_t>(extra.size()), extra.data());
     }
     TIFFSetField(tiff, TIFFTAG_COMPRESSION, layout.compression);
+    if (layout.ycbcr && layout.compression == COMPRESSION_JPEG)
+    {
+        // Tables inline, so that every strip is a complete JPEG stream.
+        TIFFSetField(tiff, TIFFTAG_JPEGQUALITY, 95);
+        TIFFSetField(tiff, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
+        TIFFSetField(tiff, TIFFTAG_JPEGTABLESMODE, 0);
+    }
     if (!page.name.empty())
         TIFFSetField(tiff, TIFFTAG_PAGENAME, page.name.c_str());
     if (layout.resolutionUnit != 0)
@@ -96,43 +100,41 @@ void writePage(TIFF* tiff, TiffLayout const& layout, PageShape const& page, long
         TIFFSetField(tiff, TIFFTAG_SUBIFD, static_cast<std::uint16_t>(subIfds), offsets.data());
     }
 
-    std::size_t const bytesPerSample = bits / 8;
-    std::uint16_t const planes = layout.planar ? samples : 1;
-    std::uint16_t const perPlane = layout.planar ? 1 : samples;
-    auto value = [&](long long x, long long y, long long c) {
-        return odd ? 7.0 : storedValue(layout, pageIndex, x, y, c);
-    };
-    if (layout.tileWidth > 0)
+    // Tiles, or strips as blocks the width of the page; the last strip holds only its own rows.
+    bool const tiled = layout.tileWidth > 0;
+    std::uint32_t const blockWidth = tiled ? layout.tileWidth : page.width;
+    std::uint32_t const blockHeight = tiled ? layout.tileHeight : layout.rowsPerStrip;
+    if (tiled)
     {
-        TIFFSetField(tiff, TIFFTAG_TILEWIDTH, layout.tileWidth);
-        TIFFSetField(tiff, TIFFTAG_TILELENGTH, layout.tileHeight);
-        std::vector<unsigned char> tile(layout.tileWidth * layout.tileHeight * perPlane * bytesPerSample);
-        for (std::uint16_t plane = 0; plane < planes; ++plane)
-            for (std::uint32_t tileY = 0; tileY < page.height; tileY += layout.tileHeight)
-                for (std::uint32_t tileX = 0; tileX < page.width; tileX += layout.tileWidth)
-                {
-                    std::fill(tile.begin(), tile.end(), 0);
-                    for (std::uint32_t y = 0; y < layout.tileHeight && tileY + y < page.height; ++y)
-                        for (std::uint32_t x = 0; x < layout.tileWidth && tileX + x < page.width; ++x)
-                            for (std::uint16_t s = 0; s < perPlane; ++s)
-                                putValue(layout, odd, tile, (y * layout.tileWidth + x) * perPlane + s,
-                                         value(tileX + x, tileY + y, layout.planar ? plane : s));
-                    check(TIFFWriteTile(tiff, tile.data(), tileX, tileY, 0, plane) >= 0, "TIFFWriteTile failed");
-                }
+        TIFFSetField(tiff, TIFFTAG_TILEWIDTH, blockWidth);
+        TIFFSetField(tiff, TIFFTAG_TILELENGTH, blockHeight);
     }
     else
-    {
-        TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, layout.rowsPerStrip);
-        std::vector<unsigned char> row(page.width * perPlane * bytesPerSample);
-        for (std::uint16_t plane = 0; plane < planes; ++plane)
-            for (std::uint32_t y = 0; y < page.height; ++y)
+        TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, blockHeight);
+    std::uint16_t const planes = layout.planar ? samples : 1;
+    std::uint16_t const perPlane = layout.planar ? 1 : samples;
+    std::size_t const rowBytes = blockWidth * perPlane * (bits / 8u);
+    std::vector<unsigned char> block(rowBytes * blockHeight);
+    for (std::uint16_t plane = 0; plane < planes; ++plane)
+        for (std::uint32_t top = 0; top < page.height; top += blockHeight)
+            for (std::uint32_t left = 0; left < page.width; left += blockWidth)
             {
-                for (std::uint32_t x = 0; x < page.width; ++x)
-                    for (std::uint16_t s = 0; s < perPlane; ++s)
-                        putValue(layout, odd, row, x * perPlane + s, value(x, y, layout.planar ? plane : s));
-                check(TIFFWriteScanline(tiff, row.data(), y, plane) >= 0, "TIFFWriteScanline failed");
+                std::fill(block.begin(), block.end(), 0);
+                for (std::uint32_t y = 0; y < blockHeight && top + y < page.height; ++y)
+                    for (std::uint32_t x = 0; x < blockWidth && left + x < page.width; ++x)
+                        for (std::uint16_t s = 0; s < perPlane; ++s)
+                        {
+                            double const value =
+                                storedValue(layout, pageIndex, left + x, top + y, layout.planar ? plane : s);
+                            putValue(layout, block, (y * blockWidth + x) * perPlane + s, value);
+                        }
+                auto const rows = tiled ? blockHeight : std::min(blockHeight, page.height - top);
+                auto const size = static_cast<tmsize_t>(rowBytes * rows);
+                check((tiled
+                           ? TIFFWriteEncodedTile(tiff, TIFFComputeTile(tiff, left, top, 0, plane), block.data(), size)
+                           : TIFFWriteEncodedStrip(tiff, TIFFComputeStrip(tiff, top, plane), block.data(), size)) >= 0,
+                      "cannot write a tile or strip");
             }
-    }
     check(TIFFWriteDirectory(tiff) == 1, "TIFFWriteDirectory failed");
 }
 
@@ -163,14 +165,17 @@ void writeTiff(std::string const& path, TiffLayout const& layout)
     TIFF* tiff = TIFFOpen(path.c_str(), layout.bigTiff ? "w8" : "w");
     check(tiff != nullptr, "cannot create " + path);
     std::unique_ptr<TIFF, void (*)(TIFF*)> closer(tiff, TIFFClose);
+    // A page of other samples is a mask: one 8-bit grey sample in strips.
+    TiffLayout mask;
+    auto const write = [&](PageShape const& page, long long index, int subIfds) {
+        writePage(tiff, page.oddSamples ? mask : layout, page, index, subIfds);
+    };
     long long const mainPages = static_cast<long long>(layout.pages.size());
     for (long long p = 0; p < mainPages; ++p)
     {
-        int const subIfds = p == 0 ? static_cast<int>(layout.subPages.size()) : 0;
-        writePage(tiff, layout, layout.pages[static_cast<std::size_t>(p)], p, subIfds);
-        if (p == 0)
-            for (long long k = 0; k < static_cast<long long>(layout.subPages.size()); ++k)
-                writePage(tiff, layout, layout.subPages[static_cast<std::size_t>(k)], mainPages + k, 0);
+        write(layout.pages[static_cast<std::size_t>(p)], p, p == 0 ? static_cast<int>(layout.subPages.size()) : 0);
+        for (long long k = 0; p == 0 && k < static_cast<long long>(layout.subPages.size()); ++k)
+            write(layout.subPages[static_cast<std::size_t>(k)], mainPages + k, 0);
     }
 }
 
@@ -225,18 +230,10 @@ std::vector<unsigned char> rawTiff(std::vector<RawEntry> entries, std::vector<un
 
 TemporaryDirectory::TemporaryDirectory()
 {
-    std::random_device device;
-    std::filesystem::path const base = std::filesystem::temp_directory_path();
-    for (int attempt = 0; attempt < 100; ++attempt)
-    {
-        std::filesystem::path const candidate = base / ("nuvek-io-test-" + std::to_string(device()));
-        if (std::filesystem::create_directory(candidate))
-        {
-            root = candidate.string();
-            return;
-        }
-    }
-    throw std::runtime_error("cannot create a temporary directory");
+    std::string pattern = (std::filesystem::temp_directory_path() / "nuvek-io-test-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr)
+        throw std::runtime_error("cannot create a temporary directory");
+    root = pattern;
 }
 
 TemporaryDirectory::~TemporaryDirectory()

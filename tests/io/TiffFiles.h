@@ -23,7 +23,7 @@ struct PageShape
     std::uint32_t height = 0;
     bool reduced = false;
     std::string name;
-    /// Stored with other samples than the file's (a mask or thumbnail that readers should skip).
+    /// One 8-bit sample instead of the file's (a mask or thumbnail that readers should skip).
     bool oddSamples = false;
 };
 
@@ -34,14 +34,15 @@ struct TiffLayout
     /// 8, 16 or 32 for integers, 32 or 64 for floating point.
     std::uint16_t bits = 8;
     bool floating = false;
-    /// Signed integers (else unsigned).
     bool isSigned = false;
-    /// Photometric palette with a colour map (one sample of 8 or 16 bits).
+    /// Photometric palette with a colour map that is no identity.
     bool palette = false;
     /// The ImageDescription of the first page, when not empty.
     std::string description;
     bool planar = false;
     bool rgb = false;
+    /// Photometric YCbCr; with JPEG compression libtiff converts the RGB values written.
+    bool ycbcr = false;
     /// The first extra sample is unassociated alpha (else every extra sample is unspecified).
     bool alpha = false;
     std::uint16_t compression = 1;
@@ -50,11 +51,10 @@ struct TiffLayout
     std::uint32_t tileHeight = 0;
     std::uint32_t rowsPerStrip = 7;
     bool bigTiff = false;
-    /// The main chain of pages.
+    /// The main chain of pages, and the SubIFDs of the first page.
     std::vector<PageShape> pages;
-    /// SubIFDs of the first page.
     std::vector<PageShape> subPages;
-    /// Resolution unit (1 none, 2 inch, 3 centimetre) and pixels per unit; 0 writes no tags.
+    /// Resolution unit (1 none, 2 inch, 3 centimetre) and pixels per unit in x, twice that in y.
     std::uint16_t resolutionUnit = 0;
     float resolution = 0.0f;
     /// SMinSampleValue and SMaxSampleValue, written when min < max.
@@ -69,7 +69,6 @@ double storedValue(TiffLayout const& layout, long long page, long long x, long l
 /// Writes layout's file to path; throws std::runtime_error if libtiff refuses.
 void writeTiff(std::string const& path, TiffLayout const& layout);
 
-/// Raw bytes of a file.
 std::vector<unsigned char> readBytes(std::string const& path);
 void writeBytes(std::string const& path, std::vector<unsigned char> const& bytes);
 
