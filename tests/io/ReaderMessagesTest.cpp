@@ -102,16 +102,11 @@ TEST(ReaderMessages, BadFilesNameTheFileAndTheProblem)
         return [=](std::string const& path) { writeBytes(path, {content.begin(), content.end()}); };
     };
     Make const nothing = [](std::string const&) {};
-    TiffLayout grey;
-    grey.pages = {PageShape{30, 20}};
     TiffLayout const gap = tiledRgb({PageShape{256, 256}, PageShape{64, 64, true}});
-    TiffLayout wrongImageJ = grey;
-    wrongImageJ.samples = 2;
-    wrongImageJ.description = "ImageJ=1.53c\nimages=6\nchannels=2\nslices=3\n";
-    wrongImageJ.pages = std::vector<PageShape>(5, PageShape{12, 8});
-    TiffLayout hyperstack = wrongImageJ;
+    TiffLayout hyperstack;
+    hyperstack.samples = 2;
     hyperstack.description = "ImageJ=1.53c\nimages=4\nchannels=2\nframes=2\n";
-    hyperstack.pages.pop_back();
+    hyperstack.pages = std::vector<PageShape>(4, PageShape{12, 8});
     TiffLayout strips = tiledRgb({PageShape{100, 100}});
     strips.tileWidth = 0;
     TiffLayout aperio = tiledRgb({PageShape{200, 130}});
@@ -131,8 +126,7 @@ TEST(ReaderMessages, BadFilesNameTheFileAndTheProblem)
     };
     std::vector<Case> const cases = {
         {Reader::Tiff, {bytes("hello world\n")}, "TiffImage: @: *Not a TIFF"},
-        {Reader::Tiff, {bytes("")}, "TiffImage: @: *Cannot read TIFF header"},
-        {Reader::Tiff, {tiff(grey, 12)}, "TiffImage: @: *"},
+        {Reader::Tiff, {tiff(gap, 12)}, "TiffImage: @: *"},
         {Reader::Tiff, {nothing}, "TiffImage: @: *No such file"},
         {Reader::Tiff, {raw({{259, 3, 1, 60000}})}, "TiffImage: @: unsupported compression 60000"},
         {Reader::Tiff, {raw({{259, 3, 1, 34892}})}, "TiffImage: @: unsupported compression 34892 (lossy JPEG)"},
@@ -148,11 +142,9 @@ TEST(ReaderMessages, BadFilesNameTheFileAndTheProblem)
         {Reader::Tiff, {raw({{256, 0, 0, 0}})}, "TiffImage: @: *zero scanline size"},
         {Reader::Tiff, {raw({{273, 0, 0, 0}})}, "TiffImage: @: *StripOffsets"},
         {Reader::Tiff, {raw({{273, 4, 1, 4000}})}, "TiffImage: @: cannot decode strip 0*"},
-        {Reader::Tiff, {tiff(wrongImageJ)}, "TiffImage: @: there is no time point 1 (the file has 1)", 1},
         {Reader::Tiff, {tiff(hyperstack)}, "TiffImage: @: there is no time point 2 (the file has 2)", 2},
         {Reader::Tiff, {tiff(gap)}, "TiffImage: @: level 1 is not present in the file", 0, 1},
         {Reader::Tiff, {tiff(gap)}, "TiffImage: @: level 3 is not present in the file", 0, 3},
-        {Reader::Slide, {bytes("not a slide")}, "SlideImage: @: not a slide that OpenSlide can read"},
         {Reader::Slide, {nothing}, "SlideImage: @: not a slide that OpenSlide can read"},
         // OpenSlide reads only tiled TIFFs as slides.
         {Reader::Slide, {tiff(strips)}, "SlideImage: @: not a slide that OpenSlide can read"},

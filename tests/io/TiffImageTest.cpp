@@ -148,29 +148,26 @@ TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
 TEST(TiffImage, DecodesOnlyTheTouchedTilesOrStripsOncePerCall)
 {
     TemporaryDirectory directory;
-    TiffLayout tiled = singlePage(100, 90);
-    tiled.tileWidth = 16;
-    tiled.tileHeight = 16;
-    tiled.samples = 3;
-    writeTiff(directory.path("tiled.tif"), tiled);
-    TiffImage image(directory.path("tiled.tif"), 0, 0);
-    // x 15..33 touches tile columns 0 to 2, y 40..47 tile row 2 only.
-    openWhole(image, 0, Box(Vector(15, 40, 0), Vector(33, 47, 0)));
-    EXPECT_EQ(image.getBlocksDecoded(), 3u);
+    TiffLayout layout = singlePage(100, 90);
+    layout.samples = 3;
+    layout.planar = true;
+    layout.rowsPerStrip = 10;
+    writeTiff(directory.path("strips.tif"), layout);
+    layout.tileWidth = 16;
+    layout.tileHeight = 16;
+    writeTiff(directory.path("tiles.tif"), layout);
+    TiffImage strips(directory.path("strips.tif"), 0, 0);
+    TiffImage tiles(directory.path("tiles.tif"), 0, 0);
+    // Tile columns 0 to 2 of tile row 2, strips 3 and 4; each once per sample plane.
+    Box const box(Vector(15, 38, 0), Vector(33, 47, 0));
+    openWhole(strips, 0, box);
+    openWhole(tiles, 0, box);
+    EXPECT_EQ(strips.getBlocksDecoded(), 6u);
+    EXPECT_EQ(tiles.getBlocksDecoded(), 9u);
     // Past the extent on every side: every tile once, nothing beyond; wholly outside: nothing.
-    openWhole(image, 0, Box(Vector(-5, -5, -1), Vector(104, 94, 1)));
-    openWhole(image, 0, Box(Vector(200, 0, 0), Vector(210, 5, 0)));
-    EXPECT_EQ(image.getBlocksDecoded(), 3u + 7u * 6u);
-
-    TiffLayout strips = tiled;
-    strips.tileWidth = 0;
-    strips.rowsPerStrip = 10;
-    strips.planar = true;
-    writeTiff(directory.path("strips.tif"), strips);
-    TiffImage planes(directory.path("strips.tif"));
-    // Rows 9..21 lie in strips 0 to 2, once per sample plane.
-    openWhole(planes, 0, Box(Vector(50, 9, 0), Vector(52, 21, 0)));
-    EXPECT_EQ(planes.getBlocksDecoded(), 9u);
+    openWhole(tiles, 0, Box(Vector(-5, -5, -1), Vector(104, 94, 1)));
+    openWhole(tiles, 0, Box(Vector(200, 0, 0), Vector(210, 5, 0)));
+    EXPECT_EQ(tiles.getBlocksDecoded(), 9u + 3u * 7u * 6u);
 }
 
 TEST(TiffImage, PagesAndSubIfdsOfHalfSizeBecomeLevelsOthersAreSkipped)
@@ -234,8 +231,9 @@ TEST(TiffImage, PageStacksAreSlicesWithTheirOwnLevels)
 TEST(TiffImage, ImageJAndOmeDescriptionsPlacePagesAsChannelsSlicesAndTimePoints)
 {
     // 2 channels x 3 slices x 2 frames, channel fastest, then slice, then frame.
+    // The unit escaped as ImageJ writes it, a Windows line end and lines of nonsense.
     std::string const imageJ = "ImageJ=1.53c\nimages=12\nchannels=2\nslices=3\nframes=2\nhyperstack=true\n"
-                               "unit=micron\nspacing=1.5\nmin=10.0\nmax=900.0\n";
+                               "unit=\\u00B5m\r\nspacing=1.5\nnonsense\n=5\nmin=10.0\nmax=900.0\n";
     // 2 channels x 2 slices x 2 time points in XYZCT order, the pages listed backwards through
     // TiffData, so that both the order and the page numbers count.
     std::string ome = R"(<?xml version="1.0"?><OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">)"
@@ -256,19 +254,20 @@ TEST(TiffImage, ImageJAndOmeDescriptionsPlacePagesAsChannelsSlicesAndTimePoints)
         Vector extent;
         Vector voxelSize;
         std::string lastName;
+        double rangeMin;
         double rangeMax;
         std::function<long long(long long c, long long z, long long t)> pageOf;
     };
     std::vector<Case> const cases = {
         // 4 pixels per micron in x, 8 in y.
-        {imageJ, 12, 1, 4.0f, Vector(12, 8, 3), Vector(250, 125, 1500), "Channel 3", 900.0,
+        {imageJ, 12, 1, 4.0f, Vector(12, 8, 3), Vector(250, 125, 1500), "Channel 3", 10.0, 900.0,
          [](long long c, long long z, long long t) { return c + 2 * (z + 3 * t); }},
         // OME's sizes win over the resolution tags.
         {ome + "</Pixels></Image></OME>", 8, 3, 20000.0f, Vector(12, 8, 2), Vector(500, 600, 2000), "GFP Channel 3",
-         65535.0, [](long long c, long long z, long long t) { return 7 - (z + 2 * c + 4 * t); }},
+         0.0, 65535.0, [](long long c, long long z, long long t) { return 7 - (z + 2 * c + 4 * t); }},
         // Counts that do not fit the pages: every page is a slice, as without a description.
         {"ImageJ=1.53c\nimages=6\nchannels=2\nslices=3\n", 5, 0, 0.0f, Vector(12, 8, 5), Vector(1, 1, 1), "Channel 1",
-         65535.0, [](long long, long long z, long long) { return z; }},
+         0.0, 65535.0, [](long long, long long z, long long) { return z; }},
     };
     TemporaryDirectory directory;
     for (Case const& item : cases)
@@ -290,6 +289,7 @@ TEST(TiffImage, ImageJAndOmeDescriptionsPlacePagesAsChannelsSlicesAndTimePoints)
             EXPECT_EQ(image.getVoxelSize(0), item.voxelSize);
             EXPECT_EQ(image.knowsVoxelSize(), item.unit > 0);
             EXPECT_EQ(image.getChannelName(image.getNumChannels() - 1), item.lastName);
+            EXPECT_EQ(image.getValueRange().min, item.rangeMin);
             EXPECT_EQ(image.getValueRange().max, item.rangeMax);
             expectLevels(image, layout, [&](long long c, long long z, long long) { return item.pageOf(c, z, time); });
         }
@@ -305,46 +305,32 @@ TEST(TiffImage, ColourEncodedFilesReadLikeLibtiffsOwnRgbaDecode)
     jpeg.samples = 3;
     jpeg.ycbcr = true;
     jpeg.compression = COMPRESSION_JPEG;
+    jpeg.rowsPerStrip = 40;
+    writeTiff(directory.path("strip.tif"), jpeg);
     jpeg.tileWidth = 32;
     jpeg.tileHeight = 32;
     writeTiff(directory.path("jpeg.tif"), jpeg);
 
-    // An old-style JPEG file around the one strip of a JPEG file.
-    TiffLayout strip = jpeg;
-    strip.tileWidth = 0;
-    strip.rowsPerStrip = 40;
-    writeTiff(directory.path("strip.tif"), strip);
+    // Uncompressed with 2 x 2 chroma subsampling: each 2 x 2 block is its four Y values, then Cb and Cr.
+    std::vector<unsigned char> blocks;
+    for (unsigned block = 0; block < 32 * 20; ++block)
+        for (unsigned k = 0; k < 6; ++k)
+            blocks.push_back(static_cast<unsigned char>(k < 4 ? block * 37 + k * 11 : 100 + block % 50 + k * 20));
+    std::vector<RawEntry> entries = {
+        {256, 3, 1, 64}, {257, 3, 1, 40}, {258, 3, 1, 8},  {259, 3, 1, 1},    {262, 3, 1, 6},
+        {273, 4, 1, 8},  {277, 3, 1, 3},  {278, 3, 1, 40}, {279, 4, 1, 3840}, {530, 3, 2, 2 + (2u << 16)}};
+    writeBytes(directory.path("ycbcr.tif"), rawTiff(entries, blocks));
+    // An old-style JPEG file (compression 6) around the one strip of the JPEG file.
     TIFF* tiff = TIFFOpen(directory.path("strip.tif").c_str(), "r");
     ASSERT_NE(tiff, nullptr);
     std::vector<unsigned char> stream(static_cast<std::size_t>(TIFFRawStripSize(tiff, 0)));
     ASSERT_GT(TIFFReadRawStrip(tiff, 0, stream.data(), static_cast<tmsize_t>(stream.size())), 0);
     TIFFClose(tiff);
     auto const length = static_cast<std::uint32_t>(stream.size());
-    std::vector<RawEntry> entries = {{256, 3, 1, 64},
-                                     {257, 3, 1, 40},
-                                     {258, 3, 1, 8},
-                                     {259, 3, 1, COMPRESSION_OJPEG},
-                                     {262, 3, 1, PHOTOMETRIC_YCBCR},
-                                     {273, 4, 1, 8},
-                                     {277, 3, 1, 3},
-                                     {278, 3, 1, 40},
-                                     {279, 4, 1, length},
-                                     {513, 4, 1, 8},
-                                     {514, 4, 1, length},
-                                     {530, 3, 2, 2 + (2u << 16)}};
+    entries[3].value = 6;
+    entries[8].value = length;
+    entries.insert(entries.end(), {{513, 4, 1, 8}, {514, 4, 1, length}});
     writeBytes(directory.path("old.tif"), rawTiff(entries, stream));
-
-    // Uncompressed with 2 x 2 chroma subsampling: each 2 x 2 block is its four Y values, then Cb and Cr.
-    std::vector<unsigned char> blocks;
-    for (unsigned block = 0; block < 32 * 20; ++block)
-        for (unsigned k = 0; k < 6; ++k)
-            blocks.push_back(static_cast<unsigned char>(k < 4 ? (block * 37 + k * 11) % 256
-                                                              : (k == 4 ? 100 + block % 50 : 160 - block % 40)));
-    entries[3].value = COMPRESSION_NONE;
-    entries[8].value = static_cast<std::uint32_t>(blocks.size());
-    entries.resize(9);
-    entries.push_back({530, 3, 2, 2 + (2u << 16)});
-    writeBytes(directory.path("ycbcr.tif"), rawTiff(entries, blocks));
 
     for (std::string const name : {"jpeg.tif", "old.tif", "ycbcr.tif"})
     {
@@ -354,9 +340,7 @@ TEST(TiffImage, ColourEncodedFilesReadLikeLibtiffsOwnRgbaDecode)
         ASSERT_NE(decoded, nullptr);
         ASSERT_EQ(TIFFReadRGBAImageOriented(decoded, 64, 40, raster.data(), ORIENTATION_TOPLEFT, 0), 1);
         TIFFClose(decoded);
-
         TiffImage image(path);
-        ASSERT_EQ(image.getNumChannels(), 3) << name;
         EXPECT_EQ(image.getChannelName(2), "Blue");
         EXPECT_EQ(image.getValueRange().max, 255.0);
         Box const box(Vector(-1, -1, 0), Vector(64, 40, 0));
@@ -372,9 +356,6 @@ TEST(TiffImage, ColourEncodedFilesReadLikeLibtiffsOwnRgbaDecode)
                     loss += inside ? std::fabs(expected.back() - storedValue(jpeg, 0, x, y, c)) : 0.0;
                 }
         EXPECT_TRUE(sameBits(expected, openWhole(image, 0, box), box, name));
-        if (name != "ycbcr.tif")
-        {
-            EXPECT_LE(loss / (64 * 40 * 3), 12.0) << name;
-        }
+        EXPECT_TRUE(name == "ycbcr.tif" || loss / (64 * 40 * 3) < 12.0) << name << " loses " << loss / (64 * 40 * 3);
     }
 }
