@@ -21,72 +21,57 @@ std::string omeWith(std::string const& pixelsAttributes, std::string const& chil
 
 } // namespace
 
-TEST(OmeXmlParser, PagesFollowTheDimensionOrderWithoutTiffData)
+// The channels and the page of each plane (channel fastest, then slice, then time point) that
+// OME-XML gives; nothing for text that is no usable OME-XML. Sizes and names are read through
+// TiffImage's test.
+TEST(OmeXmlParser, PlacesPlanesOnPagesOrGivesNothing)
 {
-    // 2 channels, 3 slices, 2 time points; XYZTC: z fastest, then t, then c.
-    FileMetadata const metadata =
-        OmeXmlParser::parse(omeWith(R"(DimensionOrder="XYZTC" SizeC="2" SizeZ="3" SizeT="2")", ""));
-    ASSERT_EQ(metadata.channels, 2);
-    ASSERT_EQ(metadata.slices, 3);
-    ASSERT_EQ(metadata.frames, 2);
-    ASSERT_EQ(metadata.pageOfPlane.size(), 12u);
-    for (long long c = 0; c < 2; ++c)
-        for (long long z = 0; z < 3; ++z)
-            for (long long t = 0; t < 2; ++t)
-                EXPECT_EQ(metadata.pageOfPlane[static_cast<std::size_t>(c + 2 * (z + 3 * t))], z + 3 * (t + 2 * c))
-                    << c << z << t;
-}
-
-// A run of planes from (c 1, z 0) on, in XYCZT order, on pages 5 and 6; a single plane on page 9;
-// planes in other files of a set stay unplaced.
-TEST(OmeXmlParser, TiffDataPlacesRunsOfPlanesOfThisFileOnly)
-{
-    FileMetadata const metadata =
-        OmeXmlParser::parse(omeWith(R"(DimensionOrder="XYCZT" SizeC="2" SizeZ="2" SizeT="1")",
-                                    R"(<TiffData IFD="5" FirstC="1" PlaneCount="2"/><TiffData IFD="9"/>)"));
-    EXPECT_EQ(metadata.pageOfPlane, (std::vector<long long>{9, 5, 6, -1}));
-
-    std::string xml =
+    std::string other =
         omeWith(R"(DimensionOrder="XYCZT" SizeC="2" SizeZ="1" SizeT="1")",
                 "<TiffData IFD=\"0\" FirstC=\"0\"><UUID FileName=\"a.ome.tif\"> urn:uuid:a\n </UUID></TiffData>"
                 R"(<TiffData IFD="0" FirstC="1"><UUID FileName="b.ome.tif">urn:uuid:b</UUID></TiffData>)");
-    xml.replace(xml.find("<OME "), 5, R"(<OME UUID="urn:uuid:a" )");
-    EXPECT_EQ(OmeXmlParser::parse(xml).pageOfPlane, (std::vector<long long>{0, -1}));
-}
-
-// Sizes in their units and channel names are read through TiffImage's test.
-TEST(OmeXmlParser, OneChannelOfThreeSamplesAndUnknownUnits)
-{
-    FileMetadata const metadata =
-        OmeXmlParser::parse(omeWith(R"(DimensionOrder="XYCZT" SizeC="3" SizeZ="1" SizeT="1")",
-                                    R"(<Channel ID="Channel:0:0" Name="Colour" SamplesPerPixel="3"/>)"));
-    // One Channel of three samples: the pages are RGB, one channel each.
-    EXPECT_EQ(metadata.channels, 1);
-    EXPECT_EQ(metadata.channelNames, (std::vector<std::string>{"Colour"}));
-
-    FileMetadata const unknownUnit = OmeXmlParser::parse(omeWith(
-        R"(DimensionOrder="XYCZT" SizeC="1" SizeZ="1" SizeT="1" PhysicalSizeX="2" PhysicalSizeXUnit="furlong")", ""));
-    EXPECT_EQ(unknownUnit.channels, 1);
-    EXPECT_EQ(unknownUnit.sizeX, 0.0);
-}
-
-TEST(OmeXmlParser, AnythingElseGivesNoMetadata)
-{
-    std::vector<std::string> const texts = {
-        "",
-        "Aperio Image Library",
-        "<OME><Image><Pixels DimensionOrder=\"XYCZT\" SizeC=\"1\"", // cut off
-        omeWith(R"(DimensionOrder="XYCZT" SizeC="0" SizeZ="1" SizeT="1")", ""),
-        omeWith(R"(DimensionOrder="XYCCT" SizeC="1" SizeZ="1" SizeT="1")", ""),
-        omeWith(R"(DimensionOrder="XYCZT" SizeC="99999999" SizeZ="99999" SizeT="1")", ""),
-        "<!DOCTYPE OME [<!ENTITY e SYSTEM \"file:///etc/passwd\">]><OME>&e;</OME>",
-    };
-    for (std::string const& text : texts)
+    other.replace(other.find("<OME "), 5, R"(<OME UUID="urn:uuid:a" )");
+    struct Case
     {
-        FileMetadata const metadata = OmeXmlParser::parse(text);
-        EXPECT_EQ(metadata.channels, 0) << text;
-        EXPECT_TRUE(metadata.pageOfPlane.empty()) << text;
+        std::string text;
+        long long channels;
+        std::vector<long long> pages;
+    };
+    std::vector<Case> const cases = {
+        // XYZTC without TiffData: pages hold z fastest, then t, then c.
+        {omeWith(R"(DimensionOrder="XYZTC" SizeC="2" SizeZ="3" SizeT="2")", ""),
+         2,
+         {0, 6, 1, 7, 2, 8, 3, 9, 4, 10, 5, 11}},
+        // A run from (c 1, z 0) on, in XYCZT order, on pages 5 and 6; a single plane on page 9.
+        {omeWith(R"(DimensionOrder="XYCZT" SizeC="2" SizeZ="2" SizeT="1")",
+                 R"(<TiffData IFD="5" FirstC="1" PlaneCount="2"/><TiffData IFD="9"/>)"),
+         2,
+         {9, 5, 6, -1}},
+        // Planes in other files of a set stay unplaced.
+        {other, 2, {0, -1}},
+        // One Channel of three samples: the pages are RGB, one channel each.
+        {omeWith(R"(DimensionOrder="XYCZT" SizeC="3" SizeZ="1" SizeT="1")",
+                 R"(<Channel ID="Channel:0:0" Name="Colour" SamplesPerPixel="3"/>)"),
+         1,
+         {0}},
+        {"", 0, {}},
+        {"Aperio Image Library", 0, {}},
+        {"<OME><Image><Pixels DimensionOrder=\"XYCZT\" SizeC=\"1\"", 0, {}},
+        {omeWith(R"(DimensionOrder="XYCZT" SizeC="0" SizeZ="1" SizeT="1")", ""), 0, {}},
+        {omeWith(R"(DimensionOrder="XYCCT" SizeC="1" SizeZ="1" SizeT="1")", ""), 0, {}},
+        {omeWith(R"(DimensionOrder="XYCZT" SizeC="99999999" SizeZ="99999" SizeT="1")", ""), 0, {}},
+        {"<!DOCTYPE OME [<!ENTITY e SYSTEM \"file:///etc/passwd\">]><OME>&e;</OME>", 0, {}},
+    };
+    for (Case const& item : cases)
+    {
+        FileMetadata const metadata = OmeXmlParser::parse(item.text);
+        EXPECT_EQ(metadata.channels, item.channels) << item.text;
+        EXPECT_EQ(metadata.pageOfPlane, item.pages) << item.text;
     }
+    // A size in a unit it does not know is no size.
+    std::string const furlong = R"(DimensionOrder="XYCZT" SizeC="1" SizeZ="1" SizeT="1" PhysicalSizeX="2" )"
+                                R"(PhysicalSizeXUnit="furlong")";
+    EXPECT_EQ(OmeXmlParser::parse(omeWith(furlong, "")).sizeX, 0.0);
 }
 
 // Counts, unit, spacing and range of a hyperstack are read through TiffImage's test.

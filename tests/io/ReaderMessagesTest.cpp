@@ -61,19 +61,6 @@ Make text(std::string const& name, std::string const& content)
     };
 }
 
-// A tiled RGB file that OpenSlide reads as a generic TIFF.
-TiffLayout tiledRgb(std::vector<PageShape> pages)
-{
-    TiffLayout layout;
-    layout.samples = 3;
-    layout.rgb = true;
-    layout.tileWidth = 64;
-    layout.tileHeight = 64;
-    layout.compression = 8;
-    layout.pages = std::move(pages);
-    return layout;
-}
-
 // Opens path with reader at the time point and reads the whole of level, returning the message.
 std::string failureOf(Reader reader, std::string const& path, long long timePoint, long long level)
 {

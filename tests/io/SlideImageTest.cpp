@@ -1,3 +1,4 @@
+#include <nuvek/io/ImageOpener.h>
 #include <nuvek/io/SlideImage.h>
 #include <nuvek/io/TiffImage.h>
 
@@ -9,25 +10,6 @@
 using Nuvek::SlideImage;
 using Nuvek::TiffImage;
 using namespace NuvekTest;
-
-namespace {
-
-// A tiled RGB pyramid that OpenSlide reads as a generic TIFF.
-TiffLayout slideLayout(std::vector<PageShape> pages)
-{
-    TiffLayout layout;
-    layout.samples = 3;
-    layout.rgb = true;
-    layout.tileWidth = 64;
-    layout.tileHeight = 64;
-    layout.compression = 8;
-    layout.resolutionUnit = 3;
-    layout.resolution = 20000.0f;
-    layout.pages = std::move(pages);
-    return layout;
-}
-
-} // namespace
 
 // Every level, whole or in tiles, holds its own page's pixels, zeros outside: levels of a power
 // of two read through OpenSlide, the others through their page; so are levels of downsamples
@@ -42,7 +24,10 @@ TEST(SlideImage, ReadsAGenericTiffLikeTiffImage)
     for (std::vector<PageShape> const& pages : pyramids)
     {
         std::string const path = directory.path(std::to_string(pages[0].width) + ".tif");
-        writeTiff(path, slideLayout(pages));
+        TiffLayout layout = tiledRgb(pages);
+        layout.resolutionUnit = 3;
+        layout.resolution = 20000.0f;
+        writeTiff(path, layout);
         SlideImage slide(path);
         TiffImage file(path);
         ASSERT_EQ(slide.getNumLevels(), 3);
@@ -69,21 +54,21 @@ TEST(SlideImage, ReadsAGenericTiffLikeTiffImage)
 TEST(SlideImage, LevelsThatAreNoPowerOfTwoOrMissingAreNotPresent)
 {
     TemporaryDirectory directory;
-    writeTiff(directory.path("gap.tif"), slideLayout({PageShape{256, 256}, PageShape{64, 64, true}}));
+    writeTiff(directory.path("gap.tif"), tiledRgb({PageShape{256, 256}, PageShape{64, 64, true}}));
     SlideImage slide(directory.path("gap.tif"));
     EXPECT_EQ(slide.getNumLevels(), 3);
     EXPECT_FALSE(slide.hasLevel(1));
     EXPECT_TRUE(slide.hasLevel(2));
     EXPECT_EQ(slide.getExtent(1), Vector(128, 128, 1));
 
-    writeTiff(directory.path("third.tif"), slideLayout({PageShape{192, 192}, PageShape{64, 64, true}}));
+    writeTiff(directory.path("third.tif"), tiledRgb({PageShape{192, 192}, PageShape{64, 64, true}}));
     EXPECT_EQ(SlideImage(directory.path("third.tif")).getNumLevels(), 1);
 }
 
 TEST(SlideImage, PartlyTransparentVoxelsGetTheirColourBack)
 {
     TemporaryDirectory directory;
-    TiffLayout layout = slideLayout({PageShape{128, 128}});
+    TiffLayout layout = tiledRgb({PageShape{128, 128}});
     layout.samples = 4;
     layout.alpha = true;
     writeTiff(directory.path("alpha.tif"), layout);
@@ -109,4 +94,47 @@ TEST(SlideImage, PartlyTransparentVoxelsGetTheirColourBack)
                 }
             }
     EXPECT_GT(checked, 3000);
+}
+
+TEST(ImageOpener, TheContentChoosesTheReaderWhateverTheName)
+{
+    // With an Aperio description OpenSlide recognises the file as an Aperio slide.
+    TiffLayout const plain = tiledRgb({PageShape{200, 130}, PageShape{100, 65, true}});
+    TiffLayout aperio = plain;
+    aperio.description = "Aperio Image Library v12.0.15\r\n200x130 [0,0 200x130] (64x64) RGB|AppMag = 20|MPP = 0.25";
+    TiffLayout hyperstack = plain;
+    hyperstack.description = "ImageJ=1.53c\nimages=2\nchannels=2\n";
+    hyperstack.pages = {PageShape{40, 30}, PageShape{40, 30}};
+    struct Case
+    {
+        std::string name;
+        TiffLayout layout;
+        std::string reader;
+        long long channels;
+    };
+    std::vector<Case> const cases = {
+        {"aperio.tif", aperio, "SlideImage (aperio)", 3},
+        {"aperio.svs", aperio, "SlideImage (aperio)", 3},
+        {"plain.svs", plain, "TiffImage", 3},
+        {"plain.ndpi", plain, "TiffImage", 3},
+        {"hyperstack.svs", hyperstack, "TiffImage", 6},
+    };
+    TemporaryDirectory directory;
+    for (Case const& item : cases)
+    {
+        std::string const path = directory.path(item.name);
+        writeTiff(path, item.layout);
+        std::unique_ptr<Nuvek::Image> image = Nuvek::openImage(path);
+        EXPECT_EQ(Nuvek::describeReader(*image), item.reader) << item.name;
+        EXPECT_EQ(image->getNumChannels(), item.channels) << item.name;
+        EXPECT_EQ(Nuvek::knowsVoxelSize(*image), item.name.rfind("aperio", 0) == 0) << item.name;
+        Box const box(Vector(-1, -1, 0), image->getExtent(0));
+        TiffImage direct(path);
+        EXPECT_TRUE(sameBits(openWhole(direct, 0, box), openWhole(*image, 0, box), box, item.name));
+    }
+    std::unique_ptr<Nuvek::Image> slide = Nuvek::openImage(directory.path("aperio.tif"));
+    EXPECT_EQ(slide->getVoxelSize(0), Vector(250, 250, 1));
+    EXPECT_EQ(slide->getNumLevels(), 2);
+    // TiffImage takes the voxel size from Aperio's MPP too, when the tags say nothing.
+    EXPECT_EQ(TiffImage(directory.path("aperio.tif")).getVoxelSize(0), Vector(250, 250, 1));
 }

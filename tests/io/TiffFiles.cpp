@@ -160,6 +160,18 @@ double storedValue(TiffLayout const& layout, long long page, long long x, long l
     return static_cast<double>(layout.isSigned ? value - modulus / 2 : value);
 }
 
+TiffLayout tiledRgb(std::vector<PageShape> pages)
+{
+    TiffLayout layout;
+    layout.samples = 3;
+    layout.rgb = true;
+    layout.tileWidth = 64;
+    layout.tileHeight = 64;
+    layout.compression = COMPRESSION_ADOBE_DEFLATE;
+    layout.pages = std::move(pages);
+    return layout;
+}
+
 void writeTiff(std::string const& path, TiffLayout const& layout)
 {
     TIFF* tiff = TIFFOpen(path.c_str(), layout.bigTiff ? "w8" : "w");

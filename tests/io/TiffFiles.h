@@ -66,6 +66,9 @@ struct TiffLayout
 /// in the stored type, different between neighbouring voxels, channels and pages.
 double storedValue(TiffLayout const& layout, long long page, long long x, long long y, long long c);
 
+/// Deflate-compressed RGB in tiles of 64 x 64, which OpenSlide reads as a generic TIFF.
+TiffLayout tiledRgb(std::vector<PageShape> pages);
+
 /// Writes layout's file to path; throws std::runtime_error if libtiff refuses.
 void writeTiff(std::string const& path, TiffLayout const& layout);
 
