@@ -177,8 +177,9 @@ void writeTiff(std::string const& path, TiffLayout const& layout)
     TIFF* tiff = TIFFOpen(path.c_str(), layout.bigTiff ? "w8" : "w");
     check(tiff != nullptr, "cannot create " + path);
     std::unique_ptr<TIFF, void (*)(TIFF*)> closer(tiff, TIFFClose);
-    // A page of other samples is a mask: one 8-bit grey sample in strips.
+    // A page of other samples is a mask: one 8-bit grey sample in strips, two when the file has one.
     TiffLayout mask;
+    mask.samples = layout.samples == 1 ? 2 : 1;
     auto const write = [&](PageShape const& page, long long index, int subIfds) {
         writePage(tiff, page.oddSamples ? mask : layout, page, index, subIfds);
     };

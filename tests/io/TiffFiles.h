@@ -23,7 +23,7 @@ struct PageShape
     std::uint32_t height = 0;
     bool reduced = false;
     std::string name;
-    /// One 8-bit sample instead of the file's (a mask or thumbnail that readers should skip).
+    /// Other 8-bit samples than the file's (a mask that readers should skip).
     bool oddSamples = false;
 };
 

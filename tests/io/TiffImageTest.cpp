@@ -64,8 +64,8 @@ TiffLayout singlePage(std::uint32_t width, std::uint32_t height)
 
 } // namespace
 
-// Every sample type in every arrangement, against the values written; with the metadata of the
-// tags: channel names, the value range (SMinSampleValue and SMaxSampleValue, else the type's for
+// Every sample type in every arrangement, with a level, against the values written; with the
+// metadata of the tags: channel names, the value range (SMinSampleValue and SMaxSampleValue, else the type's for
 // integers, a palette's indices included, and the data's for floating point), voxel size, tiles.
 TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
 {
@@ -110,6 +110,10 @@ TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
                     bool const given = type.floating && tiled;
                     layout.sampleMin = given ? -4.5 : 0.0;
                     layout.sampleMax = given ? 9.0 : 0.0;
+                    // A level of half size as a page, or in BigTIFF as a SubIFD; a thumbnail of no
+                    // power-of-two size and a mask before it are no levels.
+                    std::vector<PageShape>& chain = layout.bigTiff ? layout.subPages : layout.pages;
+                    chain.insert(chain.end(), {{40, 40, true}, {27, 21, true, "", true}, {27, 21, true}});
                     std::string const path = directory.path(std::to_string(variant++) + ".tif");
                     writeTiff(path, layout);
                     SCOPED_TRACE(path + ", " + std::to_string(samples) + " samples of " + std::to_string(type.bits) +
@@ -118,7 +122,10 @@ TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
                     TiffImage image(path);
                     ASSERT_EQ(image.getExtent(0), Vector(53, 41, 1));
                     ASSERT_EQ(image.getNumChannels(), samples);
-                    expectLevels(image, layout, firstPage);
+                    ASSERT_EQ(image.getNumLevels(), 2);
+                    // Past the file's levels the halved size of the last.
+                    EXPECT_EQ(image.getExtent(2), Vector(13, 10, 1));
+                    expectLevels(image, layout, [](long long, long long, long long level) { return 3 * level; });
                     // From inside one tile or strip to inside another.
                     EXPECT_TRUE(readsPages(image, layout, firstPage, 0, Box(Vector(5, 9, 0), Vector(37, 30, 0))));
                     double const half = std::ldexp(1.0, type.bits - 1);
@@ -126,7 +133,8 @@ TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
                     double high = (type.isSigned ? half : 2 * half) - 1;
                     if (type.floating)
                     {
-                        std::vector<double> const all = openWhole(image, 0, Box(Vector(53, 41, 1)));
+                        // Of the coarsest level.
+                        std::vector<double> const all = openWhole(image, 1, Box(image.getExtent(1)));
                         low = *std::min_element(all.begin(), all.end());
                         high = *std::max_element(all.begin(), all.end());
                     }
@@ -168,32 +176,6 @@ TEST(TiffImage, DecodesOnlyTheTouchedTilesOrStripsOncePerCall)
     openWhole(tiles, 0, Box(Vector(-5, -5, -1), Vector(104, 94, 1)));
     openWhole(tiles, 0, Box(Vector(200, 0, 0), Vector(210, 5, 0)));
     EXPECT_EQ(tiles.getBlocksDecoded(), 9u + 3u * 7u * 6u);
-}
-
-TEST(TiffImage, PagesAndSubIfdsOfHalfSizeBecomeLevelsOthersAreSkipped)
-{
-    TemporaryDirectory directory;
-    for (bool subIfds : {false, true})
-    {
-        TiffLayout layout = singlePage(101, 70);
-        layout.samples = 2;
-        layout.tileWidth = 16;
-        layout.tileHeight = 16;
-        // A thumbnail of no power-of-two size and a page of other samples come first: not levels.
-        std::vector<PageShape>& chain = subIfds ? layout.subPages : layout.pages;
-        chain.insert(chain.end(),
-                     {{40, 40, true}, {50, 35, true, "", true}, {50, 35, true}, {25, 17, true}, {13, 9, true}});
-        std::string const path = directory.path(subIfds ? "sub.tif" : "pages.tif");
-        writeTiff(path, layout);
-        TiffImage image(path);
-        ASSERT_EQ(image.getNumLevels(), 4);
-        // Each level has its page's own size (70 / 8 rounded up is 9), and past them the halved size.
-        EXPECT_EQ(image.getExtent(1), Vector(50, 35, 1));
-        EXPECT_EQ(image.getExtent(3), Vector(13, 9, 1));
-        EXPECT_EQ(image.getExtent(4), Vector(6, 4, 1));
-        SCOPED_TRACE(path);
-        expectLevels(image, layout, [](long long, long long, long long level) { return level == 0 ? 0 : 2 + level; });
-    }
 }
 
 TEST(TiffImage, PageStacksAreSlicesWithTheirOwnLevels)
