@@ -73,27 +73,19 @@ TEST(SlideImage, PartlyTransparentVoxelsGetTheirColourBack)
     layout.alpha = true;
     writeTiff(directory.path("alpha.tif"), layout);
     SlideImage slide(directory.path("alpha.tif"));
-    ASSERT_EQ(slide.getNumChannels(), 3);
     std::vector<double> const values = openWhole(slide, 0, Box(Vector(128, 128, 1)));
-    int checked = 0;
+    ASSERT_EQ(values.size(), 3u * 128 * 128);
+    // Transparent is black; premultiplying rounds, so from alpha 128 up one step at most is lost.
     for (long long c = 0; c < 3; ++c)
         for (long long y = 0; y < 128; ++y)
             for (long long x = 0; x < 128; ++x)
             {
                 double const alpha = storedValue(layout, 0, x, y, 3);
+                double const expected = alpha == 0.0 ? 0.0 : storedValue(layout, 0, x, y, c);
                 double const value = values[static_cast<std::size_t>((c * 128 + y) * 128 + x)];
-                // Transparent is black; premultiplying rounds, so from alpha 128 up one step at most is lost.
-                if (alpha == 0.0)
-                {
-                    EXPECT_EQ(value, 0.0) << x << ", " << y;
-                }
-                else if (alpha >= 128.0)
-                {
-                    ++checked;
-                    EXPECT_LE(std::fabs(value - storedValue(layout, 0, x, y, c)), 1.0) << x << ", " << y << ", " << c;
-                }
+                double const tolerance = alpha == 0.0 ? 0.0 : (alpha >= 128.0 ? 1.0 : 255.0);
+                EXPECT_LE(std::fabs(value - expected), tolerance) << x << ", " << y << ", alpha " << alpha;
             }
-    EXPECT_GT(checked, 3000);
 }
 
 TEST(ImageOpener, TheContentChoosesTheReaderWhateverTheName)

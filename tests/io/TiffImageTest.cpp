@@ -153,31 +153,6 @@ TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
                 }
 }
 
-TEST(TiffImage, DecodesOnlyTheTouchedTilesOrStripsOncePerCall)
-{
-    TemporaryDirectory directory;
-    TiffLayout layout = singlePage(100, 90);
-    layout.samples = 3;
-    layout.planar = true;
-    layout.rowsPerStrip = 10;
-    writeTiff(directory.path("strips.tif"), layout);
-    layout.tileWidth = 16;
-    layout.tileHeight = 16;
-    writeTiff(directory.path("tiles.tif"), layout);
-    TiffImage strips(directory.path("strips.tif"), 0, 0);
-    TiffImage tiles(directory.path("tiles.tif"), 0, 0);
-    // Tile columns 0 to 2 of tile row 2, strips 3 and 4; each once per sample plane.
-    Box const box(Vector(15, 38, 0), Vector(33, 47, 0));
-    openWhole(strips, 0, box);
-    openWhole(tiles, 0, box);
-    EXPECT_EQ(strips.getBlocksDecoded(), 6u);
-    EXPECT_EQ(tiles.getBlocksDecoded(), 9u);
-    // Past the extent on every side: every tile once, nothing beyond; wholly outside: nothing.
-    openWhole(tiles, 0, Box(Vector(-5, -5, -1), Vector(104, 94, 1)));
-    openWhole(tiles, 0, Box(Vector(200, 0, 0), Vector(210, 5, 0)));
-    EXPECT_EQ(tiles.getBlocksDecoded(), 9u + 3u * 7u * 6u);
-}
-
 TEST(TiffImage, PageStacksAreSlicesWithTheirOwnLevels)
 {
     TemporaryDirectory directory;
