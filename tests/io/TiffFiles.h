@@ -9,7 +9,6 @@
 // TIFF files for the io tests, written with libtiff itself, and the values they hold.
 namespace NuvekTest {
 
-/// One page (image directory) of a test file.
 struct PageShape
 {
     PageShape() = default;
@@ -27,17 +26,16 @@ struct PageShape
     bool oddSamples = false;
 };
 
-/// How a test file stores its samples, and which pages it has.
+/// How a test file stores its samples, and which pages (image directories) it has.
 struct TiffLayout
 {
     std::uint16_t samples = 1;
-    /// 8, 16 or 32 for integers, 32 or 64 for floating point.
     std::uint16_t bits = 8;
     bool floating = false;
     bool isSigned = false;
     /// Photometric palette with a colour map that is no identity.
     bool palette = false;
-    /// The ImageDescription of the first page, when not empty.
+    /// The ImageDescription of the first page.
     std::string description;
     bool planar = false;
     bool rgb = false;
@@ -99,7 +97,6 @@ public:
     TemporaryDirectory& operator=(TemporaryDirectory const&) = delete;
 
     std::string path(std::string const& name) const;
-    /// Names of the files in the directory, sorted.
     std::vector<std::string> files() const;
 
 private:
