@@ -164,32 +164,9 @@ TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
                 }
 }
 
-TEST(TiffImage, PageStacksAreSlicesWithTheirOwnLevels)
-{
-    TemporaryDirectory directory;
-    TiffLayout layout;
-    layout.bits = 16;
-    layout.samples = 2;
-    layout.planar = true;
-    layout.pages = {PageShape{40, 30, false, "first"}, PageShape{20, 15, true},  PageShape{40, 30, false, "second"},
-                    PageShape{20, 15, true},           PageShape{40, 30, false}, PageShape{20, 15, true}};
-    writeTiff(directory.path("stack.tif"), layout);
-    TiffImage image(directory.path("stack.tif"));
-    ASSERT_EQ(image.getExtent(1), Vector(20, 15, 3));
-    EXPECT_EQ(image.getSliceName(1), "second");
-    EXPECT_EQ(image.getSliceName(2), "");
-    expectLevels(image, layout, [](long long, long long z, long long level) { return 2 * z + level; });
-
-    // A slice without the level makes the level absent for the whole volume (a level the file
-    // lacks is never made up: the reader messages name it).
-    layout.pages.pop_back();
-    writeTiff(directory.path("ragged.tif"), layout);
-    TiffImage ragged(directory.path("ragged.tif"));
-    EXPECT_EQ(ragged.getExtent(0), Vector(40, 30, 3));
-    EXPECT_EQ(ragged.getNumLevels(), 1);
-}
-
-TEST(TiffImage, ImageJAndOmeDescriptionsPlacePagesAsChannelsSlicesAndTimePoints)
+// Pages become channels, slices (each with its own levels) and time points as an ImageJ or OME-XML
+// description says, else every page of full size is a slice.
+TEST(TiffImage, PagesBecomeChannelsSlicesAndTimePoints)
 {
     // 2 channels x 3 slices x 2 frames, channel fastest, then slice, then frame.
     // The unit escaped as ImageJ writes it, a Windows line end and lines of nonsense.
@@ -206,29 +183,38 @@ TEST(TiffImage, ImageJAndOmeDescriptionsPlacePagesAsChannelsSlicesAndTimePoints)
     for (int plane = 0; plane < 8; ++plane)
         ome += "<TiffData IFD=\"" + std::to_string(7 - plane) + "\" FirstZ=\"" + std::to_string(plane % 2) +
                "\" FirstC=\"" + std::to_string(plane / 2 % 2) + "\" FirstT=\"" + std::to_string(plane / 4) + "\"/>";
+    std::vector<PageShape> const stack = {
+        {12, 8, false, "first"}, {6, 4, true}, {12, 8, false, "second"}, {6, 4, true}, {12, 8}, {6, 4, true}};
     struct Case
     {
         std::string description;
-        std::size_t pages;
+        std::vector<PageShape> pages;
+        long long times;
         std::uint16_t unit;
         float resolution;
         Vector extent;
         Vector voxelSize;
         std::string lastName;
+        std::string secondSlice;
         double rangeMin;
         double rangeMax;
-        std::function<long long(long long c, long long z, long long t)> pageOf;
+        std::function<long long(long long c, long long z, long long t, long long level)> pageOf;
     };
     std::vector<Case> const cases = {
         // 4 pixels per micron in x, 8 in y.
-        {imageJ, 12, 1, 4.0f, Vector(12, 8, 3), Vector(250, 125, 1500), "Channel 3", 10.0, 900.0,
-         [](long long c, long long z, long long t) { return c + 2 * (z + 3 * t); }},
+        {imageJ, std::vector<PageShape>(12, {12, 8}), 2, 1, 4.0f, Vector(12, 8, 3), Vector(250, 125, 1500), "Channel 3",
+         "", 10.0, 900.0, [](long long c, long long z, long long t, long long) { return c + 2 * (z + 3 * t); }},
         // OME's sizes win over the resolution tags.
-        {ome + "</Pixels></Image></OME>", 8, 3, 20000.0f, Vector(12, 8, 2), Vector(500, 600, 2000), "GFP Channel 3",
-         0.0, 65535.0, [](long long c, long long z, long long t) { return 7 - (z + 2 * c + 4 * t); }},
+        {ome + "</Pixels></Image></OME>", std::vector<PageShape>(8, {12, 8}), 2, 3, 20000.0f, Vector(12, 8, 2),
+         Vector(500, 600, 2000), "GFP Channel 3", "", 0.0, 65535.0,
+         [](long long c, long long z, long long t, long long) { return 7 - (z + 2 * c + 4 * t); }},
         // Counts that do not fit the pages: every page is a slice, as without a description.
-        {"ImageJ=1.53c\nimages=6\nchannels=2\nslices=3\n", 5, 0, 0.0f, Vector(12, 8, 5), Vector(1, 1, 1), "Channel 1",
-         0.0, 65535.0, [](long long, long long z, long long) { return z; }},
+        {"ImageJ=1.53c\nimages=6\nchannels=2\nslices=3\n", std::vector<PageShape>(5, {12, 8}), 1, 0, 0.0f,
+         Vector(12, 8, 5), Vector(1, 1, 1), "Channel 1", "", 0.0, 65535.0,
+         [](long long, long long z, long long, long long) { return z; }},
+        // A stack of named pages, each followed by its level.
+        {"", stack, 1, 0, 0.0f, Vector(12, 8, 3), Vector(1, 1, 1), "Channel 1", "second", 0.0, 65535.0,
+         [](long long, long long z, long long, long long level) { return 2 * z + level; }},
     };
     TemporaryDirectory directory;
     for (Case const& item : cases)
@@ -237,12 +223,12 @@ TEST(TiffImage, ImageJAndOmeDescriptionsPlacePagesAsChannelsSlicesAndTimePoints)
         layout.samples = 2;
         layout.bits = 16;
         layout.description = item.description;
-        layout.pages.assign(item.pages, PageShape{12, 8});
+        layout.pages = item.pages;
         layout.resolutionUnit = item.unit;
         layout.resolution = item.resolution;
-        std::string const path = directory.path(std::to_string(item.pages) + ".tif");
+        std::string const path = directory.path(std::to_string(&item - cases.data()) + ".tif");
         writeTiff(path, layout);
-        for (long long time = 0; time < (item.pages == 5 ? 1 : 2); ++time)
+        for (long long time = 0; time < item.times; ++time)
         {
             SCOPED_TRACE(path + ", time " + std::to_string(time));
             TiffImage image(path, time);
@@ -250,11 +236,20 @@ TEST(TiffImage, ImageJAndOmeDescriptionsPlacePagesAsChannelsSlicesAndTimePoints)
             EXPECT_EQ(image.getVoxelSize(0), item.voxelSize);
             EXPECT_EQ(image.knowsVoxelSize(), item.unit > 0);
             EXPECT_EQ(image.getChannelName(image.getNumChannels() - 1), item.lastName);
+            EXPECT_EQ(image.getSliceName(1), item.secondSlice);
             EXPECT_EQ(image.getValueRange().min, item.rangeMin);
             EXPECT_EQ(image.getValueRange().max, item.rangeMax);
-            expectLevels(image, layout, [&](long long c, long long z, long long) { return item.pageOf(c, z, time); });
+            expectLevels(image, layout,
+                         [&](long long c, long long z, long long level) { return item.pageOf(c, z, time, level); });
         }
     }
+
+    // A slice without the level makes the level absent for the whole volume.
+    TiffLayout ragged;
+    ragged.pages = stack;
+    ragged.pages.pop_back();
+    writeTiff(directory.path("ragged.tif"), ragged);
+    EXPECT_EQ(TiffImage(directory.path("ragged.tif")).getNumLevels(), 1);
 }
 
 // JPEG in YCbCr, old-style JPEG and subsampled YCbCr read as libtiff's own RGBA decode gives them,
