@@ -41,6 +41,24 @@ constexpr char const* context = "writePyramidalTiff";
 
 using LevelShape = PyramidLevel;
 
+// Tiles are computed in column stripes of this many tiles, top to bottom, row by row within a
+// stripe. What a tile's computation keeps around then depends on the stripe's width, not the
+// image's: the input tiles its neighbours share (three rows of a stripe, in a source's decoded-tile
+// cache) and the coarser tiles waiting for their last quarter (a power of two, so that levels 1 to
+// 3 finish inside a stripe). A stripe of 8 tiles reads 10 input tiles across with a margin, so
+// where stripes meet an input tile is decoded twice: a quarter more decoding than in whole rows.
+constexpr long long stripeTiles = 8;
+
+// The tile of a level computed `order`-th.
+long long tileInStripes(LevelShape const& shape, long long order)
+{
+    long long const stripeSize = stripeTiles * shape.tilesY;
+    long long const stripe = order / stripeSize;
+    long long const within = order % stripeSize;
+    long long const width = std::min(stripeTiles, shape.tilesX - stripe * stripeTiles);
+    return within / width * shape.tilesX + stripe * stripeTiles + within % width;
+}
+
 // Everything fixed before the first tile: the geometry of every level and how samples are stored.
 struct Plan
 {
@@ -472,7 +490,8 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
             if (page == 0 && level == 0 && plan.ome)
                 TIFFSetField(tiff, TIFFTAG_IMAGEDESCRIPTION, description.c_str());
             LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
-            auto consume = [&](long long index, std::vector<unsigned char>& bytes) {
+            // Computed tiles go into the file in the order computed, the coarser levels' in rows.
+            auto consumeTile = [&](long long index, std::vector<unsigned char>& bytes) {
                 if (TIFFWriteRawTile(tiff, static_cast<ttile_t>(index), bytes.data(),
                                      static_cast<tmsize_t>(bytes.size())) < 0)
                     output->fail("cannot write tile " + std::to_string(index));
@@ -484,13 +503,14 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
                 for (long long index = 0; index < shape.tilesX * shape.tilesY; ++index)
                 {
                     spool->get(level, index, spooled);
-                    if (!consume(index, spooled))
+                    if (!consumeTile(index, spooled))
                         return false;
                 }
             }
             else
             {
-                auto compute = [&, page, level](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
+                auto compute = [&, page, level](Worker& worker, long long order, std::vector<unsigned char>& encoded) {
+                    long long const index = tileInStripes(shape, order);
                     computer.compute(worker, page, level, index, encoded);
                     if (!coarse)
                         return;
@@ -499,6 +519,9 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
                                     computer.encode(worker, tile, worker.coarseTile);
                                     spool->put(coarseLevel, coarseIndex, worker.coarseTile);
                                 });
+                };
+                auto consume = [&](long long order, std::vector<unsigned char>& bytes) {
+                    return consumeTile(tileInStripes(shape, order), bytes);
                 };
                 if (!runInOrder(shape.tilesX * shape.tilesY, workers, 2 * threads, compute, consume))
                     return false;
