@@ -1,5 +1,7 @@
 #include <nuvek/io/PyramidalTiffWriter.h>
 
+#include <nuvek/core/RowBandExactness.h>
+
 #include "io/internal/TiffHandle.h"
 #include "io/internal/TileEncoder.h"
 
@@ -99,6 +101,7 @@ struct Worker
     std::vector<double> region;
     std::vector<unsigned char> tile;
     std::vector<unsigned char> coarseTile;
+    std::vector<unsigned char> encoded;
     std::vector<unsigned char> children[4];
     std::unique_ptr<TiffHandle> reader;
     long long readerDirectory = -1;
@@ -108,7 +111,7 @@ class TileComputer
 {
 public:
     TileComputer(Plan const& plan, Image& image, std::string const& temporaryPath)
-        : plan(plan), image(image), temporaryPath(temporaryPath)
+        : plan(plan), image(image), temporaryPath(temporaryPath), inBands(RowBandExactness::splitsExactly(&image))
     {
     }
 
@@ -133,7 +136,10 @@ public:
     {
         try
         {
-            worker.encoder.encode(tile, static_cast<std::size_t>(plan.tileBytes()), encoded);
+            // Through the worker's buffer, which grows to the bound of a compressed tile: the tiles
+            // waiting to be written then hold only their own bytes.
+            worker.encoder.encode(tile, static_cast<std::size_t>(plan.tileBytes()), worker.encoded);
+            encoded.assign(worker.encoded.begin(), worker.encoded.end());
         }
         catch (std::runtime_error const& error)
         {
@@ -148,11 +154,20 @@ private:
         long long const z = page / plan.pagesPerSlice;
         long long const firstChannel = plan.pagesPerSlice > 1 ? page % plan.pagesPerSlice : 0;
         Vector const min(tileX * plan.tileSize, tileY * plan.tileSize, z);
-        Box const box(min, min + Vector(width - 1, height - 1, 0));
-        worker.region.assign(static_cast<std::size_t>(box.getSize() * plan.imageChannels), 0.0);
-        image.openRegion(worker.region.data(), plan.sourceLevel, box);
-        storeRegion(plan.layout, worker.region.data(), firstChannel, width, height, worker.tile.data(),
-                    worker.statistics);
+        // Over an image that gives the same bits in bands of rows, the tile is asked for in bands of
+        // about bandValues values, so that a worker holds a third of an RGB tile's doubles, not all.
+        long long const bands =
+            inBands ? std::max(1LL, (width * height * plan.imageChannels + bandValues - 1) / bandValues) : 1;
+        long long const rows = (height + bands - 1) / bands;
+        for (long long y = 0; y < height; y += rows)
+        {
+            long long const bandHeight = std::min(rows, height - y);
+            Box const band(min + Vector(0, y, 0), min + Vector(width - 1, y + bandHeight - 1, 0));
+            worker.region.assign(static_cast<std::size_t>(band.getSize() * plan.imageChannels), 0.0);
+            image.openRegion(worker.region.data(), plan.sourceLevel, band);
+            storeRegion(plan.layout, worker.region.data(), firstChannel, width, bandHeight, worker.tile.data(),
+                        worker.statistics, false, y);
+        }
     }
 
     // Reads back and decodes the four tiles of the level above: what a lossy compression stored
@@ -213,9 +228,13 @@ private:
             reader.fail("cannot read back level " + std::to_string(level) + " of page " + std::to_string(page));
     }
 
+    // Values of a band of a level-0 tile: a 512 x 512 tile of one channel.
+    static constexpr long long bandValues = 1LL << 18;
+
     Plan const& plan;
     Image& image;
     std::string temporaryPath;
+    bool inBands;
 };
 
 // Removes the temporary file unless the write succeeded and renamed it.
