@@ -8,6 +8,7 @@
 #include "io/internal/CoarseLevels.h"
 #include "io/internal/OmeXml.h"
 #include "io/internal/OrderedWork.h"
+#include "io/internal/StripeOrder.h"
 #include "io/internal/TileSamples.h"
 #include "io/internal/TileSpool.h"
 
@@ -43,22 +44,10 @@ constexpr char const* context = "writePyramidalTiff";
 
 using LevelShape = PyramidLevel;
 
-// Tiles are computed in column stripes of this many tiles, top to bottom, row by row within a
-// stripe. What a tile's computation keeps around then depends on the stripe's width, not the
-// image's: the input tiles its neighbours share (three rows of a stripe, in a source's decoded-tile
-// cache) and the coarser tiles waiting for their last quarter (a power of two, so that levels 1 to
-// 3 finish inside a stripe). A stripe of 8 tiles reads 10 input tiles across with a margin, so
-// where stripes meet an input tile is decoded twice: a quarter more decoding than in whole rows.
-constexpr long long stripeTiles = 8;
-
 // The tile of a level computed `order`-th.
 long long tileInStripes(LevelShape const& shape, long long order)
 {
-    long long const stripeSize = stripeTiles * shape.tilesY;
-    long long const stripe = order / stripeSize;
-    long long const within = order % stripeSize;
-    long long const width = std::min(stripeTiles, shape.tilesX - stripe * stripeTiles);
-    return within / width * shape.tilesX + stripe * stripeTiles + within % width;
+    return positionInStripes(shape.tilesX, shape.tilesY, order);
 }
 
 // Everything fixed before the first tile: the geometry of every level and how samples are stored.

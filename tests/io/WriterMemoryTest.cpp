@@ -4,8 +4,10 @@
 #include "support/VoxelCompare.h"
 
 #include <nuvek/core/MemoryImage.h>
+#include <nuvek/io/OmeZarrWriter.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
 #include <nuvek/io/TiffImage.h>
+#include <nuvek/io/ZarrImage.h>
 
 #include "TiffFiles.h"
 
@@ -89,8 +91,9 @@ TEST(WriterOrder, StripesAndBandsKeepEveryTileInPlaceAndTheBytesFixed)
         Nuvek::TiffImage file(directory.path("whole.tif"));
         std::vector<double> stored = regionOf(*memory, 0);
         for (double& value : stored)
-            value = type == Nuvek::TiffSampleType::Float32 ? static_cast<double>(static_cast<float>(value))
-                                                           : (std::isnan(value) ? 0.0 : std::min(255.0, std::max(0.0, value)));
+            value = type == Nuvek::TiffSampleType::Float32
+                        ? static_cast<double>(static_cast<float>(value))
+                        : (std::isnan(value) ? 0.0 : std::min(255.0, std::max(0.0, value)));
         ASSERT_TRUE(NuvekTest::sameBitsAnyNaN(stored, regionOf(file, 0), Box(extent), name));
         if (type != Nuvek::TiffSampleType::UInt8)
             continue;
@@ -105,12 +108,52 @@ TEST(WriterOrder, StripesAndBandsKeepEveryTileInPlaceAndTheBytesFixed)
                     for (long long x = 0; x < size.x; ++x)
                     {
                         auto at = [&](long long i, long long j) {
-                            return values[static_cast<std::size_t>(c * above.prod() + (2 * y + j) * above.x + 2 * x + i)];
+                            return values[static_cast<std::size_t>(c * above.prod() + (2 * y + j) * above.x + 2 * x +
+                                                                   i)];
                         };
                         double const sum = at(0, 0) + at(1, 0) + at(0, 1) + at(1, 1);
                         means[static_cast<std::size_t>(c * size.prod() + y * size.x + x)] = std::floor(sum / 4.0 + 0.5);
                     }
             EXPECT_TRUE(NuvekTest::sameBits(means, regionOf(file, level), Box(size), "level " + std::to_string(level)));
         }
+    }
+}
+
+TEST(WriterOrder, ZarrChunksInStripesAndBandsHoldTheValuesOfWholeTiles)
+{
+    // The zarr writer follows the same order: every level of every group reads back the same bits,
+    // written from bands over the memory image or from whole tiles over a user-defined one.
+    NuvekTest::TemporaryDirectory directory;
+    std::mt19937_64 random(29);
+    for (long long chunkSize : {32LL, 512LL})
+    {
+        Vector const extent = chunkSize == 32 ? Vector(20 * 32 - 7, 4 * 32 + 9, 2) : Vector(600, 530, 1);
+        auto memory = NuvekTest::randomImage(random, extent, 2, {-1e3, 1e3, 0.02});
+        NuvekTest::RecordingImage whole(memory);
+        auto write = [&](Image& image, std::string const& name, int threads) {
+            Nuvek::OmeZarrOptions options;
+            options.chunkSize = chunkSize;
+            options.threads = threads;
+            options.sampleType = Nuvek::TiffSampleType::Float32;
+            Nuvek::writeOmeZarr(image, directory.path(name), options);
+            return std::make_unique<Nuvek::ZarrImage>(directory.path(name));
+        };
+        std::unique_ptr<Nuvek::ZarrImage> const expected = write(whole, "whole.zarr", 1);
+        for (int threads : {1, 2, 8})
+        {
+            std::unique_ptr<Nuvek::ZarrImage> const actual =
+                write(*memory, "bands-" + std::to_string(threads) + ".zarr", threads);
+            ASSERT_EQ(actual->getNumLevels(), expected->getNumLevels());
+            for (long long level = 0; level < expected->getNumLevels(); ++level)
+                EXPECT_TRUE(NuvekTest::sameBits(
+                    regionOf(*expected, level), regionOf(*actual, level), Box(expected->getExtent(level)),
+                    "chunks of " + std::to_string(chunkSize) + ", " + std::to_string(threads) + " threads, level " +
+                        std::to_string(level)));
+        }
+        // Level 0 holds the values, as floats, where they belong.
+        std::vector<double> stored = memory->getValues();
+        for (double& value : stored)
+            value = static_cast<double>(static_cast<float>(value));
+        EXPECT_TRUE(NuvekTest::sameBitsAnyNaN(stored, regionOf(*expected, 0), Box(extent)));
     }
 }
