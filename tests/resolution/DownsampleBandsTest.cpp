@@ -25,8 +25,8 @@ TEST(DownsampleFilter, LargeRequestsInBandsGiveTheBitsOfOneRequest)
                              Box(Vector(-2, 1, 0), extent + Vector(1, 0, 0))};
         for (Box const& box : boxes)
         {
-            std::string const context = "level " + std::to_string(level) + ", box from x " +
-                                        std::to_string(box.min.x) + " to " + std::to_string(box.max.x);
+            std::string const context = "level " + std::to_string(level) + ", box from x " + std::to_string(box.min.x) +
+                                        " to " + std::to_string(box.max.x);
             std::vector<double> expected(static_cast<std::size_t>(box.getSize() * 2), -7.0);
             std::vector<double> actual = expected;
             recording.clearRequests();

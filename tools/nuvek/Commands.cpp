@@ -326,7 +326,11 @@ bool readsDisjointBoxes(Nuvek::ChainExpression const& expression)
 // nothing beyond that is kept: the cache would fill up to any larger bound. The bound depends on
 // the tile sizes, not on the image's width or height.
 // A chain that only selects, clamps and averages blocks asks for disjoint boxes, so where the
-// output tiles cover whole input tiles no input tile is needed twice, and nothing is kept.
+// output tiles cover whole input tiles no two output tiles need the same input tile. Without
+// downsampling nothing is kept. Downsampling asks for an output tile's blocks in bands of rows, a
+// few of them in each row of input tiles: each thread needs the input tiles across its output tile
+// held, two rows of them (the row it finishes and the next), and one row more for the threads
+// taking turns.
 std::size_t inputCacheBytes(Nuvek::Image& source, Nuvek::ChainExpression const& expression, long long level,
                             Nuvek::Vector const& origin, OutputSettings const& settings)
 {
@@ -334,15 +338,25 @@ std::size_t inputCacheBytes(Nuvek::Image& source, Nuvek::ChainExpression const& 
     Nuvek::Vector const extent = source.getExtent(level);
     long long const tileX = std::max(1LL, tile.x);
     long long const tileY = std::max(1LL, tile.y);
-    if (readsDisjointBoxes(expression) && settings.tileSize % tileX == 0 && settings.tileSize % tileY == 0 &&
-        origin.x % tileX == 0 && origin.y % tileY == 0)
-        return 0;
     std::optional<Nuvek::TiffSampleType> const type = Nuvek::storedSampleType(source);
     long long const sampleBytes =
         !type ? 8 : (*type == Nuvek::TiffSampleType::UInt8 ? 1 : (*type == Nuvek::TiffSampleType::UInt16 ? 2 : 4));
     double const tileBytes = static_cast<double>(tileX) * static_cast<double>(tileY) *
                              static_cast<double>(std::max(1LL, tile.z)) *
                              static_cast<double>(source.getNumChannels() * sampleBytes);
+    if (readsDisjointBoxes(expression) && settings.tileSize % tileX == 0 && settings.tileSize % tileY == 0 &&
+        origin.x % tileX == 0 && origin.y % tileY == 0)
+    {
+        bool const downsamples = std::any_of(expression.stages.begin(), expression.stages.end(),
+                                             [](Nuvek::Stage const& stage) { return stage.name == "downsample"; });
+        if (!downsamples)
+            return 0;
+        double const across =
+            std::ldexp(static_cast<double>(settings.tileSize), static_cast<int>(std::min(level, 40LL))) /
+            static_cast<double>(tileX);
+        double const bytes = tileBytes * std::ceil(across) * static_cast<double>(2 * settings.threads + 1);
+        return static_cast<std::size_t>(std::min(bytes, 4.0 * 1024 * 1024 * 1024));
+    }
     constexpr long long stripeTiles = 8;
     long long const stripe = (stripeTiles * settings.tileSize + tileX - 1) / tileX + 2;
     long long const across = std::min((extent.x + tileX - 1) / tileX, stripe);
@@ -380,9 +394,10 @@ Options:
                         (default: what the run needs, three bands of output tile rows across
                         a stripe of 8 output tiles and its margins, at the input's stored sample
                         size, and a few tiles per thread: 26 MiB for 512 x 512 RGB tiles and one
-                        thread, whatever the image's size; none for a chain that only selects,
-                        clamps and downsamples on whole input tiles; 0 keeps none and decodes an
-                        input tile for every output tile touching it)
+                        thread, whatever the image's size; none for a chain that only selects
+                        and clamps on whole input tiles, and two rows of the input tiles under
+                        an output tile per thread for one that downsamples; 0 keeps none and
+                        decodes an input tile for every output tile touching it)
   --type T              uint8, uint16 or float32. Default: the input's own sample type when the chain
                         only selects and clamps ('clamp', 'channel', 'zslice', or '()'), so that
                         values stay as they were; float32 for every other chain
