@@ -62,6 +62,11 @@ void ChainImage::openRegion(double* out, long long, Box const& request)
     chain->output->openRegion(out, level, request.translated(box.min));
 }
 
+bool ChainImage::splitsExactlyInRowBands() const
+{
+    return RowBandExactness::splitsExactly(chain->output);
+}
+
 std::string ChainImage::getChannelName(long long index)
 {
     if (index < 0 || index >= getNumChannels())

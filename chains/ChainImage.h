@@ -3,6 +3,7 @@
 #include <nuvek/chains/Chain.h>
 #include <nuvek/chains/ChainExpression.h>
 #include <nuvek/core/Image.h>
+#include <nuvek/core/RowBandExactness.h>
 
 #include <memory>
 #include <string>
@@ -14,10 +15,14 @@ namespace Nuvek {
 /// whose voxel (0, 0, 0) is the box's minimum.
 ///
 /// The chain is built once and serves every caller: openRegion may run on several threads at once,
-/// as every filter of the registry allows. The source is not owned and must outlive the image.
-class ChainImage : public Image
+/// as every filter of the registry allows. The source is not owned and must outlive the image. It
+/// gives the same bits in row bands when the chain's last filter does (RowBandExactness).
+class ChainImage : public Image, public RowBandExactness
 {
 public:
+    /// As the chain's last filter does.
+    bool splitsExactlyInRowBands() const override;
+
     /// Throws std::runtime_error as FilterRegistry::buildChain does.
     ChainImage(ChainExpression const& expression, Image* source, long long level, Box const& box);
 

@@ -1,7 +1,10 @@
 #include <nuvek/io/OmeZarrWriter.h>
 
+#include <nuvek/core/RowBandExactness.h>
+
 #include "io/internal/CoarseLevels.h"
 #include "io/internal/OrderedWork.h"
+#include "io/internal/StripeOrder.h"
 #include "io/internal/TileEncoder.h"
 #include "io/internal/TileSamples.h"
 #include "io/internal/ZarrCodec.h"
@@ -100,7 +103,7 @@ class ChunkComputer
 {
 public:
     ChunkComputer(Plan const& plan, Image& image, std::filesystem::path group)
-        : plan(plan), image(image), group(std::move(group))
+        : plan(plan), image(image), group(std::move(group)), inBands(RowBandExactness::splitsExactly(&image))
     {
     }
 
@@ -118,14 +121,24 @@ public:
         worker.tiles.resize(static_cast<std::size_t>(tileBytes * plan.channels));
         encoded.clear();
         Vector const min(tileX * plan.tileSize(), tileY * plan.tileSize(), z);
-        Box const box(min, min + Vector(width - 1, height - 1, 0));
-        worker.region.assign(static_cast<std::size_t>(box.getSize() * plan.channels), 0.0);
-        image.openRegion(worker.region.data(), plan.sourceLevel, box);
+        // Over an image that gives the same bits in bands of rows, the position is asked for in
+        // bands of about bandValues values, so that a worker holds only a band's doubles.
+        long long const bands =
+            inBands ? std::max(1LL, (width * height * plan.channels + bandValues - 1) / bandValues) : 1;
+        long long const rows = (height + bands - 1) / bands;
+        for (long long y = 0; y < height; y += rows)
+        {
+            long long const bandHeight = std::min(rows, height - y);
+            Box const band(min + Vector(0, y, 0), min + Vector(width - 1, y + bandHeight - 1, 0));
+            worker.region.assign(static_cast<std::size_t>(band.getSize() * plan.channels), 0.0);
+            image.openRegion(worker.region.data(), plan.sourceLevel, band);
+            for (long long c = 0; c < plan.channels; ++c)
+                storeRegion(plan.layout, worker.region.data(), c, width, bandHeight,
+                            worker.tiles.data() + c * tileBytes, worker.statistics, false, y);
+        }
         for (long long c = 0; c < plan.channels; ++c)
         {
-            unsigned char* tile = worker.tiles.data() + c * tileBytes;
-            storeRegion(plan.layout, worker.region.data(), c, width, height, tile, worker.statistics);
-            encode(worker, tile);
+            encode(worker, worker.tiles.data() + c * tileBytes);
             appendChunk(encoded, worker.chunk);
         }
         coarse.add(0, index, worker.tiles.data(), [&](long long level, long long position, unsigned char const* tiles) {
@@ -168,6 +181,10 @@ private:
     Plan const& plan;
     Image& image;
     std::filesystem::path group;
+    // Values of a band of a level-0 position: a 512 x 512 chunk of one channel.
+    static constexpr long long bandValues = 1LL << 18;
+
+    bool inBands;
     CoarseLevels coarse{plan.layout, plan.levels, plan.channels};
     std::atomic<long long> coarseWritten{0};
 };
@@ -409,10 +426,12 @@ bool writeOmeZarr(Image& image, std::string const& path, OmeZarrOptions const& o
     long long done = 0;
     long long reported = 0;
     PyramidLevel const& shape = plan.levels.front();
-    auto compute = [&](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
-        computer.compute(worker, index, encoded);
+    // Positions in column stripes, so that what the workers hold does not grow with the width.
+    auto compute = [&](Worker& worker, long long order, std::vector<unsigned char>& encoded) {
+        computer.compute(worker, positionInStripes(shape.tilesX, shape.tilesY, order), encoded);
     };
-    auto consume = [&](long long index, std::vector<unsigned char>& bytes) {
+    auto consume = [&](long long order, std::vector<unsigned char>& bytes) {
+        long long const index = positionInStripes(shape.tilesX, shape.tilesY, order);
         long long const tileX = index % shape.tilesX;
         long long const tileY = index / shape.tilesX % shape.tilesY;
         long long const z = index / (shape.tilesX * shape.tilesY);

@@ -1,11 +1,14 @@
 #include <nuvek/io/PyramidalTiffWriter.h>
 
+#include <nuvek/core/RowBandExactness.h>
+
 #include "io/internal/TiffHandle.h"
 #include "io/internal/TileEncoder.h"
 
 #include "io/internal/CoarseLevels.h"
 #include "io/internal/OmeXml.h"
 #include "io/internal/OrderedWork.h"
+#include "io/internal/StripeOrder.h"
 #include "io/internal/TileSamples.h"
 #include "io/internal/TileSpool.h"
 
@@ -40,6 +43,12 @@ constexpr char const* context = "writePyramidalTiff";
 }
 
 using LevelShape = PyramidLevel;
+
+// The tile of a level computed `order`-th.
+long long tileInStripes(LevelShape const& shape, long long order)
+{
+    return positionInStripes(shape.tilesX, shape.tilesY, order);
+}
 
 // Everything fixed before the first tile: the geometry of every level and how samples are stored.
 struct Plan
@@ -81,6 +90,7 @@ struct Worker
     std::vector<double> region;
     std::vector<unsigned char> tile;
     std::vector<unsigned char> coarseTile;
+    std::vector<unsigned char> encoded;
     std::vector<unsigned char> children[4];
     std::unique_ptr<TiffHandle> reader;
     long long readerDirectory = -1;
@@ -90,7 +100,7 @@ class TileComputer
 {
 public:
     TileComputer(Plan const& plan, Image& image, std::string const& temporaryPath)
-        : plan(plan), image(image), temporaryPath(temporaryPath)
+        : plan(plan), image(image), temporaryPath(temporaryPath), inBands(RowBandExactness::splitsExactly(&image))
     {
     }
 
@@ -115,7 +125,10 @@ public:
     {
         try
         {
-            worker.encoder.encode(tile, static_cast<std::size_t>(plan.tileBytes()), encoded);
+            // Through the worker's buffer, which grows to the bound of a compressed tile: the tiles
+            // waiting to be written then hold only their own bytes.
+            worker.encoder.encode(tile, static_cast<std::size_t>(plan.tileBytes()), worker.encoded);
+            encoded.assign(worker.encoded.begin(), worker.encoded.end());
         }
         catch (std::runtime_error const& error)
         {
@@ -130,11 +143,20 @@ private:
         long long const z = page / plan.pagesPerSlice;
         long long const firstChannel = plan.pagesPerSlice > 1 ? page % plan.pagesPerSlice : 0;
         Vector const min(tileX * plan.tileSize, tileY * plan.tileSize, z);
-        Box const box(min, min + Vector(width - 1, height - 1, 0));
-        worker.region.assign(static_cast<std::size_t>(box.getSize() * plan.imageChannels), 0.0);
-        image.openRegion(worker.region.data(), plan.sourceLevel, box);
-        storeRegion(plan.layout, worker.region.data(), firstChannel, width, height, worker.tile.data(),
-                    worker.statistics);
+        // Over an image that gives the same bits in bands of rows, the tile is asked for in bands of
+        // about bandValues values, so that a worker holds a third of an RGB tile's doubles, not all.
+        long long const bands =
+            inBands ? std::max(1LL, (width * height * plan.imageChannels + bandValues - 1) / bandValues) : 1;
+        long long const rows = (height + bands - 1) / bands;
+        for (long long y = 0; y < height; y += rows)
+        {
+            long long const bandHeight = std::min(rows, height - y);
+            Box const band(min + Vector(0, y, 0), min + Vector(width - 1, y + bandHeight - 1, 0));
+            worker.region.assign(static_cast<std::size_t>(band.getSize() * plan.imageChannels), 0.0);
+            image.openRegion(worker.region.data(), plan.sourceLevel, band);
+            storeRegion(plan.layout, worker.region.data(), firstChannel, width, bandHeight, worker.tile.data(),
+                        worker.statistics, false, y);
+        }
     }
 
     // Reads back and decodes the four tiles of the level above: what a lossy compression stored
@@ -195,9 +217,13 @@ private:
             reader.fail("cannot read back level " + std::to_string(level) + " of page " + std::to_string(page));
     }
 
+    // Values of a band of a level-0 tile: a 512 x 512 tile of one channel.
+    static constexpr long long bandValues = 1LL << 18;
+
     Plan const& plan;
     Image& image;
     std::string temporaryPath;
+    bool inBands;
 };
 
 // Removes the temporary file unless the write succeeded and renamed it.
@@ -472,7 +498,8 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
             if (page == 0 && level == 0 && plan.ome)
                 TIFFSetField(tiff, TIFFTAG_IMAGEDESCRIPTION, description.c_str());
             LevelShape const& shape = plan.levels[static_cast<std::size_t>(level)];
-            auto consume = [&](long long index, std::vector<unsigned char>& bytes) {
+            // Computed tiles go into the file in the order computed, the coarser levels' in rows.
+            auto consumeTile = [&](long long index, std::vector<unsigned char>& bytes) {
                 if (TIFFWriteRawTile(tiff, static_cast<ttile_t>(index), bytes.data(),
                                      static_cast<tmsize_t>(bytes.size())) < 0)
                     output->fail("cannot write tile " + std::to_string(index));
@@ -484,13 +511,14 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
                 for (long long index = 0; index < shape.tilesX * shape.tilesY; ++index)
                 {
                     spool->get(level, index, spooled);
-                    if (!consume(index, spooled))
+                    if (!consumeTile(index, spooled))
                         return false;
                 }
             }
             else
             {
-                auto compute = [&, page, level](Worker& worker, long long index, std::vector<unsigned char>& encoded) {
+                auto compute = [&, page, level](Worker& worker, long long order, std::vector<unsigned char>& encoded) {
+                    long long const index = tileInStripes(shape, order);
                     computer.compute(worker, page, level, index, encoded);
                     if (!coarse)
                         return;
@@ -499,6 +527,9 @@ bool writePyramidalTiff(Image& image, std::string const& path, PyramidalTiffOpti
                                     computer.encode(worker, tile, worker.coarseTile);
                                     spool->put(coarseLevel, coarseIndex, worker.coarseTile);
                                 });
+                };
+                auto consume = [&](long long order, std::vector<unsigned char>& bytes) {
+                    return consumeTile(tileInStripes(shape, order), bytes);
                 };
                 if (!runInOrder(shape.tilesX * shape.tilesY, workers, 2 * threads, compute, consume))
                     return false;

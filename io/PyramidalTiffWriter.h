@@ -102,13 +102,17 @@ struct PyramidalTiffOptions
 /// - Float32: v converted to float, unscaled (NaN and infinities kept); the range is written as
 ///   SMinSampleValue and SMaxSampleValue, which TiffImage reports as its value range.
 ///
-/// Memory stays bounded whatever the image's height: a worker computes one level-0 tile at a time
-/// through one openRegion call on the image, compresses it, and adds the 2 x 2 means of its stored
-/// samples to the tile above it in the next level, which is compressed as soon as its last part
-/// has come, and so on up the levels; the calling thread writes finished tiles in order, and
-/// workers wait while more than two tiles per worker are finished but not yet written. The
-/// unfinished coarser tiles take at most about one row of level-0 tiles' bytes (a row of level 1
-/// has half as many tiles, a row of level 2 a quarter, ...), plus a few per worker. The coarser levels' compressed
+/// Memory stays bounded whatever the image's width and height: a worker computes one level-0 tile
+/// at a time through one openRegion call on the image, compresses it, and adds the 2 x 2 means of
+/// its stored samples to the tile above it in the next level, which is compressed as soon as its
+/// last part has come, and so on up the levels; the calling thread writes finished tiles in order,
+/// and workers wait while more than two tiles per worker are finished but not yet written. Tiles
+/// are computed, and stored in the file, in column stripes of 8 tiles, left to right, each from top
+/// to bottom in rows (any order of tiles is valid TIFF; this one is fixed, so the file's bytes do
+/// not depend on the threads). The unfinished coarser tiles then take about 7 tiles' bytes for
+/// levels 1 to 3, which finish inside a stripe, and one tile per 2^L level-0 tiles of the image's
+/// height for a level L above that, plus a few per worker. A source read with a decoded-tile cache
+/// needs three rows of a stripe's input tiles held. The coarser levels' compressed
 /// tiles wait in a file beside path, removed as soon as it is created, until their level is
 /// written. With JPEG, whose stored samples differ from those it was given, each coarser level is
 /// made from the level before it read back from the file instead. The image's openRegion therefore runs on several threads at once. Unlike

@@ -2,6 +2,10 @@
 
 #include <nuvek/core/Conversions.h>
 
+#include <nuvek/core/RowBandExactness.h>
+
+#include <algorithm>
+#include <cmath>
 #include <stdexcept>
 #include <vector>
 
@@ -38,6 +42,11 @@ void DownsampleFilter::openRegionDownsampled(double* out, long long level, Box c
     Box const sourceBox = convertToLevel(clipped, level, sourceLevel);
     Vector const sourceExtent = sourceBox.getExtent();
 
+    if (clipped == box && inBands(box, level))
+    {
+        openRegionInBands(out, level, box);
+        return;
+    }
     std::vector<double> work(static_cast<std::size_t>(sourceBox.getSize() * numChannels), 0.0);
     input->openRegion(work.data(), sourceLevel, sourceBox);
 
@@ -51,6 +60,46 @@ void DownsampleFilter::openRegionDownsampled(double* out, long long level, Box c
     // Reduced in place: the means of the blocks now open the buffer with the strides of clippedExtent.
     downsampleBufferFullLevel(work.data(), work.data(), sourceExtent, numChannels, level - sourceLevel);
     copyImageBuffer(work.data(), clippedExtent, Box(clippedExtent), out, boxExtent, clipped.min - box.min, numChannels);
+}
+
+long long DownsampleFilter::rowsPerBand(Box const& box, long long level) const
+{
+    // Each output row reads 2^(level - sourceLevel) rows of that many times its width.
+    double const sourceRowValues = std::ldexp(static_cast<double>(box.getExtent().x * box.getExtent().z),
+                                              2 * static_cast<int>(level - sourceLevel)) *
+                                   static_cast<double>(input->getNumChannels());
+    return std::max(1LL, static_cast<long long>(static_cast<double>(bandSourceValues) / sourceRowValues));
+}
+
+bool DownsampleFilter::inBands(Box const& box, long long level) const
+{
+    return level - sourceLevel <= 16 && box.getExtent().y > rowsPerBand(box, level) &&
+           RowBandExactness::splitsExactly(input);
+}
+
+void DownsampleFilter::openRegionInBands(double* out, long long level, Box const& box)
+{
+    // Every output row is the mean of its own block rows, so bands of output rows give the same
+    // bits as the whole box over an input that gives the same bits in bands, while the source
+    // values held at once stay about bandSourceValues instead of 4^(level - sourceLevel) times the box.
+    long long const numChannels = input->getNumChannels();
+    Vector const extent = box.getExtent();
+    long long const rows = rowsPerBand(box, level);
+    std::vector<double> work;
+    std::vector<double> bandOut;
+    for (long long y = box.min.y; y <= box.max.y; y += rows)
+    {
+        Box const band(Vector(box.min.x, y, box.min.z),
+                       Vector(box.max.x, std::min(box.max.y, y + rows - 1), box.max.z));
+        Box const sourceBand = convertToLevel(band, level, sourceLevel);
+        work.assign(static_cast<std::size_t>(sourceBand.getSize() * numChannels), 0.0);
+        input->openRegion(work.data(), sourceLevel, sourceBand);
+        bandOut.resize(static_cast<std::size_t>(band.getSize() * numChannels));
+        downsampleBufferFullLevel(work.data(), bandOut.data(), sourceBand.getExtent(), numChannels,
+                                  level - sourceLevel);
+        copyImageBuffer(bandOut.data(), band.getExtent(), Box(band.getExtent()), out, extent, band.min - box.min,
+                        numChannels);
+    }
 }
 
 } // namespace Nuvek

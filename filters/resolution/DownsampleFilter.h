@@ -17,6 +17,11 @@ namespace Nuvek {
 /// outside the input's extent at L are not written at all: they keep what the caller's buffer held,
 /// because the filter never invents border values. A box wholly outside asks the input for nothing.
 ///
+/// A request wholly inside the image over an input that gives the same bits in row bands
+/// (RowBandExactness) is computed in bands of output rows, each reading only its own block rows, so
+/// that the source values held at once stay about those of one 512 x 512 RGB tile rather than
+/// 4^(L - sourceLevel) times the request; the values are the same bits.
+///
 /// Over a MemoryImage with sourceLevel 0 the result equals the image's own coarse levels to the bit.
 /// Extent, channels, levels, value range, voxel size, names and hash are the input's. Requests more
 /// than 62 levels coarser than sourceLevel that still overlap the image throw std::runtime_error.
@@ -32,6 +37,16 @@ public:
     void openRegionDownsampled(double* out, long long level, Box const& box);
 
 private:
+    /// Source values a band of a large request holds at once: about one 512 x 512 RGB tile's.
+    static constexpr long long bandSourceValues = 3LL << 18;
+
+    // Output rows per band of a request wholly inside the image.
+    long long rowsPerBand(Box const& box, long long level) const;
+    // Whether a request wholly inside the image is computed in bands of output rows: it spans more
+    // than one, and the input gives the same bits in row bands (RowBandExactness).
+    bool inBands(Box const& box, long long level) const;
+    void openRegionInBands(double* out, long long level, Box const& box);
+
     long long sourceLevel;
 };
 

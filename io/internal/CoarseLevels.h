@@ -23,7 +23,9 @@ namespace Nuvek {
 /// Only unfinished positions are held. With positions added in row-major order, that is at most
 /// one row of level 1 (half as many tiles as a row of level 0), one of level 2 (a quarter) and so
 /// on, plus a few for positions computed out of order: the memory grows with the image's width,
-/// not its height. add() may run on several threads at once; `finished` runs on the calling thread without
+/// not its height. The writers add them in column stripes of 2^k tiles (StripeOrder.h) instead:
+/// then levels 1 to k hold one row of a stripe each, and a level L above k one position per 2^L
+/// rows of level 0, which grows with the height but 2^L times more slowly. add() may run on several threads at once; `finished` runs on the calling thread without
 /// any lock held.
 class CoarseLevels
 {

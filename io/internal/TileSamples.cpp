@@ -66,19 +66,20 @@ double loadSample(unsigned char const* tile, long long index)
 // stored type; the rest of the tile is 0. One voxel at a time: the reference for the rows below.
 template <typename Sample>
 void storeRegionPlainAs(TileLayout const& layout, double const* region, long long firstChannel, long long width,
-                        long long height, unsigned char* tile, SampleStatistics& statistics)
+                        long long height, unsigned char* tile, SampleStatistics& statistics, long long firstRow)
 {
     long long const tileSize = layout.tileSize;
     long long const channels = layout.samples;
     long long const plane = width * height;
     double const maxStored = static_cast<double>(std::numeric_limits<Sample>::max());
-    std::memset(tile, 0, static_cast<std::size_t>(layout.tileBytes()));
+    if (firstRow == 0)
+        std::memset(tile, 0, static_cast<std::size_t>(layout.tileBytes()));
     for (long long y = 0; y < height; ++y)
         for (long long x = 0; x < width; ++x)
             for (long long c = 0; c < channels; ++c)
             {
                 double const value = region[(firstChannel + c) * plane + y * width + x];
-                long long const index = (y * tileSize + x) * channels + c;
+                long long const index = ((firstRow + y) * tileSize + x) * channels + c;
                 if (layout.type == TiffSampleType::Float32)
                     storeSample<Sample>(tile, index, value);
                 else
@@ -173,13 +174,14 @@ NUVEK_IO_TARGET_CLONES void scaleRow(double const* values, long long count, doub
 // statistics.
 template <typename Sample>
 void storeRegionRowsAs(TileLayout const& layout, double const* region, long long firstChannel, long long width,
-                       long long height, unsigned char* tile, SampleStatistics& statistics)
+                       long long height, unsigned char* tile, SampleStatistics& statistics, long long firstRow)
 {
     long long const tileSize = layout.tileSize;
     long long const channels = layout.samples;
     long long const plane = width * height;
     double const maxStored = static_cast<double>(std::numeric_limits<Sample>::max());
-    std::memset(tile, 0, static_cast<std::size_t>(layout.tileBytes()));
+    if (firstRow == 0)
+        std::memset(tile, 0, static_cast<std::size_t>(layout.tileBytes()));
     std::vector<double> row(static_cast<std::size_t>(width));
     for (long long y = 0; y < height; ++y)
         for (long long c = 0; c < channels; ++c)
@@ -188,7 +190,8 @@ void storeRegionRowsAs(TileLayout const& layout, double const* region, long long
             RowCounts counts;
             scaleRow(region + (firstChannel + c) * plane + y * width, width, range.min, range.max - range.min,
                      maxStored, row.data(), counts);
-            unsigned char* const target = tile + (y * tileSize * channels + c) * static_cast<long long>(sizeof(Sample));
+            unsigned char* const target =
+                tile + ((firstRow + y) * tileSize * channels + c) * static_cast<long long>(sizeof(Sample));
             for (long long x = 0; x < width; ++x)
             {
                 Sample const sample = static_cast<Sample>(row[static_cast<std::size_t>(x)]);
@@ -225,12 +228,12 @@ bool rowsApply(TileLayout const& layout, long long firstChannel)
 
 template <typename Sample>
 void storeRegionAs(TileLayout const& layout, double const* region, long long firstChannel, long long width,
-                   long long height, unsigned char* tile, SampleStatistics& statistics, bool plain)
+                   long long height, unsigned char* tile, SampleStatistics& statistics, bool plain, long long firstRow)
 {
     if (!plain && rowsApply(layout, firstChannel))
-        storeRegionRowsAs<Sample>(layout, region, firstChannel, width, height, tile, statistics);
+        storeRegionRowsAs<Sample>(layout, region, firstChannel, width, height, tile, statistics, firstRow);
     else
-        storeRegionPlainAs<Sample>(layout, region, firstChannel, width, height, tile, statistics);
+        storeRegionPlainAs<Sample>(layout, region, firstChannel, width, height, tile, statistics, firstRow);
 }
 
 // Fills the part of the tile that child (i, j) covers (i, j in 0..1), within width x height
@@ -305,18 +308,18 @@ std::vector<PyramidLevel> pyramidLevels(Vector const& extent, long long tileSize
 }
 
 void storeRegion(TileLayout const& layout, double const* region, long long firstChannel, long long width,
-                 long long height, unsigned char* tile, SampleStatistics& statistics, bool plain)
+                 long long height, unsigned char* tile, SampleStatistics& statistics, bool plain, long long firstRow)
 {
     switch (layout.type)
     {
     case TiffSampleType::UInt8:
-        storeRegionAs<std::uint8_t>(layout, region, firstChannel, width, height, tile, statistics, plain);
+        storeRegionAs<std::uint8_t>(layout, region, firstChannel, width, height, tile, statistics, plain, firstRow);
         break;
     case TiffSampleType::UInt16:
-        storeRegionAs<std::uint16_t>(layout, region, firstChannel, width, height, tile, statistics, plain);
+        storeRegionAs<std::uint16_t>(layout, region, firstChannel, width, height, tile, statistics, plain, firstRow);
         break;
     case TiffSampleType::Float32:
-        storeRegionAs<float>(layout, region, firstChannel, width, height, tile, statistics, plain);
+        storeRegionAs<float>(layout, region, firstChannel, width, height, tile, statistics, plain, firstRow);
         break;
     }
 }

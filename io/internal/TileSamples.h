@@ -42,9 +42,11 @@ std::vector<PyramidLevel> pyramidLevels(Vector const& extent, long long tileSize
 /// statistics; floats converted unscaled (finite values beyond float's range become infinities).
 /// The rest of the tile is 0. Integer samples are converted a row at a time by code the compiler
 /// vectorises; `plain` asks for the reference loop, one voxel at a time, which gives the same bits
-/// and statistics.
+/// and statistics. A tile can be stored in bands of rows: with firstRow > 0 the region's rows go to
+/// the tile's rows from firstRow on and nothing else of the tile changes (the band at row 0 clears it).
 void storeRegion(TileLayout const& layout, double const* region, long long firstChannel, long long width,
-                 long long height, unsigned char* tile, SampleStatistics& statistics, bool plain = false);
+                 long long height, unsigned char* tile, SampleStatistics& statistics, bool plain = false,
+                 long long firstRow = 0);
 
 /// Fills width x height voxels of the tile with the 2 x 2 means of the level above, added row by
 /// row and divided by 4 (integers rounded halves up). children[j * 2 + i] is the decoded tile

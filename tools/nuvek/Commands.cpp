@@ -307,13 +307,30 @@ OutputSettings outputSettings(Options const& options)
     return settings;
 }
 
-// The decoded input tiles to keep so that the workers decode each once. The output is computed in
-// rows of tiles, each reaching into the rows above and below; least recently used out, that needs
-// three bands of an output tile's height (at least one input tile tall) across the input held, and
-// a few tiles for each thread running ahead. Samples count at their stored size (8 bytes when it
-// is unknown), and nothing beyond that is kept: the cache would fill up to any larger bound.
-// A chain that only selects and clamps asks for each output tile's own box, so where the output
-// tiles cover whole input tiles no input tile is needed twice, and nothing is kept.
+// Whether every output tile asks the source for its own box or the blocks of 2^n x 2^n voxels it
+// averages, which no other output tile asks for.
+bool readsDisjointBoxes(Nuvek::ChainExpression const& expression)
+{
+    for (Nuvek::Stage const& stage : expression.stages)
+        if (stage.name != "clamp" && stage.name != "channel" && stage.name != "zslice" && stage.name != "downsample")
+            return false;
+    return true;
+}
+
+// The decoded input tiles to keep so that the workers decode each once, or nearly. The writer
+// computes the output in column stripes of 8 tiles, top to bottom in rows of tiles, each reaching
+// into the rows above and below; least recently used out, that needs three bands of an output
+// tile's height (at least one input tile tall) across a stripe and its margins held, and a few
+// tiles for each thread running ahead. Where two stripes meet, the input tiles under the margin
+// are decoded once for each. Samples count at their stored size (8 bytes when it is unknown), and
+// nothing beyond that is kept: the cache would fill up to any larger bound. The bound depends on
+// the tile sizes, not on the image's width or height.
+// A chain that only selects, clamps and averages blocks asks for disjoint boxes, so where the
+// output tiles cover whole input tiles no two output tiles need the same input tile. Without
+// downsampling nothing is kept. Downsampling asks for an output tile's blocks in bands of rows, a
+// few of them in each row of input tiles: each thread needs the input tiles across its output tile
+// held, two rows of them (the row it finishes and the next), and one row more for the threads
+// taking turns.
 std::size_t inputCacheBytes(Nuvek::Image& source, Nuvek::ChainExpression const& expression, long long level,
                             Nuvek::Vector const& origin, OutputSettings const& settings)
 {
@@ -321,16 +338,28 @@ std::size_t inputCacheBytes(Nuvek::Image& source, Nuvek::ChainExpression const& 
     Nuvek::Vector const extent = source.getExtent(level);
     long long const tileX = std::max(1LL, tile.x);
     long long const tileY = std::max(1LL, tile.y);
-    if (keepsValues(expression) && settings.tileSize % tileX == 0 && settings.tileSize % tileY == 0 &&
-        origin.x % tileX == 0 && origin.y % tileY == 0)
-        return 0;
     std::optional<Nuvek::TiffSampleType> const type = Nuvek::storedSampleType(source);
     long long const sampleBytes =
         !type ? 8 : (*type == Nuvek::TiffSampleType::UInt8 ? 1 : (*type == Nuvek::TiffSampleType::UInt16 ? 2 : 4));
     double const tileBytes = static_cast<double>(tileX) * static_cast<double>(tileY) *
                              static_cast<double>(std::max(1LL, tile.z)) *
                              static_cast<double>(source.getNumChannels() * sampleBytes);
-    long long const across = (extent.x + tileX - 1) / tileX;
+    if (readsDisjointBoxes(expression) && settings.tileSize % tileX == 0 && settings.tileSize % tileY == 0 &&
+        origin.x % tileX == 0 && origin.y % tileY == 0)
+    {
+        bool const downsamples = std::any_of(expression.stages.begin(), expression.stages.end(),
+                                             [](Nuvek::Stage const& stage) { return stage.name == "downsample"; });
+        if (!downsamples)
+            return 0;
+        double const across =
+            std::ldexp(static_cast<double>(settings.tileSize), static_cast<int>(std::min(level, 40LL))) /
+            static_cast<double>(tileX);
+        double const bytes = tileBytes * std::ceil(across) * static_cast<double>(2 * settings.threads + 1);
+        return static_cast<std::size_t>(std::min(bytes, 4.0 * 1024 * 1024 * 1024));
+    }
+    constexpr long long stripeTiles = 8;
+    long long const stripe = (stripeTiles * settings.tileSize + tileX - 1) / tileX + 2;
+    long long const across = std::min((extent.x + tileX - 1) / tileX, stripe);
     long long const rows = (3 * std::max(settings.tileSize, tileY) + tileY - 1) / tileY;
     double const bytes = tileBytes * static_cast<double>(across * rows + 4LL * settings.threads);
     return static_cast<std::size_t>(std::min(bytes, 4.0 * 1024 * 1024 * 1024));
@@ -363,10 +392,12 @@ Options:
   --cache-mb N          MiB of decoded input tiles kept for the workers, so that each input tile
                         is decoded once although neighbouring output tiles and threads need it
                         (default: what the run needs, three bands of output tile rows across
-                        the input at its stored sample size and a few tiles per thread, 72 MiB
-                        for 512 x 512 RGB tiles 16384 voxels wide; none for a chain that only
-                        selects and clamps on whole input tiles; 0 keeps none and decodes an
-                        input tile for every output tile touching it)
+                        a stripe of 8 output tiles and its margins, at the input's stored sample
+                        size, and a few tiles per thread: 26 MiB for 512 x 512 RGB tiles and one
+                        thread, whatever the image's size; none for a chain that only selects
+                        and clamps on whole input tiles, and two rows of the input tiles under
+                        an output tile per thread for one that downsamples; 0 keeps none and
+                        decodes an input tile for every output tile touching it)
   --type T              uint8, uint16 or float32. Default: the input's own sample type when the chain
                         only selects and clamps ('clamp', 'channel', 'zslice', or '()'), so that
                         values stay as they were; float32 for every other chain

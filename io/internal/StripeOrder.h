@@ -1,0 +1,28 @@
+#pragma once
+
+#include <algorithm>
+
+namespace Nuvek {
+
+/// The writers compute level 0 in column stripes of this many tiles, left to right, each from top
+/// to bottom in rows of tiles, one z slice after the other. What a tile's computation keeps around
+/// then depends on the stripe's width, not the image's: the input tiles its neighbours share (three
+/// rows of a stripe, in a source's decoded-tile cache) and the coarser tiles waiting for their last
+/// quarter (a power of two, so that levels 1 to 3 finish inside a stripe). A stripe of 8 tiles reads
+/// 10 input tiles across with a margin, so where stripes meet an input tile is decoded once for
+/// each: a quarter more decoding than in whole rows.
+constexpr long long stripeTiles = 8;
+
+/// The position (z * tilesY * tilesX + tileY * tilesX + tileX) computed `order`-th.
+inline long long positionInStripes(long long tilesX, long long tilesY, long long order)
+{
+    long long const slice = tilesX * tilesY;
+    long long const z = order / slice;
+    long long const stripeSize = stripeTiles * tilesY;
+    long long const stripe = order % slice / stripeSize;
+    long long const within = order % slice % stripeSize;
+    long long const width = std::min(stripeTiles, tilesX - stripe * stripeTiles);
+    return z * slice + within / width * tilesX + stripe * stripeTiles + within % width;
+}
+
+} // namespace Nuvek
