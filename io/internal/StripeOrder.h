@@ -1,5 +1,7 @@
 #pragma once
 
+#include <nuvek/io/TileCacheSize.h>
+
 #include <algorithm>
 
 namespace Nuvek {
@@ -11,7 +13,7 @@ namespace Nuvek {
 /// quarter (a power of two, so that levels 1 to 3 finish inside a stripe). A stripe of 8 tiles reads
 /// 10 input tiles across with a margin, so where stripes meet an input tile is decoded once for
 /// each: a quarter more decoding than in whole rows.
-constexpr long long stripeTiles = 8;
+constexpr long long stripeTiles = writerStripeTiles;
 
 /// The position (z * tilesY * tilesX + tileY * tilesX + tileX) computed `order`-th.
 inline long long positionInStripes(long long tilesX, long long tilesY, long long order)

@@ -13,6 +13,7 @@
 #include <nuvek/io/ImageFormats.h>
 #include <nuvek/io/ImageOpener.h>
 #include <nuvek/io/StoredSampleType.h>
+#include <nuvek/io/TileCacheSize.h>
 
 #include <algorithm>
 #include <atomic>
@@ -318,7 +319,7 @@ bool readsDisjointBoxes(Nuvek::ChainExpression const& expression)
 }
 
 // The decoded input tiles to keep so that the workers decode each once, or nearly. The writer
-// computes the output in column stripes of 8 tiles, top to bottom in rows of tiles, each reaching
+// computes the output in column stripes of writerStripeTiles tiles, top to bottom in rows of tiles, each reaching
 // into the rows above and below; least recently used out, that needs three bands of an output
 // tile's height (at least one input tile tall) across a stripe and its margins held, and a few
 // tiles for each thread running ahead. Where two stripes meet, the input tiles under the margin
@@ -357,8 +358,7 @@ std::size_t inputCacheBytes(Nuvek::Image& source, Nuvek::ChainExpression const& 
         double const bytes = tileBytes * std::ceil(across) * static_cast<double>(2 * settings.threads + 1);
         return static_cast<std::size_t>(std::min(bytes, 4.0 * 1024 * 1024 * 1024));
     }
-    constexpr long long stripeTiles = 8;
-    long long const stripe = (stripeTiles * settings.tileSize + tileX - 1) / tileX + 2;
+    long long const stripe = (Nuvek::writerStripeTiles * settings.tileSize + tileX - 1) / tileX + 2;
     long long const across = std::min((extent.x + tileX - 1) / tileX, stripe);
     long long const rows = (3 * std::max(settings.tileSize, tileY) + tileY - 1) / tileY;
     double const bytes = tileBytes * static_cast<double>(across * rows + 4LL * settings.threads);
