@@ -1,8 +1,7 @@
 #pragma once
 
-// Step-by-step box sums, separable correlation, Gaussian kernels, Sobel gradients and Harris
-// eigenvalues, one element at a time with explicit rings, as the algorithms are written down. Each
-// function opens what it needs from its input itself.
+// Box sums, separable correlation, Gaussian and difference kernels, Sobel gradients and Harris
+// eigenvalues as written down: every value a plain sum over its window, in window order, from 0.0.
 
 #include <nuvek/core/Image.h>
 
@@ -11,81 +10,40 @@
 
 namespace NuvekReference {
 
+/// What input writes for box grown by half in x and y, every channel.
 inline std::vector<double> openGrown(Nuvek::Image& input, long long level, Nuvek::Box const& box, long long half)
 {
-    Nuvek::Box const grown(box.min - Nuvek::Vector(half, half, 0), box.max + Nuvek::Vector(half, half, 0));
-    std::vector<double> work(static_cast<std::size_t>(grown.getSize() * input.getNumChannels()), 0.0);
-    input.openRegion(work.data(), level, grown);
-    return work;
+    Nuvek::Box const grown = box.expanded(Nuvek::Vector(half, half, 0));
+    std::vector<double> values(static_cast<std::size_t>(grown.getSize() * input.getNumChannels()), 0.0);
+    input.openRegion(values.data(), level, grown);
+    return values;
 }
 
-inline std::vector<double> boxFilter(Nuvek::Image& input, long long level, Nuvek::Box const& box, long long k,
-                                     bool normalize, bool rounding)
+/// Correlates every w x h plane of in with kx along x, then with ky along y; the planes shrink by
+/// the kernel length less one.
+inline std::vector<double> correlate(std::vector<double> const& in, long long w, long long h,
+                                     std::vector<double> const& kx, std::vector<double> const& ky)
 {
-    long long const h = k / 2;
-    long long const channels = input.getNumChannels();
-    std::vector<double> work = openGrown(input, level, box, h);
-    long long const wo = box.max.x - box.min.x + 1, ho = box.max.y - box.min.y + 1, d = box.max.z - box.min.z + 1;
-    long long const wi = wo + 2 * h, hi = ho + 2 * h;
-    long long const no = wo * ho * d;
-    std::vector<double> out(static_cast<std::size_t>(channels * no), 0.0);
-    double const scale = normalize ? 1.0 / static_cast<double>(k * k) : 1.0;
-    std::vector<double> ring(static_cast<std::size_t>(k), 0.0);
-    auto at = [&](long long c, long long z, long long y, long long x) -> double& {
-        return work[static_cast<std::size_t>(((c * d + z) * hi + y) * wi + x)];
-    };
-
-    for (long long c = 0; c < channels; ++c)
-        for (long long z = 0; z < d; ++z)
-            for (long long y = 0; y < hi; ++y)
-            {
-                for (long long j = 0; j < k - 1; ++j)
-                    ring[j] = at(c, z, y, j);
-                double s = 0.0;
-                for (long long j = 0; j < k; ++j)
-                    s += ring[j];
-                long long p = 0;
-                if (wo > 0)
-                {
-                    s -= ring[k - 1];
-                    ring[k - 1] = at(c, z, y, k - 1);
-                    s += ring[k - 1];
-                    at(c, z, y, h) = s;
-                    p = k - 1;
-                }
-                for (long long i = 1; i < wo; ++i)
-                {
-                    p = (p + 1) % k;
-                    s -= ring[p];
-                    ring[p] = at(c, z, y, k - 1 + i);
-                    s += ring[p];
-                    at(c, z, y, h + i) = s;
-                }
-            }
-
-    for (long long c = 0; c < channels; ++c)
-        for (long long z = 0; z < d; ++z)
+    long long const n = static_cast<long long>(kx.size()), wo = w - n + 1, ho = h - n + 1;
+    long long const planes = static_cast<long long>(in.size()) / (w * h);
+    std::vector<double> rows(planes * h * wo), out(planes * ho * wo);
+    for (long long p = 0; p < planes; ++p)
+        for (long long y = 0; y < h; ++y)
             for (long long x = 0; x < wo; ++x)
             {
-                double s = 0.0;
-                for (long long j = 0; j < k - 1; ++j)
-                {
-                    ring[j] = at(c, z, j, h + x);
-                    s += ring[j];
-                }
-                ring[k - 1] = 0.0;
-                long long p = k - 1;
-                for (long long y = 0; y < ho; ++y)
-                {
-                    s -= ring[p];
-                    ring[p] = at(c, z, k - 1 + y, h + x);
-                    s += ring[p];
-                    p = (p + 1) % k;
-                    double v = scale * s;
-                    if (rounding)
-                        v = std::floor(v + 0.5);
-                    out[static_cast<std::size_t>(c * no + z * wo * ho + y * wo + x)] = v;
-                }
+                double sum = 0.0;
+                for (long long j = 0; j < n; ++j)
+                    sum += kx[j] * in[(p * h + y) * w + x + j];
+                rows[(p * h + y) * wo + x] = sum;
+            }
+    for (long long p = 0; p < planes; ++p)
+        for (long long y = 0; y < ho; ++y)
+            for (long long x = 0; x < wo; ++x)
+            {
+                double sum = 0.0;
+                for (long long j = 0; j < n; ++j)
+                    sum += ky[j] * rows[(p * h + y + j) * wo + x];
+                out[(p * ho + y) * wo + x] = sum;
             }
     return out;
 }
@@ -93,67 +51,29 @@ inline std::vector<double> boxFilter(Nuvek::Image& input, long long level, Nuvek
 inline std::vector<double> separableFilter(Nuvek::Image& input, long long level, Nuvek::Box const& box,
                                            std::vector<double> const& kx, std::vector<double> const& ky)
 {
-    long long const n = static_cast<long long>(kx.size());
-    long long const h = (n - 1) / 2;
-    long long const channels = input.getNumChannels();
-    std::vector<double> work = openGrown(input, level, box, h);
-    long long const wo = box.max.x - box.min.x + 1, ho = box.max.y - box.min.y + 1, d = box.max.z - box.min.z + 1;
-    long long const wi = wo + 2 * h, hi = ho + 2 * h;
-    long long const no = wo * ho * d;
-    std::vector<double> out(static_cast<std::size_t>(channels * no), 0.0);
-    std::vector<double> ring(static_cast<std::size_t>(n), 0.0);
-    long long p = 0;
-    auto push = [&](double value) {
-        ring[p] = value;
-        p = (p + 1) % n;
-    };
-    auto at = [&](long long c, long long z, long long y, long long x) -> double& {
-        return work[static_cast<std::size_t>(((c * d + z) * hi + y) * wi + x)];
-    };
+    long long const h = static_cast<long long>(kx.size()) - 1;
+    return correlate(openGrown(input, level, box, h / 2), box.getExtent().x + h, box.getExtent().y + h, kx, ky);
+}
 
-    for (long long c = 0; c < channels; ++c)
-        for (long long z = 0; z < d; ++z)
-            for (long long y = 0; y < hi; ++y)
-            {
-                for (long long j = 0; j < n; ++j)
-                    push(at(c, z, y, j));
-                for (long long i = 0; i < wo; ++i)
-                {
-                    if (i > 0)
-                        push(at(c, z, y, i + n - 1));
-                    double s = 0.0;
-                    for (long long j = 0; j < n; ++j)
-                        s += kx[j] * ring[(p + j) % n];
-                    at(c, z, y, h + i) = s;
-                }
-            }
-
-    for (long long c = 0; c < channels; ++c)
-        for (long long z = 0; z < d; ++z)
-            for (long long x = 0; x < wo; ++x)
-            {
-                for (long long j = 0; j < n; ++j)
-                    push(at(c, z, j, h + x));
-                for (long long y = 0; y < ho; ++y)
-                {
-                    if (y > 0)
-                        push(at(c, z, y + n - 1, h + x));
-                    double s = 0.0;
-                    for (long long j = 0; j < n; ++j)
-                        s += ky[j] * ring[(p + j) % n];
-                    out[static_cast<std::size_t>(c * no + z * wo * ho + y * wo + x)] = s;
-                }
-            }
+/// The k x k sum (row sums first), times 1 / k^2 when normalized, then floor(v + 0.5) when rounding.
+inline std::vector<double> boxFilter(Nuvek::Image& input, long long level, Nuvek::Box const& box, long long k,
+                                     bool normalize, bool rounding)
+{
+    std::vector<double> const ones(static_cast<std::size_t>(k), 1.0);
+    Nuvek::Vector const size = box.getExtent();
+    std::vector<double> out =
+        correlate(openGrown(input, level, box, k / 2), size.x + k - 1, size.y + k - 1, ones, ones);
+    double const scale = normalize ? 1.0 / static_cast<double>(k * k) : 1.0;
+    for (double& value : out)
+        value = rounding ? std::floor(scale * value + 0.5) : scale * value;
     return out;
 }
 
+/// exp(-t^2 / 2) at t = (i - c) / sigma, c the centre and sigma = c / 2, divided by the sum.
 inline std::vector<double> gaussianKernel(long long n)
 {
+    double const c = static_cast<double>(n - 1) * 0.5, sigma = 0.5 * c;
     std::vector<double> w;
-    if (n < 1)
-        return w;
-    double const c = static_cast<double>(n - 1) * 0.5;
-    double const sigma = 0.5 * c;
     double sum = 0.0;
     for (long long i = 0; i < n; ++i)
     {
@@ -166,6 +86,7 @@ inline std::vector<double> gaussianKernel(long long n)
     return w;
 }
 
+/// -1 before the centre, 0 at it, 1 after it.
 inline std::vector<double> differenceKernel(long long n)
 {
     std::vector<double> d;
@@ -174,69 +95,44 @@ inline std::vector<double> differenceKernel(long long n)
     return d;
 }
 
-// magnitude false: X and Y channels alternating per input channel; true: gy^2 + gx^2.
-inline std::vector<double> sobel(Nuvek::Image& input, long long level, Nuvek::Box const& box, long long k,
+/// Sobel gradients of w x h planes holding channels of `count` voxels after shrinking: the x and
+/// the y gradient of every channel, or gy^2 + gx^2 per channel.
+inline std::vector<double> sobel(std::vector<double> const& in, long long w, long long h, long long count, long long k,
                                  bool magnitude)
 {
-    std::vector<double> const g = gaussianKernel(k), dk = differenceKernel(k);
-    std::vector<double> const gx = separableFilter(input, level, box, dk, g);
-    std::vector<double> const gy = separableFilter(input, level, box, g, dk);
-    long long const n = box.getSize(), channels = input.getNumChannels();
+    std::vector<double> const g = gaussianKernel(k), d = differenceKernel(k);
+    std::vector<double> const gx = correlate(in, w, h, d, g), gy = correlate(in, w, h, g, d);
     std::vector<double> out;
-    if (magnitude)
-        for (long long i = 0; i < channels * n; ++i)
-            out.push_back(gy[i] * gy[i] + gx[i] * gx[i]);
-    else
-    {
-        out.resize(static_cast<std::size_t>(2 * channels * n));
-        for (long long c = 0; c < channels; ++c)
-            for (long long i = 0; i < n; ++i)
-            {
-                out[2 * c * n + i] = gx[c * n + i];
-                out[(2 * c + 1) * n + i] = gy[c * n + i];
-            }
-    }
+    for (long long start = 0; start < static_cast<long long>(gx.size()); start += count)
+        if (magnitude)
+            for (long long i = start; i < start + count; ++i)
+                out.push_back(gy[i] * gy[i] + gx[i] * gx[i]);
+        else
+        {
+            out.insert(out.end(), gx.begin() + start, gx.begin() + start + count);
+            out.insert(out.end(), gy.begin() + start, gy.begin() + start + count);
+        }
     return out;
 }
 
-// An image whose values are the reference Sobel gradients of another, so that the reference Harris
-// filter can blur them with the reference separable filter.
-class ReferenceSobelImage : public Nuvek::Image
-{
-public:
-    explicit ReferenceSobelImage(Nuvek::Image& input) : input(input) {}
-    Nuvek::Vector getExtent(long long level) const override { return input.getExtent(level); }
-    long long getNumChannels() const override { return 2 * input.getNumChannels(); }
-    long long getNumLevels() const override { return input.getNumLevels(); }
-    Nuvek::ValueRange<double> getValueRange() const override { return input.getValueRange(); }
-    Nuvek::Vector getVoxelSize(long long level) const override { return input.getVoxelSize(level); }
-    void openRegion(double* out, long long level, Nuvek::Box const& box) override
-    {
-        std::vector<double> const values = sobel(input, level, box, 3, false);
-        for (std::size_t i = 0; i < values.size(); ++i)
-            out[i] = values[i];
-    }
-    std::string getChannelName(long long) override { return ""; }
-    std::uint64_t getHash() override { return 0; }
-
-private:
-    Nuvek::Image& input;
-};
-
+/// The eigenvalues of [a^2, ab; ab, b^2], larger first, where a and b are the Gaussian-blurred
+/// x and y gradients of the 3 x 3 Sobel filter.
 inline std::vector<double> harris(Nuvek::Image& input, long long level, Nuvek::Box const& box, long long k)
 {
-    ReferenceSobelImage gradients(input);
+    Nuvek::Vector const size = box.getExtent();
+    long long const w = size.x + k - 1, h = size.y + k - 1;
+    std::vector<double> const gradients =
+        sobel(openGrown(input, level, box, k / 2 + 1), w + 2, h + 2, w * h * size.z, 3, false);
     std::vector<double> const g = gaussianKernel(k);
-    std::vector<double> const smoothed = separableFilter(gradients, level, box, g, g);
-    long long const n = box.getSize(), channels = input.getNumChannels();
-    std::vector<double> out(smoothed.size());
-    for (long long c = 0; c < channels; ++c)
+    std::vector<double> out = correlate(gradients, w, h, g, g);
+    long long const n = box.getSize();
+    for (long long c = 0; c < input.getNumChannels(); ++c)
         for (long long i = 0; i < n; ++i)
         {
-            double const a = smoothed[2 * c * n + i], b = smoothed[(2 * c + 1) * n + i];
+            double const a = out[2 * c * n + i], b = out[(2 * c + 1) * n + i];
             double const t = a * a + b * b;
-            double const dt = (b * b) * (a * a) - (a * b) * (a * b);
-            double const r = std::sqrt(t * t * 0.25 - dt);
+            double const det = (b * b) * (a * a) - (a * b) * (a * b);
+            double const r = std::sqrt(t * t * 0.25 - det);
             out[2 * c * n + i] = r + t * 0.5;
             out[(2 * c + 1) * n + i] = t * 0.5 - r;
         }

@@ -15,16 +15,7 @@ namespace NuvekReference {
 
 inline int outcode(double x, double y, double xmax, double ymax)
 {
-    int code = 0;
-    if (x < 0)
-        code = 1;
-    else if (x > xmax)
-        code = 2;
-    if (y < 0)
-        code = code + 8;
-    else if (y > ymax)
-        code = code + 4;
-    return code;
+    return (x < 0 ? 1 : x > xmax ? 2 : 0) + (y < 0 ? 8 : y > ymax ? 4 : 0);
 }
 
 inline bool clampLine(Nuvek::Vector const& extent, double& xA, double& xB, double& yA, double& yB)
@@ -38,8 +29,7 @@ inline bool clampLine(Nuvek::Vector const& extent, double& xA, double& xB, doubl
     while ((codeA & codeB) == 0)
     {
         int const code = codeA != 0 ? codeA : codeB;
-        double x = 0.0;
-        double y = 0.0;
+        double x = 0.0, y = 0.0;
         if (code & 8)
         {
             x = xA - (xB - xA) * yA / (yB - yA);
@@ -60,18 +50,10 @@ inline bool clampLine(Nuvek::Vector const& extent, double& xA, double& xB, doubl
             y = (xmax - xA) * (yB - yA) / (xB - xA) + yA;
             x = xmax;
         }
-        if (codeA != 0)
-        {
-            xA = x;
-            yA = y;
-            codeA = outcode(xA, yA, xmax, ymax);
-        }
-        else
-        {
-            xB = x;
-            yB = y;
-            codeB = outcode(xB, yB, xmax, ymax);
-        }
+        bool const first = codeA != 0;
+        (first ? xA : xB) = x;
+        (first ? yA : yB) = y;
+        (first ? codeA : codeB) = outcode(x, y, xmax, ymax);
         if (codeA == 0 && codeB == 0)
             return true;
     }
@@ -80,51 +62,36 @@ inline bool clampLine(Nuvek::Vector const& extent, double& xA, double& xB, doubl
 
 inline bool clampLine(Nuvek::Vector const& extent, long long& xA, long long& xB, long long& yA, long long& yB)
 {
-    double a = static_cast<double>(xA), b = static_cast<double>(xB), c = static_cast<double>(yA),
-           d = static_cast<double>(yB);
-    bool const result = clampLine(extent, a, b, c, d);
-    xA = static_cast<long long>(std::trunc(a + 0.5));
-    xB = static_cast<long long>(std::trunc(b + 0.5));
-    yA = static_cast<long long>(std::trunc(c + 0.5));
-    yB = static_cast<long long>(std::trunc(d + 0.5));
+    double v[4] = {static_cast<double>(xA), static_cast<double>(xB), static_cast<double>(yA), static_cast<double>(yB)};
+    bool const result = clampLine(extent, v[0], v[1], v[2], v[3]);
+    long long* const targets[4] = {&xA, &xB, &yA, &yB};
+    for (int i = 0; i < 4; ++i)
+        *targets[i] = static_cast<long long>(std::trunc(v[i] + 0.5));
     return result;
 }
 
+// Steps along the longer axis (compared in 32 bits), the other coordinate an accumulated slope
+// rounded half up, adding value at every step.
 inline void drawLine(std::vector<double>& plane, std::size_t start, long long rowStride, double value, long long x0,
                      long long x1, long long y0, long long y1)
 {
-    long long const dX = x1 - x0;
-    long long const dY = y1 - y0;
+    long long const dX = x1 - x0, dY = y1 - y0;
     bool const steep = static_cast<std::int32_t>(std::llabs(dY)) > static_cast<std::int32_t>(std::llabs(dX));
-    long long const n = steep ? dY : dX;
-    long long const s = n >= 0 ? 1 : -1;
-    double slope = 0.0;
-    if (n != 0)
-        slope = static_cast<double>(steep ? dX : dY) / static_cast<double>(std::llabs(n));
+    long long const n = steep ? dY : dX, s = n >= 0 ? 1 : -1;
+    double const slope = n == 0 ? 0.0 : static_cast<double>(steep ? dX : dY) / static_cast<double>(std::llabs(n));
     double acc = 0.0;
-    if (!steep)
+    for (long long i = 0; i != n + s; i += s)
     {
-        for (long long k = 0; k != n + s; k += s)
-        {
-            long long const x = x0 + k;
-            long long const y = static_cast<long long>(std::trunc(static_cast<double>(y0) + acc + 0.5));
-            plane[start + static_cast<std::size_t>(x + y * rowStride)] += value;
-            acc += slope;
-        }
-    }
-    else
-    {
-        for (long long y = y0; y != y1 + s; y += s)
-        {
-            long long const x = static_cast<long long>(std::trunc(static_cast<double>(x0) + acc + 0.5));
-            plane[start + static_cast<std::size_t>(x + y * rowStride)] += value;
-            acc += slope;
-        }
+        long long const across = static_cast<long long>(std::trunc(static_cast<double>(steep ? x0 : y0) + acc + 0.5));
+        long long const x = steep ? across : x0 + i, y = steep ? y0 + i : across;
+        plane[start + static_cast<std::size_t>(x + y * rowStride)] += value;
+        acc += slope;
     }
 }
 
-// `gradients` holds what the Sobel vector filter wrote for box grown by r = trunc(radius + 0.5) in
-// x and y: 2 * numChannels planes, x then y gradient per channel. Returns the output for box.
+// `gradients` holds the 3 x 3 Sobel gradients of box grown by r = trunc(radius + 0.5) in x and y:
+// x then y gradient per channel. Every gradient votes with its magnitude along its direction, all
+// slices into the first.
 inline std::vector<double> radialSymmetry(std::vector<double> const& gradients, Nuvek::Box const& box,
                                           long long numChannels, double radius, double threshold)
 {
@@ -155,15 +122,9 @@ inline std::vector<double> radialSymmetry(std::vector<double> const& gradients, 
                         continue;
                     long long const dx = static_cast<long long>(std::trunc(gx / m * radius + 0.5));
                     long long const dy = static_cast<long long>(std::trunc(gy / m * radius + 0.5));
-                    long long const qx = x - r, qy = y - r;
-                    double xA = static_cast<double>(qx - dx), yA = static_cast<double>(qy - dy);
-                    double xB = static_cast<double>(qx + dx), yB = static_cast<double>(qy + dy);
-                    if (!clampLine(extentOut, xA, xB, yA, yB))
+                    long long x0 = x - r - dx, x1 = x - r + dx, y0 = y - r - dy, y1 = y - r + dy;
+                    if (!clampLine(extentOut, x0, x1, y0, y1))
                         continue;
-                    long long const x0 = static_cast<long long>(std::trunc(xA + 0.5));
-                    long long const x1 = static_cast<long long>(std::trunc(xB + 0.5));
-                    long long const y0 = static_cast<long long>(std::trunc(yA + 0.5));
-                    long long const y1 = static_cast<long long>(std::trunc(yB + 0.5));
                     drawLine(out, static_cast<std::size_t>(k * N), extentOut.x, m, x0, x1, y0, y1);
                 }
     return out;
