@@ -14,20 +14,17 @@ using Matrix = std::vector<std::vector<double>>;
 
 namespace {
 
-::testing::AssertionResult sameEntries(Matrix const& expected, Matrix const& actual)
+// The bits of the entries row by row, each row led by its length; any NaN stands for every NaN.
+std::vector<std::uint64_t> entries(Matrix const& m)
 {
-    if (expected.size() != actual.size())
-        return ::testing::AssertionFailure() << expected.size() << " rows expected, " << actual.size() << " found";
-    for (std::size_t i = 0; i < expected.size(); ++i)
+    std::vector<std::uint64_t> bits;
+    for (auto const& row : m)
     {
-        if (expected[i].size() != actual[i].size())
-            return ::testing::AssertionFailure() << "row " << i << " differs in length";
-        for (std::size_t j = 0; j < expected[i].size(); ++j)
-            if (auto const same = sameValue(expected[i][j], actual[i][j], std::to_string(i) + "," + std::to_string(j));
-                !same)
-                return same;
+        bits.push_back(row.size());
+        for (double value : row)
+            bits.push_back(bitsOf(std::isnan(value) ? NaN : value));
     }
-    return ::testing::AssertionSuccess();
+    return bits;
 }
 
 // Entries uniform in [-4, 4), one in ten of them NaN or infinite when `special` is set.
@@ -37,6 +34,108 @@ Matrix randomMatrix(std::mt19937_64& random, std::size_t rows, std::size_t colum
     for (auto& row : m)
         row = randomValues(random, static_cast<long long>(columns), {-4.0, 4.0, special ? 0.03 : 0.0});
     return m;
+}
+
+std::vector<std::string> const rgb{"R", "G", "B"};
+
+MemoryImage namedImage()
+{
+    MemoryImage image(Vector(1, 1, 1), 3);
+    image.setChannelNames(rgb);
+    return image;
+}
+
+// processPixel is public, so the per-voxel function is tested directly over many values.
+struct Unmixer
+{
+    MemoryImage image = namedImage();
+    ChannelBank bank{&image};
+    ColorUnmixingFilter filter{&bank, rgb};
+};
+
+// Channel values as a colour image delivers them: mostly 8-bit integers, some a unit off them,
+// fractions, values outside [0, 256], NaN and infinities.
+double randomChannelValue(std::mt19937_64& random)
+{
+    std::uniform_int_distribution<int> kind(0, 9), integer(-2, 258);
+    switch (kind(random))
+    {
+    case 0:
+        return randomValues(random, 1, {0.0, 1.0, 1.0 / 3.0})[0];
+    case 1:
+    case 2:
+        return std::uniform_real_distribution<double>(-10.0, 300.0)(random);
+    case 3:
+        return std::nextafter(static_cast<double>(integer(random)), kind(random) < 5 ? 0.0 : 1000.0);
+    default:
+        return static_cast<double>(integer(random));
+    }
+}
+
+// A subclass with a processPixel of its own: the rows must call it rather than compute unmixing.
+class HalvingUnmixingFilter : public ColorUnmixingFilter
+{
+public:
+    using ColorUnmixingFilter::ColorUnmixingFilter;
+    double processPixel(std::vector<double> const& values) const override
+    {
+        return ColorUnmixingFilter::processPixel(values) * 0.5 - 1.0;
+    }
+};
+
+// Folds the values in selection order, so that order, duplicates and each value show in the result.
+double fold(std::vector<double> const& values)
+{
+    double result = 0.0;
+    for (double value : values)
+        result = result * 3.0 + value;
+    return result;
+}
+
+class FoldFilter : public PixelProcessingFilter
+{
+public:
+    using PixelProcessingFilter::PixelProcessingFilter;
+    double processPixel(std::vector<double> const& values) const override
+    {
+        ++calls;
+        return fold(values);
+    }
+    std::string getChannelName(long long) override { return "fold"; }
+
+    mutable std::atomic<long long> calls{0};
+};
+
+// The expression the fast paths stand in for, with the C library's pow.
+double reference(double density)
+{
+    return 1.0 - std::min(1.0, std::pow(10.0, -density));
+}
+
+// Densities where mistakes would show: uniform over the range that needs an exponential and where
+// half or more of the light passes, spread over many binades, a few units around the powers of two
+// and the table steps of 10^-d, around 16.5, and the special values.
+std::vector<double> testDensities()
+{
+    std::mt19937_64 random(111);
+    std::uniform_real_distribution<double> wide(-1.0, 17.0), light(0.0, 0.302), exponent(-1070.0, 10.0);
+    std::vector<double> densities;
+    for (int i = 0; i < 600000; ++i)
+        densities.insert(densities.end(), {wide(random), light(random), std::exp2(exponent(random))});
+    double const log10Of2 = std::log10(2.0);
+    std::uniform_int_distribution<int> step(0, 56000);
+    for (int m = 0; m <= 56; ++m)
+        for (double at : {m * log10Of2, step(random) * log10Of2 / 1024.0})
+        {
+            double below = at, above = at;
+            for (int ulps = 0; ulps < 4;
+                 ++ulps, below = std::nextafter(below, 0.0), above = std::nextafter(above, 100.0))
+                densities.insert(densities.end(), {below, above});
+        }
+    for (double special : {0.0, -0.0, 16.5, std::nextafter(16.5, 0.0), std::nextafter(16.5, 20.0), 16.26, 16.25,
+                           DBL_MIN, DBL_TRUE_MIN, DBL_MAX, -DBL_MAX, inf, -inf, NaN, -NaN})
+        densities.push_back(special);
+    return densities;
 }
 
 } // namespace
@@ -56,7 +155,7 @@ TEST(Matrix, ProductIsTheSumOfRowTimesColumn)
             for (std::size_t j = 0; j < expected[i].size(); ++j)
                 for (std::size_t k = 0; k < inner; ++k)
                     expected[i][j] = expected[i][j] + a[i][k] * b[k][j];
-        EXPECT_TRUE(sameEntries(expected, multMatrix(a, b))) << "round " << round;
+        EXPECT_EQ(entries(expected), entries(multMatrix(a, b))) << "round " << round;
     }
 }
 
@@ -109,13 +208,13 @@ TEST(Matrix, MatrixTimesItsInverseIsTheIdentity)
 TEST(Matrix, InverseAndEmptyShapeOddities)
 {
     // Zero cofactors at odd positions become -0.0; a 1 x 1 matrix has the inverse 0 / a.
-    EXPECT_TRUE(sameEntries(invertMatrix({{1, 0}, {0, 1}}), {{1.0, -0.0}, {-0.0, 1.0}}));
-    EXPECT_TRUE(sameEntries(invertMatrix({{2}}), {{0.0}}));
-    EXPECT_TRUE(sameEntries(invertMatrix({{-2}}), {{-0.0}}));
-    EXPECT_TRUE(sameEntries(invertMatrix({{0}}), {{NaN}}));
+    EXPECT_EQ(entries(invertMatrix({{1, 0}, {0, 1}})), entries({{1.0, -0.0}, {-0.0, 1.0}}));
+    EXPECT_EQ(entries(invertMatrix({{2}})), entries({{0.0}}));
+    EXPECT_EQ(entries(invertMatrix({{-2}})), entries({{-0.0}}));
+    EXPECT_EQ(entries(invertMatrix({{0}})), entries({{NaN}}));
     // Singular: det is +0.0, so infinities where the cofactor is not 0, NaN where it is; no error.
-    EXPECT_TRUE(sameEntries(invertMatrix({{1, 2}, {2, 4}}), {{inf, -inf}, {-inf, inf}}));
-    EXPECT_TRUE(sameEntries(invertMatrix({{0, 0}, {0, 0}}), {{NaN, NaN}, {NaN, NaN}}));
+    EXPECT_EQ(entries(invertMatrix({{1, 2}, {2, 4}})), entries({{inf, -inf}, {-inf, inf}}));
+    EXPECT_EQ(entries(invertMatrix({{0, 0}, {0, 0}})), entries({{NaN, NaN}, {NaN, NaN}}));
     // Rows of no entries times no rows: the rows stay, each empty; a matrix of empty rows has no inverse rows.
     EXPECT_EQ(multMatrix({{}, {}}, {}), (Matrix{{}, {}}));
     EXPECT_TRUE(invertMatrix({{}, {}}).empty());
@@ -155,46 +254,6 @@ TEST(Matrix, BadShapesAreRejectedWithTheStatedMessage)
               }),
               "calcMinorMatrix: column 1 is out of range for row 1, which has 1 entries.");
 }
-
-namespace {
-
-std::vector<std::string> const rgb{"R", "G", "B"};
-
-MemoryImage namedImage()
-{
-    MemoryImage image(Vector(1, 1, 1), 3);
-    image.setChannelNames(rgb);
-    return image;
-}
-
-// processPixel is public, so the per-voxel function is tested directly over many values.
-struct Unmixer
-{
-    MemoryImage image = namedImage();
-    ChannelBank bank{&image};
-    ColorUnmixingFilter filter{&bank, rgb};
-};
-
-// Channel values as a colour image delivers them: mostly 8-bit integers, some a unit off them,
-// fractions, values outside [0, 256], NaN and infinities.
-double randomChannelValue(std::mt19937_64& random)
-{
-    std::uniform_int_distribution<int> kind(0, 9), integer(-2, 258);
-    switch (kind(random))
-    {
-    case 0:
-        return randomValues(random, 1, {0.0, 1.0, 1.0 / 3.0})[0];
-    case 1:
-    case 2:
-        return std::uniform_real_distribution<double>(-10.0, 300.0)(random);
-    case 3:
-        return std::nextafter(static_cast<double>(integer(random)), kind(random) < 5 ? 0.0 : 1000.0);
-    default:
-        return static_cast<double>(integer(random));
-    }
-}
-
-} // namespace
 
 TEST(ColorUnmixingFilter, MatchesTheDefinitionWithChannelsFoundByName)
 {
@@ -237,21 +296,6 @@ TEST(ColorUnmixingFilter, MatchesTheDefinitionWithChannelsFoundByName)
     EXPECT_THROW(unmixer.filter.openRegion(out.data(), 0, Box(Vector(1, 1, 1))), std::runtime_error);
 }
 
-namespace {
-
-// A subclass with a processPixel of its own: the rows must call it rather than compute unmixing.
-class HalvingUnmixingFilter : public ColorUnmixingFilter
-{
-public:
-    using ColorUnmixingFilter::ColorUnmixingFilter;
-    double processPixel(std::vector<double> const& values) const override
-    {
-        return ColorUnmixingFilter::processPixel(values) * 0.5 - 1.0;
-    }
-};
-
-} // namespace
-
 TEST(ColorUnmixingFilter, SubclassProcessPixelIsCalledForEveryVoxelOfRowsLongerThanABlock)
 {
     std::mt19937_64 random(106);
@@ -272,19 +316,14 @@ TEST(ColorUnmixingFilter, SubclassProcessPixelIsCalledForEveryVoxelOfRowsLongerT
         ASSERT_TRUE(sameValue(unmixed[i] * 0.5 - 1.0, halved[i])) << i;
 }
 
-TEST(ColorUnmixingFilter, MatrixOfOrthonormalDensitiesIsTheIdentityAndOfNoDensityNaN)
+TEST(ColorUnmixingFilter, MatrixFromColoursRecoversTheAmountsOfAMixture)
 {
-    Matrix const matrix =
-        ColorUnmixingFilter::computeMatrixFromColors({{25.6, 256, 256}, {256, 25.6, 256}, {256, 256, 25.6}});
-    EXPECT_EQ(matrix, (Matrix{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}));
-    // A colour of full transmission has no density to scale to unit length: 0 / 0.
-    EXPECT_TRUE(sameEntries(ColorUnmixingFilter::computeMatrixFromColors({{256, 256, 256}, {25.6, 256, 256}}),
-                            {{NaN, NaN, NaN}, {NaN, NaN, NaN}}));
+    // Orthonormal densities give the identity; a colour of full transmission has no density to scale to unit length: 0 / 0.
+    EXPECT_EQ(ColorUnmixingFilter::computeMatrixFromColors({{25.6, 256, 256}, {256, 25.6, 256}, {256, 256, 25.6}}),
+              (Matrix{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}));
+    EXPECT_EQ(entries(ColorUnmixingFilter::computeMatrixFromColors({{256, 256, 256}, {25.6, 256, 256}})),
+              entries({{NaN, NaN, NaN}, {NaN, NaN, NaN}}));
     EXPECT_TRUE(ColorUnmixingFilter::computeMatrixFromColors({}).empty());
-}
-
-TEST(ColorUnmixingFilter, UnmixingRecoversTheAmountsOfAMixture)
-{
     // A mixture by transmission: colour k at amount a_k multiplies the transmitted share of each
     // component by (colour_k / 256)^a_k. The weights come from unit-length densities, so colour k's
     // weighted density sum is a_k times its density's length.
@@ -313,33 +352,6 @@ TEST(ColorUnmixingFilter, UnmixingRecoversTheAmountsOfAMixture)
         }
     }
 }
-
-namespace {
-
-// Folds the values in selection order, so that order, duplicates and each value show in the result.
-double fold(std::vector<double> const& values)
-{
-    double result = 0.0;
-    for (double value : values)
-        result = result * 3.0 + value;
-    return result;
-}
-
-class FoldFilter : public PixelProcessingFilter
-{
-public:
-    using PixelProcessingFilter::PixelProcessingFilter;
-    double processPixel(std::vector<double> const& values) const override
-    {
-        ++calls;
-        return fold(values);
-    }
-    std::string getChannelName(long long) override { return "fold"; }
-
-    mutable std::atomic<long long> calls{0};
-};
-
-} // namespace
 
 TEST(PixelProcessingFilter, MatchesTheWalkOverSelectedChannelsAndProcessesNoOutsideVoxel)
 {
@@ -418,42 +430,6 @@ TEST(FillBuffer, WritesExtentTimesChannelsValuesAndNothingForNonPositiveCounts)
         EXPECT_EQ(buffer[0], 0.5) << extent.x << " " << extent.y << " " << channels;
     }
 }
-
-namespace {
-
-// The expression the fast paths stand in for, with the C library's pow.
-double reference(double density)
-{
-    return 1.0 - std::min(1.0, std::pow(10.0, -density));
-}
-
-// Densities where mistakes would show: uniform over the range that needs an exponential and where
-// half or more of the light passes, spread over many binades, a few units around the powers of two
-// and the table steps of 10^-d, around 16.5, and the special values.
-std::vector<double> testDensities()
-{
-    std::mt19937_64 random(111);
-    std::uniform_real_distribution<double> wide(-1.0, 17.0), light(0.0, 0.302), exponent(-1070.0, 10.0);
-    std::vector<double> densities;
-    for (int i = 0; i < 600000; ++i)
-        densities.insert(densities.end(), {wide(random), light(random), std::exp2(exponent(random))});
-    double const log10Of2 = std::log10(2.0);
-    std::uniform_int_distribution<int> step(0, 56000);
-    for (int m = 0; m <= 56; ++m)
-        for (double at : {m * log10Of2, step(random) * log10Of2 / 1024.0})
-        {
-            double below = at, above = at;
-            for (int ulps = 0; ulps < 4;
-                 ++ulps, below = std::nextafter(below, 0.0), above = std::nextafter(above, 100.0))
-                densities.insert(densities.end(), {below, above});
-        }
-    for (double special : {0.0, -0.0, 16.5, std::nextafter(16.5, 0.0), std::nextafter(16.5, 20.0), 16.26, 16.25,
-                           DBL_MIN, DBL_TRUE_MIN, DBL_MAX, -DBL_MAX, inf, -inf, NaN, -NaN})
-        densities.push_back(special);
-    return densities;
-}
-
-} // namespace
 
 TEST(Absorptance, OneValueAndBlocksOfEveryLengthEqualOneMinusPowBitForBitWithAndWithoutTheFastExponential)
 {
