@@ -26,7 +26,7 @@ TEST(Vector, ArithmeticIsComponentWiseAndStridesGiveTheRegionBufferOffset)
     EXPECT_EQ(Vector(2, 3, 1).dot(extent.getStrides()), 37);
 }
 
-TEST(Box, SizeCountsBothEndsAndIsZeroWhenEmptyOnAnyAxis)
+TEST(Box, SizeCountsBothEndsIsZeroWhenEmptyOnAnyAxisAndBoxesMoveAndIntersect)
 {
     EXPECT_TRUE(Box().isEmpty());
     EXPECT_EQ(Box().getSize(), 0);
@@ -38,18 +38,14 @@ TEST(Box, SizeCountsBothEndsAndIsZeroWhenEmptyOnAnyAxis)
     EXPECT_EQ(Box(Vector(0, 0, 0), Vector(-1, 5, 5)).getSize(), 0);
     EXPECT_EQ(Box(Vector(0, 0, 0), Vector(-2, -2, 0)).getSize(), 0);
     EXPECT_EQ(Box(Vector(0, 0, 0)).getSize(), 0);
-}
-
-TEST(Box, ExpandTranslateShiftIntersect)
-{
-    Box box(Vector(0, 0, 0), Vector(9, 9, 0));
-    EXPECT_EQ(box.expanded(Vector(2, 3, 0)), Box(Vector(-2, -3, 0), Vector(11, 12, 0)));
-    EXPECT_EQ(box.translated(Vector(1, -1, 2)), Box(Vector(1, -1, 2), Vector(10, 8, 2)));
-    box.shift(Vector(5, 5, 0));
-    EXPECT_EQ(box, Box(Vector(5, 5, 0), Vector(14, 14, 0)));
-    EXPECT_EQ(box.intersected(Box(Vector(0, 10, 0), Vector(7, 20, 3))), Box(Vector(5, 10, 0), Vector(7, 14, 0)));
-    EXPECT_TRUE(box.intersected(Box(Vector(20, 0, 0), Vector(30, 30, 0))).isEmpty());
-    EXPECT_TRUE(box != Box());
+    Box moved(Vector(0, 0, 0), Vector(9, 9, 0));
+    EXPECT_EQ(moved.expanded(Vector(2, 3, 0)), Box(Vector(-2, -3, 0), Vector(11, 12, 0)));
+    EXPECT_EQ(moved.translated(Vector(1, -1, 2)), Box(Vector(1, -1, 2), Vector(10, 8, 2)));
+    moved.shift(Vector(5, 5, 0));
+    EXPECT_EQ(moved, Box(Vector(5, 5, 0), Vector(14, 14, 0)));
+    EXPECT_EQ(moved.intersected(Box(Vector(0, 10, 0), Vector(7, 20, 3))), Box(Vector(5, 10, 0), Vector(7, 14, 0)));
+    EXPECT_TRUE(moved.intersected(Box(Vector(20, 0, 0), Vector(30, 30, 0))).isEmpty());
+    EXPECT_TRUE(moved != Box());
 }
 
 TEST(Check, ThrowsTheMessageOnlyWhenTheConditionFails)
@@ -58,7 +54,7 @@ TEST(Check, ThrowsTheMessageOnlyWhenTheConditionFails)
     EXPECT_EQ(messageOf([] { check(false, "Image extents must match"); }), "Image extents must match");
 }
 
-TEST(ConvertToLevel, ScalesByThePowerOfTwoRoundingCoarserBoxesOutwards)
+TEST(Conversions, LevelsScaleByThePowerOfTwoRoundingOutwardsAndNaNGivesNaNHue)
 {
     Box const coarse(Vector(3, -2, 4), Vector(5, 1, 6));
     EXPECT_EQ(convertToLevel(coarse, 2, 0), Box(Vector(12, -8, 4), Vector(23, 7, 6)));
@@ -73,10 +69,6 @@ TEST(ConvertToLevel, ScalesByThePowerOfTwoRoundingCoarserBoxesOutwards)
         for (long long steps = 0; steps < 4; ++steps)
             EXPECT_EQ(convertToLevel(convertToLevel(box, 5, 5 - steps), 5 - steps, 5), box);
     }
-}
-
-TEST(ConvertRGBToHSV, NaNGivesNaNHueInsteadOfACrash)
-{
     double h = 0, s = 0, v = 0;
     convertRGBToHSV(NaN, 0.5, 0.2, h, s, v);
     EXPECT_TRUE(std::isnan(h));
