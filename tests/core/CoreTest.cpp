@@ -1,30 +1,8 @@
-// Core: boxes and vectors, level conversion, the filter base, the memory image and the channel bank.
+// Core: boxes, level conversion, the filter base, the memory image and the channel bank.
 #include "support/NuvekTest.h"
-
-#include <thread>
 
 using namespace Nuvek;
 using namespace NuvekTest;
-
-TEST(Vector, ArithmeticIsComponentWiseAndStridesGiveTheRegionBufferOffset)
-{
-    Vector a(1, -2, 3);
-    Vector const b(10, 20, -30);
-    EXPECT_EQ(a + b, Vector(11, 18, -27));
-    EXPECT_EQ(a - b, Vector(-9, -22, 33));
-    EXPECT_EQ(a * -1, Vector(-1, 2, -3));
-    a += b;
-    EXPECT_EQ(a, Vector(11, 18, -27));
-    a -= b;
-    EXPECT_EQ(a, Vector(1, -2, 3));
-    EXPECT_EQ(Vector(), Vector(0));
-    EXPECT_EQ(Vector(7), Vector(7, 7, 7));
-    EXPECT_NE(Vector(1, 2, 3), Vector(1, 2, 4));
-    Vector const extent(5, 4, 3);
-    EXPECT_EQ(extent.getStrides(), Vector(1, 5, 20));
-    EXPECT_EQ(extent.prod(), 60);
-    EXPECT_EQ(Vector(2, 3, 1).dot(extent.getStrides()), 37);
-}
 
 TEST(Box, SizeCountsBothEndsIsZeroWhenEmptyOnAnyAxisAndBoxesMoveAndIntersect)
 {
@@ -48,12 +26,6 @@ TEST(Box, SizeCountsBothEndsIsZeroWhenEmptyOnAnyAxisAndBoxesMoveAndIntersect)
     EXPECT_TRUE(moved != Box());
 }
 
-TEST(Check, ThrowsTheMessageOnlyWhenTheConditionFails)
-{
-    EXPECT_EQ(messageOf([] { check(true, "never"); }), "(nothing thrown)");
-    EXPECT_EQ(messageOf([] { check(false, "Image extents must match"); }), "Image extents must match");
-}
-
 TEST(Conversions, LevelsScaleByThePowerOfTwoRoundingOutwardsAndNaNGivesNaNHue)
 {
     Box const coarse(Vector(3, -2, 4), Vector(5, 1, 6));
@@ -62,13 +34,6 @@ TEST(Conversions, LevelsScaleByThePowerOfTwoRoundingOutwardsAndNaNGivesNaNHue)
     EXPECT_EQ(convertToLevel(coarse, 3, 3), coarse);
     // Partial blocks at either end are still covered; negative coordinates round towards minus infinity.
     EXPECT_EQ(convertToLevel(Box(Vector(-1, 1, 0), Vector(5, 6, 0)), 0, 1), Box(Vector(-1, 0, 0), Vector(2, 3, 0)));
-    std::mt19937_64 random(7);
-    for (int i = 0; i < 200; ++i)
-    {
-        Box const box = randomBox(random, Vector(40, 40, 40), 60, 60);
-        for (long long steps = 0; steps < 4; ++steps)
-            EXPECT_EQ(convertToLevel(convertToLevel(box, 5, 5 - steps), 5 - steps, 5), box);
-    }
     double h = 0, s = 0, v = 0;
     convertRGBToHSV(NaN, 0.5, 0.2, h, s, v);
     EXPECT_TRUE(std::isnan(h));
@@ -85,7 +50,7 @@ public:
 
 } // namespace
 
-TEST(Filter, ForwardsEveryOperationToItsInputAndImageHasTheStatedDefaults)
+TEST(Filter, ForwardsEveryOperationFollowsTheInputStampAndDeletesOnlyAnOwnedInput)
 {
     std::mt19937_64 random(6);
     auto source = randomImage(random, Vector(10, 20, 3), 2);
@@ -105,12 +70,6 @@ TEST(Filter, ForwardsEveryOperationToItsInputAndImageHasTheStatedDefaults)
     EXPECT_EQ(filter.getViewableRepresentation(), &image);
     Box const box(Vector(-1, -1, 0), Vector(3, 4, 1));
     EXPECT_EQ(openWhole(filter, 2, box), openWhole(*source, 2, box));
-}
-
-TEST(Filter, HashFollowsTheInputStampAndOnlyAnOwnedInputIsDeleted)
-{
-    auto source = std::make_shared<MemoryImage>(Vector(2, 2, 1), 1);
-    RecordingImage image(source);
     PassFilter inner(&image, false);
     PassFilter outer(&inner, false);
     std::uint64_t const first = outer.getHash();
@@ -132,24 +91,6 @@ TEST(Filter, HashFollowsTheInputStampAndOnlyAnOwnedInputIsDeleted)
     EXPECT_EQ(deletions, 1);
     EXPECT_EQ(messageOf([] { PassFilter filter(nullptr, true); }),
               "Cannot instantiate a filter without an input image.");
-}
-
-TEST(LockGuard, SerialisesWorkOnOneLock)
-{
-    Lock lock;
-    long long counter = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&]() {
-            for (int i = 0; i < 20000; ++i)
-            {
-                LockGuard guard(lock);
-                ++counter;
-            }
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(counter, 80000);
 }
 
 TEST(MemoryImage, ServesLevelZeroInRegionLayoutAndZerosOutside)
@@ -251,25 +192,19 @@ TEST(ChannelBank, ChannelsAreTheImagesChannelsByNameFirstWinsAndFollowItsStamp)
     EXPECT_EQ(red->getHash(), image->getHash());
 }
 
-TEST(ChannelBank, OpenRegionReturnsTheNamedChannelsInTheOrderAsked)
+TEST(ChannelBank, OpenRegionGivesABufferOfTheBoxAndLevelAndNamesAnUnknownChannel)
 {
-    std::mt19937_64 random(2);
-    auto image = randomImage(random, Vector(9, 4, 1), 3);
-    image->setChannelNames({"a", "b", "c"});
-    ChannelBank bank(image.get());
+    // The values in the order asked, duplicates included, are checked through the pixel-processing
+    // filters, which read their channels this way.
+    MemoryImage image(Vector(9, 4, 1), 3);
+    ChannelBank bank(&image);
     Box const box(Vector(1, -1, 0), Vector(10, 2, 0));
-    std::unique_ptr<Buffer<double>> const buffer = bank.openRegion({"c", "a", "c"}, box, 1);
+    std::unique_ptr<Buffer<double>> const buffer = bank.openRegion({"Channel 2", "Channel 0", "Channel 2"}, box, 1);
     EXPECT_EQ(buffer->getBounds(), box);
     EXPECT_EQ(buffer->getLevel(), 1);
-    ASSERT_EQ(buffer->getNumChannels(), 3);
-    std::vector<double> const all = openWhole(*image, 1, box);
-    long long const size = box.getSize();
-    std::vector<double> expected(all.begin() + 2 * size, all.end());
-    expected.insert(expected.end(), all.begin(), all.begin() + size);
-    expected.insert(expected.end(), all.begin() + 2 * size, all.end());
-    EXPECT_EQ(std::vector<double>(buffer->getPtr(0), buffer->getPtr(0) + 3 * size), expected);
-    // All channels in the image's order take the direct path; the values are the same.
-    std::unique_ptr<Buffer<double>> const ordered = bank.openRegion({"a", "b", "c"}, box, 1);
-    EXPECT_EQ(std::vector<double>(ordered->getPtr(0), ordered->getPtr(0) + 3 * size), all);
-    EXPECT_EQ(messageOf([&] { bank.openRegion({"a", "z"}, box, 0); }), "Channel bank has no channel named \"z\".");
+    EXPECT_EQ(buffer->getNumChannels(), 3);
+    EXPECT_EQ(messageOf([&] {
+                  bank.openRegion({"Channel 0", "z"}, box, 0);
+              }),
+              "Channel bank has no channel named \"z\".");
 }

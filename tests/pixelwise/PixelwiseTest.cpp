@@ -166,7 +166,7 @@ TEST(ChannelFilter, SelectionMatchesDefinition)
         HarnessOptions(30, 34));
 }
 
-TEST(ChannelFilter, NamesAreExactTheLowestIndexWinsAndNamesLookUpIndexMinusFirst)
+TEST(ChannelFilter, NamesAreExactLowestIndexWinsNamesLookUpIndexMinusFirstAndUnwrittenVoxelsReadZero)
 {
     MemoryImage image(Vector(2, 1, 1), 4, {0, 1, 2, 3, 4, 5, 6, 7});
     image.setChannelNames({"Red", "green", "Green", "Green"});
@@ -177,10 +177,6 @@ TEST(ChannelFilter, NamesAreExactTheLowestIndexWinsAndNamesLookUpIndexMinusFirst
     EXPECT_EQ(block.getChannelName(1), "Red");
     EXPECT_EQ(block.getChannelName(2), "green");
     EXPECT_EQ(messageOf([&] { block.getChannelName(0); }), "Invalid channel index. Cannot determine its name.");
-}
-
-TEST(ChannelFilter, VoxelsTheInputLeavesUnwrittenReadZeroEveryTime)
-{
     // Some inputs write only part of a request (the distance transform leaves voxels outside the
     // image alone); a selection must then give zeros there, not what its work buffer held before.
     struct WritesNothing : MemoryImage
@@ -191,10 +187,8 @@ TEST(ChannelFilter, VoxelsTheInputLeavesUnwrittenReadZeroEveryTime)
     ChannelFilter filter(&input, 1, false);
     Box const box(Vector(0, 0, 0), Vector(63, 63, 0));
     for (int round = 0; round < 3; ++round)
-    {
         EXPECT_EQ(openSentinel(filter, 0, box, -1.0),
                   std::vector<double>(static_cast<std::size_t>(box.getSize()), 0.0));
-    }
 }
 
 TEST(ConcatFilter, MatchesDefinitionAndNeverDeletesItsInputs)
@@ -255,8 +249,8 @@ TEST(RGBToHSVFilter, HueRoundingUpTo360WrapsToZeroAndAZeroSpanRangeDividesByZero
 TEST(ValueReplacementFilter, MatchesTheScanForFewAndManyColoursWithNaNKeys)
 {
     ValueReplacementFilter::Replacements replacements;
+    static double const palette[] = {0.0, -0.0, 1.0, 2.0, 3.0, NaN, -1.5};
     auto colour = [](Draw& draw, long long channels) {
-        double const palette[] = {0.0, -0.0, 1.0, 2.0, 3.0, NaN, -1.5};
         std::vector<double> c;
         for (long long i = 0; i < channels; ++i)
             c.push_back(palette[draw.integer(0, 6, "")]);
@@ -275,7 +269,6 @@ TEST(ValueReplacementFilter, MatchesTheScanForFewAndManyColoursWithNaNKeys)
             return values;
         },
         HarnessOptions(60, 37).shape([](std::vector<double>& values, std::mt19937_64& random) {
-            double const palette[] = {0.0, -0.0, 1.0, 2.0, 3.0, NaN, -1.5};
             for (double& v : values)
                 v = palette[std::uniform_int_distribution<int>(0, 6)(random)];
         }));
