@@ -38,21 +38,6 @@ Matrix randomMatrix(std::mt19937_64& random, std::size_t rows, std::size_t colum
 
 std::vector<std::string> const rgb{"R", "G", "B"};
 
-MemoryImage namedImage()
-{
-    MemoryImage image(Vector(1, 1, 1), 3);
-    image.setChannelNames(rgb);
-    return image;
-}
-
-// processPixel is public, so the per-voxel function is tested directly over many values.
-struct Unmixer
-{
-    MemoryImage image = namedImage();
-    ChannelBank bank{&image};
-    ColorUnmixingFilter filter{&bank, rgb};
-};
-
 // Channel values as a colour image delivers them: mostly 8-bit integers, some a unit off them,
 // fractions, values outside [0, 256], NaN and infinities.
 double randomChannelValue(std::mt19937_64& random)
@@ -275,14 +260,6 @@ TEST(ColorUnmixingFilter, MatchesTheDefinitionWithChannelsFoundByName)
             for (double& value : values)
                 value = randomChannelValue(random);
         }));
-    // Before the first reinit the weights are empty: no density. More weights than values are refused.
-    Unmixer unmixer;
-    EXPECT_TRUE(sameValue(0.0, unmixer.filter.processPixel({3, 4, 5})));
-    unmixer.filter.reinit({1, 1, 1, 1});
-    std::string const tooMany = "ColorUnmixingFilter: 4 weights but only 3 channel values.";
-    EXPECT_EQ(messageOf([&] { unmixer.filter.processPixel({1, 2, 3}); }), tooMany);
-    std::vector<double> out(1);
-    EXPECT_THROW(unmixer.filter.openRegion(out.data(), 0, Box(Vector(1, 1, 1))), std::runtime_error);
 }
 
 TEST(ColorUnmixingFilter, SubclassProcessPixelIsCalledForEveryVoxelOfRowsLongerThanABlock)
@@ -316,7 +293,10 @@ TEST(ColorUnmixingFilter, MatrixFromColoursRecoversTheAmountsOfAMixture)
     // weighted density sum is a_k times its density's length.
     Matrix const colors{{70, 60, 160}, {230, 110, 170}, {150, 110, 60}};
     Matrix const matrix = ColorUnmixingFilter::computeMatrixFromColors(colors);
-    Unmixer unmixer;
+    MemoryImage image(Vector(1, 1, 1), 3);
+    image.setChannelNames(rgb);
+    ChannelBank bank(&image);
+    ColorUnmixingFilter unmixer(&bank, rgb);
     for (std::vector<double> const& amounts : Matrix{{0.5, 0.2, 0.0}, {0.0, 1.0, 0.3}, {0.1, 0.1, 0.7}})
     {
         std::vector<double> mixture(3);
@@ -332,9 +312,8 @@ TEST(ColorUnmixingFilter, MatrixFromColoursRecoversTheAmountsOfAMixture)
             double squares = 0.0;
             for (double value : colors[k])
                 squares += std::pow(NuvekReference::opticalDensity(value), 2.0);
-            unmixer.filter.reinit(matrix[k]);
-            EXPECT_NEAR(unmixer.filter.processPixel(mixture), 1.0 - std::pow(10.0, -amounts[k] * std::sqrt(squares)),
-                        1e-12)
+            unmixer.reinit(matrix[k]);
+            EXPECT_NEAR(unmixer.processPixel(mixture), 1.0 - std::pow(10.0, -amounts[k] * std::sqrt(squares)), 1e-12)
                 << "colour " << k;
         }
     }
@@ -378,7 +357,7 @@ TEST(PixelProcessingFilter, MatchesTheWalkOverSelectedChannelsAndProcessesNoOuts
     EXPECT_EQ(messageOf([] { FoldFilter filter(nullptr, {"Channel 1"}); }), cannot + " without a channel bank.");
 }
 
-TEST(PixelProcessingFilter, HashRisesOncePerChangeHoweverManyChannelsChangedAndOncePerReinit)
+TEST(PixelProcessingFilter, HashRisesOncePerChangeHoweverManyChannelsChangedAndOncePerReinitOfTheWeights)
 {
     auto image = std::make_shared<MemoryImage>(Vector(4, 4, 1), 3);
     image->setChannelNames(rgb);
@@ -387,6 +366,8 @@ TEST(PixelProcessingFilter, HashRisesOncePerChangeHoweverManyChannelsChangedAndO
     ColorUnmixingFilter filter(&bank, rgb);
     FoldFilter none(&bank, {});
     EXPECT_EQ(filter.getHash(), 0u);
+    // Before the first reinit the weights are empty: no density.
+    EXPECT_TRUE(sameValue(0.0, filter.processPixel({3, 4, 5})));
     // Every channel of the image changes at once, twice: one step per call that sees a change.
     recording.touch();
     EXPECT_EQ(filter.getHash(), 1u);
@@ -401,6 +382,10 @@ TEST(PixelProcessingFilter, HashRisesOncePerChangeHoweverManyChannelsChangedAndO
     EXPECT_EQ(filter.getHash(), 5u);
     // Without channels the image's changes do not count.
     EXPECT_EQ(none.getHash(), 0u);
+    filter.reinit({1, 1, 1, 1});
+    std::string const tooMany = "ColorUnmixingFilter: 4 weights but only 3 channel values.";
+    EXPECT_EQ(messageOf([&] { filter.processPixel({1, 2, 3}); }), tooMany);
+    EXPECT_EQ(messageOf([&] { openWhole(filter, 0, Box(Vector(1, 1, 1))); }), tooMany);
 }
 
 TEST(FillBuffer, WritesExtentTimesChannelsValuesAndNothingForNonPositiveCounts)

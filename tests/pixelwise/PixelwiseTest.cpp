@@ -10,14 +10,6 @@ using namespace NuvekTest;
 
 namespace {
 
-std::shared_ptr<MemoryImage> row(long long channels, std::vector<double> values, double low = 0, double high = 1)
-{
-    auto image = std::make_shared<MemoryImage>(Vector(static_cast<long long>(values.size()) / channels, 1, 1), channels,
-                                               std::move(values));
-    image->setValueRange({low, high});
-    return image;
-}
-
 // Values that make ties between channels, signed zeros and non-finite values likely.
 void tieHeavy(std::vector<double>& values, std::mt19937_64& random)
 {
@@ -46,8 +38,8 @@ TEST(ThresholdFilter, MatchesDefinitionNaNIsLowAndTheRangeIsTheTwoOutputsUnsorte
             return values;
         },
         HarnessOptions(30, 31).integers());
-    auto image = row(1, {0.5, 1.0, NaN, -inf});
-    ThresholdFilter filter(image.get(), 1.0, 3.0, -7.0, false);
+    MemoryImage image(Vector(4, 1, 1), 1, {0.5, 1.0, NaN, -inf});
+    ThresholdFilter filter(&image, 1.0, 3.0, -7.0, false);
     EXPECT_EQ(openWhole(filter, 0, Box(Vector(4, 1, 1))), (std::vector<double>{3, -7, 3, 3}));
     EXPECT_EQ(filter.getValueRange().min, 3.0);
     EXPECT_EQ(filter.getValueRange().max, -7.0);
@@ -109,15 +101,11 @@ TEST(BinaryOperatorFilter, OwnershipFlagsDecideWhichInputsAreDeletedAndOnlyLevel
         for (bool ownsSecond : {false, true})
         {
             int firstDeletions = 0, secondDeletions = 0;
-            auto* first = new DeletionProbe(&image, firstDeletions);
-            auto* second = new DeletionProbe(&image, secondDeletions);
-            delete new AdditionFilter(first, second, ownsFirst, ownsSecond);
-            EXPECT_EQ(firstDeletions, ownsFirst ? 1 : 0);
-            EXPECT_EQ(secondDeletions, ownsSecond ? 1 : 0);
-            if (!ownsFirst)
-                delete first;
-            if (!ownsSecond)
-                delete second;
+            auto first = std::make_unique<DeletionProbe>(&image, firstDeletions);
+            auto second = std::make_unique<DeletionProbe>(&image, secondDeletions);
+            delete new AdditionFilter(ownsFirst ? first.release() : first.get(),
+                                      ownsSecond ? second.release() : second.get(), ownsFirst, ownsSecond);
+            EXPECT_EQ(firstDeletions * 10 + secondDeletions, (ownsFirst ? 10 : 0) + (ownsSecond ? 1 : 0));
         }
     int deletions = 0;
     auto* both = new DeletionProbe(&image, deletions);
@@ -235,13 +223,15 @@ TEST(RGBToHSVFilter, MatchesTheHexconeDefinition)
 
 TEST(RGBToHSVFilter, HueRoundingUpTo360WrapsToZeroAndAZeroSpanRangeDividesByZero)
 {
-    auto image = row(3, {1, 1, 1, 0, 0, 0, 1e-9, 1e-15, 1e-17});
-    RGBToHSVFilter filter(image.get(), false);
+    MemoryImage image(Vector(3, 1, 1), 3, {1, 1, 1, 0, 0, 0, 1e-9, 1e-15, 1e-17});
+    image.setValueRange({0, 1});
+    RGBToHSVFilter filter(&image, false);
     std::vector<double> const out = openWhole(filter, 0, Box(Vector(3, 1, 1)));
     EXPECT_EQ(std::vector<double>(out.begin(), out.begin() + 3), (std::vector<double>{254, 254, 0}));
     // (7, 7, 7) over the range (5, 5) is +inf everywhere: spread inf - inf is NaN; (5, 5, 5) is 0 / 0.
-    auto flat = row(3, {7, 5, 7, 5, 7, 5}, 5, 5);
-    RGBToHSVFilter zeroSpan(flat.get(), false);
+    MemoryImage flat(Vector(2, 1, 1), 3, {7, 5, 7, 5, 7, 5});
+    flat.setValueRange({5, 5});
+    RGBToHSVFilter zeroSpan(&flat, false);
     EXPECT_TRUE(sameBitsAnyNaN({NaN, NaN, NaN, 0.0, inf, NaN}, openWhole(zeroSpan, 0, Box(Vector(2, 1, 1))),
                                Box(Vector(2, 1, 1))));
 }
