@@ -1,5 +1,4 @@
-// Pixel-wise and channel filters: each against its definition through the seeded harness, and one
-// pinned example per deliberate oddity.
+// Pixel-wise and channel filters against their definitions, and one pinned example per oddity.
 #include "reference/PixelwiseColourReference.h"
 #include "support/NuvekTest.h"
 
@@ -94,7 +93,8 @@ TEST(AdditionAndDifferenceFilter, MatchDefinition)
         HarnessOptions(40, 33));
 }
 
-TEST(BinaryOperatorFilter, OwnershipFlagsDecideWhichInputsAreDeletedAndOnlyLevelZeroExtentsAreCompared)
+TEST(BinaryOperatorFilter,
+     OwnershipFlagsDecideWhichInputsAreDeletedOnlyLevelZeroExtentsAreComparedAndTheHashRisesOnNewStamps)
 {
     MemoryImage image(Vector(9, 9, 2), 1), other(Vector(9, 9, 2), 1);
     for (bool ownsFirst : {false, true})
@@ -117,10 +117,6 @@ TEST(BinaryOperatorFilter, OwnershipFlagsDecideWhichInputsAreDeletedAndOnlyLevel
         Vector getExtent(long long level) const override { return level == 0 ? Vector(9, 9, 2) : Vector(1, 1, 1); }
     } coarse(&other, false);
     EXPECT_NO_THROW(DifferenceFilter(&image, &coarse, false));
-}
-
-TEST(BinaryOperatorFilter, HashRisesByOneOnEveryCallThatSeesANewInputStamp)
-{
     auto source = std::make_shared<MemoryImage>(Vector(2, 2, 1), 1);
     RecordingImage first(source), second(source);
     first.touch(); // a stamp other than 0 at construction is the starting point, not a change
@@ -137,7 +133,7 @@ TEST(BinaryOperatorFilter, HashRisesByOneOnEveryCallThatSeesANewInputStamp)
     EXPECT_EQ(hashes, (std::vector<std::uint64_t>{0, 1, 1, 2, 3}));
 }
 
-TEST(ChannelFilter, SelectionMatchesDefinition)
+TEST(ChannelFilter, MatchesDefinitionNamesAreExactLowestIndexWinsNamesLookUpIndexMinusFirstAndUnwrittenVoxelsReadZero)
 {
     long long first = 0, count = 0;
     expectMatchesReference(
@@ -152,10 +148,6 @@ TEST(ChannelFilter, SelectionMatchesDefinition)
             return std::vector<double>(begin, begin + count * box.getSize());
         },
         HarnessOptions(30, 34));
-}
-
-TEST(ChannelFilter, NamesAreExactLowestIndexWinsNamesLookUpIndexMinusFirstAndUnwrittenVoxelsReadZero)
-{
     MemoryImage image(Vector(2, 1, 1), 4, {0, 1, 2, 3, 4, 5, 6, 7});
     image.setChannelNames({"Red", "green", "Green", "Green"});
     ChannelFilter green(&image, "Green", false);
@@ -202,7 +194,7 @@ TEST(ConcatFilter, MatchesDefinitionAndNeverDeletesItsInputs)
     EXPECT_EQ(deletions, 0);
 }
 
-TEST(RGBToHSVFilter, MatchesTheHexconeDefinition)
+TEST(RGBToHSVFilter, MatchesTheHexconeDefinitionHueRoundingUpTo360WrapsToZeroAndAZeroSpanRangeDividesByZero)
 {
     // (x - lo) / (hi - lo) first; channels after the third pass through.
     double low = 0, high = 0;
@@ -219,10 +211,6 @@ TEST(RGBToHSVFilter, MatchesTheHexconeDefinition)
             return values;
         },
         HarnessOptions(60, 36).channels({3, 4}).mix({0.0, 255.0, 0.01}).shape(tieHeavy));
-}
-
-TEST(RGBToHSVFilter, HueRoundingUpTo360WrapsToZeroAndAZeroSpanRangeDividesByZero)
-{
     MemoryImage image(Vector(3, 1, 1), 3, {1, 1, 1, 0, 0, 0, 1e-9, 1e-15, 1e-17});
     image.setValueRange({0, 1});
     RGBToHSVFilter filter(&image, false);
