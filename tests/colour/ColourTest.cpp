@@ -43,17 +43,12 @@ std::vector<std::string> const rgb{"R", "G", "B"};
 double randomChannelValue(std::mt19937_64& random)
 {
     std::uniform_int_distribution<int> kind(0, 9), integer(-2, 258);
-    switch (kind(random))
-    {
-    case 0:
-        return randomValues(random, 1, {0.0, 1.0, 1.0 / 3.0})[0];
-    case 1:
-        return std::uniform_real_distribution<double>(-10.0, 300.0)(random);
-    case 2:
-        return std::nextafter(static_cast<double>(integer(random)), kind(random) < 5 ? 0.0 : 1000.0);
-    default:
-        return static_cast<double>(integer(random));
-    }
+    int const k = kind(random);
+    double const whole = static_cast<double>(integer(random));
+    return k == 0   ? randomValues(random, 1, {0.0, 1.0, 1.0 / 3.0})[0]
+           : k == 1 ? std::uniform_real_distribution<double>(-10.0, 300.0)(random)
+           : k == 2 ? std::nextafter(whole, kind(random) < 5 ? 0.0 : 1000.0)
+                    : whole;
 }
 
 // A subclass with a processPixel of its own: the rows must call it rather than compute unmixing.
@@ -304,7 +299,8 @@ TEST(ColorUnmixingFilter, MatrixFromColoursRecoversTheAmountsOfAMixture)
     }
 }
 
-TEST(PixelProcessingFilter, MatchesTheWalkOverSelectedChannelsProcessesNoOutsideVoxelAndFillsOnlyPositiveCounts)
+TEST(PixelProcessingFilter,
+     MatchesTheWalkOverSelectedChannelsInStripsOfTileRowsProcessesNoOutsideVoxelAndFillsOnlyPositiveCounts)
 {
     std::unique_ptr<ChannelBank> bank;
     std::vector<long long> selection;
@@ -348,6 +344,15 @@ TEST(PixelProcessingFilter, MatchesTheWalkOverSelectedChannelsProcessesNoOutside
     std::vector<double> expected(24, 0.5);
     expected.resize(30, -1.0);
     EXPECT_EQ(buffer, expected);
+    // 804 x 706 voxels of four channels are more than 2^21 values; two rows of 256-row tiles are not.
+    RecordingImage recording(std::make_shared<MemoryImage>(Vector(800, 700, 2), 4));
+    ChannelBank large(&recording);
+    FoldFilter strip(&large, {"Channel 0", "Channel 3", "Channel 1", "Channel 2"});
+    openWhole(strip, 0, Box(Vector(-3, -5, 0), Vector(800, 700, 1)));
+    std::string strips;
+    for (Request const& r : recording.requests())
+        strips += std::to_string(r.box.min.y) + "," + std::to_string(r.box.max.y) + " ";
+    EXPECT_EQ(strips, "-5,-1 0,511 512,700 -5,-1 0,511 512,700 ");
 }
 
 TEST(PixelProcessingFilter, HashRisesOncePerChangeHoweverManyChannelsChangedAndOncePerReinitOfTheWeights)
@@ -407,11 +412,12 @@ TEST(Absorptance, EqualsOneMinusPowBitForBitAndTheSelfCheckRefusesAPowOneUnitOff
         for (std::size_t i = 0; i < densities.size(); ++i)
             ASSERT_TRUE(sameValue(reference(densities[i]), out[i], "density " + hexfloat(densities[i])));
     }
-    // The C library's pow stays within the 0.53 units the fast exponential relies on.
+    // The C library's pow stays within the 0.53 units the fast exponential relies on; one a unit off
+    // is refused: for densities from 0.1 to 0.11, where every bit of the power reaches the result, at
+    // one density in 256 (by its bits), and at a density whose power has a neighbour as near as pow
+    // may land that gives the same absorptance (the fast exponential decides there too).
     EXPECT_TRUE(fastExponentialAgreesWith([](double base, double exponent) { return std::pow(base, exponent); }));
     EXPECT_TRUE(fastExponentialIsUsed());
-    // A pow one unit off for densities from 0.1 to 0.11, where every bit of the power reaches the
-    // result, and one a unit off at one density in 256 (by its bits) anywhere.
     EXPECT_FALSE(fastExponentialAgreesWith([](double base, double exponent) {
         double const power = std::pow(base, exponent);
         return exponent <= -0.1 && exponent >= -0.11 ? std::nextafter(power, 2.0) : power;
@@ -420,14 +426,11 @@ TEST(Absorptance, EqualsOneMinusPowBitForBitAndTheSelfCheckRefusesAPowOneUnitOff
         double const power = std::pow(base, exponent);
         return (bitsOf(exponent) & 0xFF) == 0x5A ? std::nextafter(power, 0.0) : power;
     }));
-    // Where the power's neighbour lies as near as pow may land but both give the same absorptance,
-    // the fast exponential decides too; so the self-check covers such a density as well.
     EXPECT_FALSE(fastExponentialAgreesWith([](double base, double exponent) {
         double const power = std::pow(base, exponent);
         return exponent == -0x1.004074e75929ap+0 ? 2.0 * power : power;
     }));
-    // The check clamps the power at 1 as absorptance does: a power above 1 where nothing is absorbed
-    // (density 0) changes nothing.
+    // The check clamps the power at 1: a power above 1 where nothing is absorbed changes nothing.
     EXPECT_TRUE(fastExponentialAgreesWith(
         [](double base, double exponent) { return exponent == 0.0 ? 1.5 : std::pow(base, exponent); }));
 }

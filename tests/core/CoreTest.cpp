@@ -57,8 +57,7 @@ TEST(Filter, ForwardsEveryOperationFollowsTheInputStampAndDeletesOnlyAnOwnedInpu
     EXPECT_EQ(filter.getExtent(1), Vector(5, 10, 3));
     EXPECT_EQ(filter.getNumChannels(), 2);
     EXPECT_EQ(filter.getNumLevels(), 4);
-    EXPECT_EQ(filter.getValueRange().min, -1.5);
-    EXPECT_EQ(filter.getValueRange().max, 7.0);
+    EXPECT_EQ(std::make_pair(filter.getValueRange().min, filter.getValueRange().max), std::make_pair(-1.5, 7.0));
     EXPECT_EQ(filter.getVoxelSize(2), Vector(12, 20, 7));
     EXPECT_EQ(filter.getTileExtent(), Vector(256, 256, 1));
     EXPECT_EQ(filter.getChannelName(1), "Channel 1");
@@ -176,8 +175,7 @@ TEST(ChannelBank, ChannelsAreTheImagesChannelsByNameFirstWinsFollowItsStampAndOp
     EXPECT_EQ(red->getHash(), image->getHash());
     image->setValue(Vector(0, 0, 0), 0, 1.0);
     EXPECT_EQ(red->getHash(), image->getHash());
-    // The values of openRegion in the order asked, duplicates included, are checked through the
-    // pixel-processing filters, which read their channels this way.
+    // The values in the order asked are checked through the pixel-processing filters, which read so.
     std::unique_ptr<Buffer<double>> const buffer = bank.openRegion({"Green", "Red", "Green"}, box, 1);
     EXPECT_EQ(buffer->getBounds(), box);
     EXPECT_EQ(buffer->getLevel(), 1);

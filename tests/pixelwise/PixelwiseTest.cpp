@@ -2,8 +2,6 @@
 #include "reference/PixelwiseColourReference.h"
 #include "support/NuvekTest.h"
 
-#include <map>
-
 using namespace Nuvek;
 using namespace NuvekTest;
 
@@ -40,8 +38,7 @@ TEST(ThresholdFilter, MatchesDefinitionNaNIsLowAndTheRangeIsTheTwoOutputsUnsorte
     MemoryImage image(Vector(4, 1, 1), 1, {0.5, 1.0, NaN, -inf});
     ThresholdFilter filter(&image, 1.0, 3.0, -7.0, false);
     EXPECT_EQ(openWhole(filter, 0, Box(Vector(4, 1, 1))), (std::vector<double>{3, -7, 3, 3}));
-    EXPECT_EQ(filter.getValueRange().min, 3.0);
-    EXPECT_EQ(filter.getValueRange().max, -7.0);
+    EXPECT_EQ(std::make_pair(filter.getValueRange().min, filter.getValueRange().max), std::make_pair(3.0, -7.0));
 }
 
 TEST(ClampingFilter, RepeatsTheEdgesOfTheFirstInsideSliceOnly)
@@ -280,4 +277,6 @@ TEST(VoxelSizeModificationFilter, ScalesXAndYByAThirtyTwoBitShiftOfTheLevel)
     EXPECT_EQ(filter.getVoxelSize(32), Vector(2, 3, 5));
     EXPECT_EQ(filter.getVoxelSize(35), Vector(16, 24, 5));
     EXPECT_EQ(filter.getVoxelSize(-1), Vector(-(2LL << 31), -(3LL << 31), 5));
+    // Without a size, the input's level-0 size is taken.
+    EXPECT_EQ(VoxelSizeModificationFilter(&image, false).getVoxelSize(1), image.getVoxelSize(1));
 }
