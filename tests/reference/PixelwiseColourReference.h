@@ -1,7 +1,6 @@
 #pragma once
 
-// RGB to quantised HSV by the hexcone definition and exact colour replacement, voxel by voxel, on
-// region buffers.
+// RGB to quantised HSV by the hexcone definition and exact colour replacement, on region buffers.
 
 #include <cmath>
 #include <cstddef>
