@@ -259,7 +259,8 @@ def test_a_python_pixel_processing_filter_sees_every_voxel(rng):
             return "mean"
 
     values = integers(rng, channels=3, y=5, x=6, high=10)
-    out = Mean(nuvek.ChannelBank(nuvek.MemoryImage(values)), ["Channel 0", "Channel 2"]).open_region(0, ((-1, 0, 0), (5, 4, 0)))
+    mean = Mean(nuvek.ChannelBank(nuvek.MemoryImage(values)), ["Channel 0", "Channel 2"])
+    out = mean.open_region(0, ((-1, 0, 0), (5, 4, 0)))
     assert out.shape == (1, 1, 5, 7)
     assert np.array_equal(out[0, 0, :, 1:], (values[0, 0] + values[2, 0]) / 2)
     assert np.all(out[0, 0, :, 0] == 0)
