@@ -139,7 +139,6 @@ TEST_F(ToolRun, CommandLinesExitWithTheirCodeAndMessageAndBadOnesWriteNothing)
     std::string const run = "run " + input + " " + path("never.tif");
     Case const cases[] = {
         {run + " --chain 'gaussian 4'", 2, "gaussian: Kernel size must be odd."},
-        {run + " --chain 'blur 3'", 2, "Unknown filter 'blur'"},
         {run + " --chain 'clamp |'", 2, "Bad chain expression at character 8"},
         {run, 2, "--chain is missing"},
         {"run " + path("missing.tif") + " " + path("never.tif") + " --chain clamp", 2, "no such file"},
@@ -153,7 +152,6 @@ TEST_F(ToolRun, CommandLinesExitWithTheirCodeAndMessageAndBadOnesWriteNothing)
         {run + " --chain clamp --compression zstd --compression-level 23", 2,
          "--compression-level must be from 1 to 22 for zstd, got 23."},
         {run + " --chain clamp --type uint8 --range 5,5", 2, "--range takes LO,HI with LO < HI"},
-        {run + " --chain clamp --type uint8 --range '0,1;'", 2, "--range takes LO,HI"},
         {run + " --chain clamp --type uint8 --range 0,x", 2, "--range takes LO,HI"},
         {run + " --chain clamp --type uint8 --range '0,1;0,2'", 2,
          "--range gives 2 ranges, the output has 3 channels."},
@@ -180,7 +178,6 @@ TEST_F(ToolRun, CommandLinesExitWithTheirCodeAndMessageAndBadOnesWriteNothing)
              " (in use, or not an address of this machine); choose another with --port or --host.\n"},
         {"info " + input, 0, "Reader:      TiffImage\n"},
         {"info " + input, 0, "level 0   301 x 259 x 1 voxels, voxel size "},
-        {"info " + input, 0, "Channels:    3"},
         {"filters", 0, "gaussian k"},
         {"run --help", 0, "Default: the input's own sample type when the chain"},
     };
