@@ -16,35 +16,29 @@ function fail(message) {
 // Starts `nuvek view` on a free port; resolves with the process and the page's address.
 function startViewer(slide) {
   const server = spawn(nuvek, ['view', slide, '--port', '0', '--threads', '2'], { stdio: ['ignore', 'pipe', 'pipe'] });
-  let output = '';
-  server.output = () => output;
+  server.output = '';
+  server.exited = new Promise((resolve) => server.on('exit', resolve));
   return new Promise((resolve, reject) => {
-    const timer = setTimeout(() => reject(new Error(`nuvek view did not start: ${output}`)), 60000);
     const read = (chunk) => {
-      output += chunk;
-      const found = output.match(/http:\/\/127\.0\.0\.1:\d+\//);
-      if (found) { clearTimeout(timer); resolve({ server, url: found[0] }); }
+      server.output += chunk;
+      const found = server.output.match(/http:\/\/127\.0\.0\.1:\d+\//);
+      if (found) resolve({ server, url: found[0] });
     };
     server.stdout.on('data', read);
     server.stderr.on('data', read);
-    server.on('exit', (code) => { clearTimeout(timer); reject(new Error(`nuvek view exited with ${code}: ${output}`)); });
+    server.exited.then((code) => reject(new Error(`nuvek view exited with ${code}: ${server.output}`)));
+    setTimeout(() => reject(new Error(`nuvek view did not start: ${server.output}`)), 60000).unref();
   });
 }
 
-// Stops the server with Ctrl-C and expects a clean exit.
-function stopViewer(server) {
-  if (server.exitCode !== null || server.signalCode !== null) {
-    return Promise.reject(new Error(`nuvek view ended early (${server.exitCode ?? server.signalCode}): ${server.output()}`));
-  }
-  return new Promise((resolve, reject) => {
-    const timer = setTimeout(() => { server.kill('SIGKILL'); reject(new Error('nuvek view did not stop on SIGINT')); }, 30000);
-    server.removeAllListeners('exit');
-    server.on('exit', (code) => {
-      clearTimeout(timer);
-      code === 0 ? resolve() : reject(new Error(`nuvek view exited with ${code}: ${server.output()}`));
-    });
-    server.kill('SIGINT');
-  });
+// Stops the server with Ctrl-C and expects a clean exit (and none before).
+async function stopViewer(server) {
+  if (server.exitCode !== null) fail(`nuvek view ended early (${server.exitCode}): ${server.output}`);
+  const timer = setTimeout(() => server.kill('SIGKILL'), 30000);
+  server.kill('SIGINT');
+  const code = await server.exited;
+  clearTimeout(timer);
+  if (code !== 0) fail(`nuvek view did not stop cleanly on SIGINT (${code}): ${server.output}`);
 }
 
 async function waitForTiles(page) {
