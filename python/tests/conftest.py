@@ -1,5 +1,3 @@
-import os
-
 import numpy as np
 import pytest
 
@@ -14,37 +12,10 @@ def same_bits(a, b):
 
 
 def first_difference(a, b):
-    """A readable (c, z, y, x) position and both values of the first differing voxel."""
+    """The (c, z, y, x) position and both values of the first differing voxel."""
     differing = np.argwhere(a.view(np.uint64) != b.view(np.uint64))
-    if len(differing) == 0:
-        return "no difference"
-    position = tuple(int(i) for i in differing[0])
-    return f"at (c, z, y, x) = {position}: {a[position].hex()} vs {b[position].hex()}"
-
-
-@pytest.fixture
-def chain_reference():
-    """Runs the C++-only reference program on values (channels, z, y, x) and returns its region."""
-    program = os.environ.get("NUVEK_CHAIN_REFERENCE")
-    if not program:
-        pytest.fail("NUVEK_CHAIN_REFERENCE is not set: run the tests through ctest.")
-
-    def run(tmp_path, expression, values, level, box):
-        import subprocess
-
-        values = np.ascontiguousarray(values, dtype=np.float64)
-        channels, z, y, x = values.shape
-        source = tmp_path / "input.raw"
-        target = tmp_path / "output.raw"
-        values.tofile(source)
-        (x0, y0, z0), (x1, y1, z1) = box
-        arguments = [program, expression, str(source), str(x), str(y), str(z), str(channels), str(level)]
-        arguments += [str(v) for v in (x0, y0, z0, x1, y1, z1)] + [str(target)]
-        subprocess.run(arguments, check=True, capture_output=True)
-        result = np.fromfile(target, dtype=np.float64)
-        return result.reshape((-1, z1 - z0 + 1, y1 - y0 + 1, x1 - x0 + 1))
-
-    return run
+    position = tuple(int(i) for i in differing[0]) if len(differing) else None
+    return position and f"at (c, z, y, x) = {position}: {a[position].hex()} vs {b[position].hex()}"
 
 
 @pytest.fixture
@@ -53,13 +24,12 @@ def rng():
 
 
 def grey(rng, channels=1, z=1, y=29, x=37, special=True):
+    """Values of 0 to 255 (channels, z, y, x); with two each of NaN, +inf and -inf when special."""
     values = rng.uniform(0.0, 255.0, size=(channels, z, y, x)).round(3)
     if special:
         flat = values.reshape(-1)
         picks = rng.choice(flat.size, size=6, replace=False)
-        flat[picks[:2]] = np.nan
-        flat[picks[2:4]] = np.inf
-        flat[picks[4:]] = -np.inf
+        flat[picks[:2]], flat[picks[2:4]], flat[picks[4:]] = np.nan, np.inf, -np.inf
     return values
 
 

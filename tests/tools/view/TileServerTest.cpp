@@ -1,73 +1,173 @@
 // The tile server over HTTP on loopback: its tiles against the same chain opened in memory, its
-// refusals, its cache and its faults.
-#include "ViewTestServer.h"
-
+// endpoints in one table, its cache, its faults and many clients at once.
+#include "view/TileServer.h"
 #include "view/DisplayMapping.h"
 #include "view/ViewAssets.h"
 
 #include <nuvek/Nuvek.h>
-#include <nuvek/chains/ChainExpression.h>
-#include <nuvek/chains/FilterRegistry.h>
+#include <nuvek/NuvekChains.h>
 
 #include "support/FaultyImage.h"
 #include "support/Messages.h"
 #include "support/RandomImages.h"
 
 #include <gtest/gtest.h>
-
-#include <sys/socket.h>
-#include <unistd.h>
+#include <httplib.h>
+#include <png.h>
+#include <turbojpeg.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <random>
+#include <thread>
+
+#if defined(__SANITIZE_THREAD__)
+// ThreadSanitizer sees the HTTP library's accesses only through the memcpy and memcmp it calls, not
+// the synchronisation of its uninstrumented code (Debian ships it compiled), and reports races
+// between its connection threads that are none. Races with a frame inside that library are
+// suppressed; its other calls (close, accept) stay visible, so descriptors are still followed.
+extern "C" char const* __tsan_default_suppressions()
+{
+    return "race:libcpp-httplib.so\n";
+}
+#endif
 
 using Nuvek::Box;
 using Nuvek::Vector;
 
 namespace {
 
+// A TileServer over an image, serving on a free loopback port from a thread of its own, with
+// placeholder page files.
+class ViewTestServer
+{
+public:
+    ViewTestServer(Nuvek::Image& source, NuvekTool::TileServerSettings settings)
+        : assets(std::filesystem::temp_directory_path() / ("nuvek-view-test-" + std::to_string(std::random_device()())))
+    {
+        std::filesystem::create_directories(assets);
+        for (char const* name : {"index.html", "viewer.js", "viewer.css", "openseadragon.min.js"})
+            std::ofstream(assets / name) << "placeholder " << name;
+        settings.host = "127.0.0.1";
+        settings.port = 0;
+        tileServer = std::make_unique<NuvekTool::TileServer>(
+            source, NuvekTool::ViewAssets(assets.string(), (assets / "openseadragon.min.js").string()), settings);
+        boundPort = tileServer->bind();
+        serving = std::thread([this] { tileServer->serve(); });
+    }
+    ~ViewTestServer()
+    {
+        tileServer->stop();
+        serving.join();
+        tileServer.reset();
+        std::filesystem::remove_all(assets);
+    }
+
+    NuvekTool::TileServer& server() { return *tileServer; }
+    int port() const { return boundPort; }
+    // The server keeps its page in memory: the files may go.
+    void removeAssetFiles() { std::filesystem::remove_all(assets); }
+    std::unique_ptr<httplib::Client> client() const
+    {
+        auto client = std::make_unique<httplib::Client>("127.0.0.1", boundPort);
+        client->set_read_timeout(120, 0);
+        return client;
+    }
+
+private:
+    std::filesystem::path assets;
+    std::unique_ptr<NuvekTool::TileServer> tileServer;
+    int boundPort = 0;
+    std::thread serving;
+};
+
+// 4 bytes per voxel, RGBA; empty when the bytes are no PNG or JPEG image.
+struct DecodedTile
+{
+    long long width = 0;
+    long long height = 0;
+    std::vector<unsigned char> rgba;
+};
+
+DecodedTile decodePng(std::string const& bytes)
+{
+    png_image image;
+    std::memset(&image, 0, sizeof image);
+    image.version = PNG_IMAGE_VERSION;
+    if (!png_image_begin_read_from_memory(&image, bytes.data(), bytes.size()))
+        return {};
+    image.format = PNG_FORMAT_RGBA;
+    DecodedTile tile{image.width, image.height, std::vector<unsigned char>(PNG_IMAGE_SIZE(image))};
+    if (!png_image_finish_read(&image, nullptr, tile.rgba.data(), 0, nullptr))
+        return {};
+    return tile;
+}
+
+DecodedTile decodeJpeg(std::string const& bytes)
+{
+    tjhandle const handle = tjInitDecompress();
+    int width = 0, height = 0, subsampling = 0, colourspace = 0;
+    auto const* data = reinterpret_cast<unsigned char const*>(bytes.data());
+    DecodedTile tile;
+    if (tjDecompressHeader3(handle, data, bytes.size(), &width, &height, &subsampling, &colourspace) == 0)
+    {
+        tile = DecodedTile{width, height, std::vector<unsigned char>(static_cast<std::size_t>(width) * height * 4)};
+        if (tjDecompress2(handle, data, bytes.size(), tile.rgba.data(), width, 0, height, TJPF_RGBA, 0) != 0)
+            tile = {};
+    }
+    tjDestroy(handle);
+    return tile;
+}
+
 // The documented mapping, written out: round(255 (v - min) / (max - min)), halves up, clamped; NaN 0.
 unsigned char displayByte(double value, double min, double max)
 {
-    if (std::isnan(value))
-        return 0;
     double const scaled = 255.0 * (value - min) / (max - min);
-    if (scaled <= 0.0)
+    if (std::isnan(value) || scaled <= 0.0)
         return 0;
-    if (scaled >= 255.0)
-        return 255;
-    return static_cast<unsigned char>(std::floor(scaled + 0.5));
+    return scaled >= 255.0 ? 255 : static_cast<unsigned char>(std::floor(scaled + 0.5));
 }
 
-// The expected RGBA of a tile box: grey for one channel, the first three channels as RGB otherwise.
-std::vector<unsigned char> expectedTile(Nuvek::Image& chain, long long level, Box const& box, double min, double max)
+// The expected RGBA of the chain over source in a tile box: grey for one channel, the first three
+// channels as RGB otherwise, transparent where a value is NaN.
+std::vector<unsigned char> expectedTile(Nuvek::Image& source, std::string const& text, long long level, Box const& box,
+                                        double min, double max)
 {
+    auto const chain = Nuvek::FilterRegistry::buildChain(
+        text.empty() ? Nuvek::ChainExpression() : Nuvek::parseChainExpression(text), &source);
     long long const voxels = box.getSize();
-    long long const channels = chain.getNumChannels();
+    long long const channels = chain->output->getNumChannels();
     std::vector<double> values(static_cast<std::size_t>(voxels * channels));
-    chain.openRegion(values.data(), level, box);
-    std::vector<unsigned char> rgba(static_cast<std::size_t>(voxels * 4));
+    chain->output->openRegion(values.data(), level, box);
+    std::vector<unsigned char> rgba(static_cast<std::size_t>(voxels * 4), 255);
     for (long long i = 0; i < voxels; ++i)
-    {
-        bool missing = false;
         for (long long c = 0; c < 3; ++c)
         {
             long long const from = channels == 1 ? 0 : c;
             double const value = from < channels ? values[static_cast<std::size_t>(from * voxels + i)] : 0.0;
-            missing = missing || std::isnan(value);
             rgba[static_cast<std::size_t>(4 * i + c)] = displayByte(value, min, max);
+            if (std::isnan(value))
+                rgba[static_cast<std::size_t>(4 * i + 3)] = 0;
         }
-        rgba[static_cast<std::size_t>(4 * i + 3)] = missing ? 0 : 255;
-    }
     return rgba;
+}
+
+std::string tilePath(int layer, long long level, long long x, long long y, std::string const& rest = ".png")
+{
+    return "/api/layers/" + std::to_string(layer) + "/tiles/" + std::to_string(level) + "/" + std::to_string(x) + "_" +
+           std::to_string(y) + rest;
 }
 
 class TileServerTest : public ::testing::Test
@@ -88,83 +188,60 @@ protected:
 
 TEST_F(TileServerTest, TilesEqualTheChainOpenedInMemoryAtEveryLevelIncludingEdgeTiles)
 {
-    NuvekTest::ViewTestServer view(*source, settings);
-    std::vector<std::string> const chains = {"", "clamp | gaussian 3", "channel 1 | threshold 100 0 1",
-                                             "concat (channel 2) (channel 0)"};
-    for (std::string const& text : chains)
+    ViewTestServer view(*source, settings);
+    auto client = view.client();
+    ASSERT_GE(source->getNumLevels(), 3);
+    for (std::string const text :
+         {"", "clamp | gaussian 3", "channel 1 | threshold 100 0 1", "concat (channel 2) (channel 0)"})
     {
         int const id = text.empty() ? 0 : view.server().addLayer(text);
-        Nuvek::ChainExpression const expression =
-            text.empty() ? Nuvek::ChainExpression() : Nuvek::parseChainExpression(text);
-        std::unique_ptr<Nuvek::Chain> const chain = Nuvek::FilterRegistry::buildChain(expression, source.get());
-        auto client = view.client();
-        double const min = text.find("threshold") != std::string::npos ? 0.0 : 30.5;
-        double const max = text.find("threshold") != std::string::npos ? 1.0 : 220.0;
-        long long tiles = 0;
-        long long expectedTiles = 0;
+        bool const binary = text.find("threshold") != std::string::npos;
+        double const min = binary ? 0.0 : 30.5;
+        double const max = binary ? 1.0 : 220.0;
         for (long long level = 0; level < source->getNumLevels(); ++level)
         {
             Vector const extent = source->getExtent(level);
-            expectedTiles += (extent.x + 127) / 128 * ((extent.y + 127) / 128);
             for (long long y = 0; y * 128 < extent.y; ++y)
                 for (long long x = 0; x * 128 < extent.x; ++x)
                 {
-                    std::string const path = "/api/layers/" + std::to_string(id) + "/tiles/" + std::to_string(level) +
-                                             "/" + std::to_string(x) + "_" + std::to_string(y) +
-                                             ".png?min=" + std::to_string(min) + "&max=" + std::to_string(max);
+                    std::string const path =
+                        tilePath(id, level, x, y, binary ? ".png?min=0&max=1" : ".png?min=30.5&max=220");
                     auto const response = client->Get(path.c_str());
-                    ASSERT_TRUE(response) << path;
-                    ASSERT_EQ(200, response->status) << path << ": " << response->body;
+                    ASSERT_TRUE(response && response->status == 200) << path;
                     Box const box(Vector(x * 128, y * 128, 0), Vector(std::min(extent.x, x * 128 + 128) - 1,
                                                                       std::min(extent.y, y * 128 + 128) - 1, 0));
-                    NuvekTest::DecodedTile const tile = NuvekTest::decodePng(response->body);
+                    DecodedTile const tile = decodePng(response->body);
                     ASSERT_EQ(box.getExtent().x, tile.width) << path;
                     ASSERT_EQ(box.getExtent().y, tile.height) << path;
-                    std::vector<unsigned char> const expected = expectedTile(*chain->output, level, box, min, max);
-                    for (std::size_t i = 0; i < expected.size(); ++i)
-                        ASSERT_EQ(int(expected[i]), int(tile.rgba[i]))
-                            << "chain '" << text << "', " << path << ", voxel " << i / 4 << ", component " << i % 4;
-                    ++tiles;
+                    ASSERT_EQ(expectedTile(*source, text, level, box, min, max), tile.rgba) << text << " " << path;
                 }
         }
-        EXPECT_EQ(expectedTiles, tiles) << "tiles over every level of '" << text << "'";
-        EXPECT_GE(source->getNumLevels(), 3);
     }
 }
 
 TEST_F(TileServerTest, WithoutARangeTilesUseTheLayersAutomaticRangeAndOneChannelTakesAColourMap)
 {
-    NuvekTest::ViewTestServer view(*source, settings);
-    int const id = view.server().addLayer("clamp | gaussian 5 | channel 0");
+    ViewTestServer view(*source, settings);
+    std::string const chain = "clamp | gaussian 5 | channel 0";
+    int const id = view.server().addLayer(chain);
     auto client = view.client();
-    auto const info = client->Get("/api/info");
-    ASSERT_TRUE(info);
-    std::string const layer = "\"id\":" + std::to_string(id);
-    std::size_t const at = info->body.find(layer);
-    ASSERT_NE(std::string::npos, at) << info->body;
-    std::size_t const rangeAt = info->body.find("\"range\":[", at) + 9;
-    double const min = std::stod(info->body.substr(rangeAt));
-    double const max = std::stod(info->body.substr(info->body.find(',', rangeAt) + 1));
+    std::string const info = client->Get("/api/info")->body;
+    std::size_t const at = info.find("\"range\":[", info.find("\"id\":" + std::to_string(id)));
+    ASSERT_NE(std::string::npos, at) << info;
+    double const min = std::stod(info.substr(at + 9));
+    double const max = std::stod(info.substr(info.find(',', at) + 1));
     ASSERT_LT(min, max);
 
-    Nuvek::ChainExpression const expression = Nuvek::parseChainExpression("clamp | gaussian 5 | channel 0");
-    std::unique_ptr<Nuvek::Chain> const chain = Nuvek::FilterRegistry::buildChain(expression, source.get());
-    Box const box(Vector(128, 0, 0), Vector(255, 127, 0));
-    std::vector<unsigned char> const grey = expectedTile(*chain->output, 1, box, min, max);
-    auto const plain = client->Get(("/api/layers/" + std::to_string(id) + "/tiles/1/1_0.png").c_str());
-    ASSERT_TRUE(plain);
-    EXPECT_EQ(grey, NuvekTest::decodePng(plain->body).rgba);
-
-    auto const heat = client->Get(("/api/layers/" + std::to_string(id) + "/tiles/1/1_0.png?map=heat").c_str());
-    ASSERT_TRUE(heat);
-    std::vector<unsigned char> const coloured = NuvekTest::decodePng(heat->body).rgba;
-    ASSERT_EQ(grey.size(), coloured.size());
+    std::vector<unsigned char> const grey =
+        expectedTile(*source, chain, 1, Box(Vector(128, 0, 0), Vector(255, 127, 0)), min, max);
+    EXPECT_EQ(grey, decodePng(client->Get(tilePath(id, 1, 1, 0).c_str())->body).rgba);
+    std::vector<unsigned char> const heat =
+        decodePng(client->Get(tilePath(id, 1, 1, 0, ".png?map=heat").c_str())->body).rgba;
+    ASSERT_EQ(grey.size(), heat.size());
     for (std::size_t i = 0; i < grey.size(); i += 4)
     {
         auto const colour = NuvekTool::DisplayMapping::colourOf(NuvekTool::ColourMap::Heat, grey[i]);
-        ASSERT_EQ(colour[0], coloured[i]);
-        ASSERT_EQ(colour[1], coloured[i + 1]);
-        ASSERT_EQ(colour[2], coloured[i + 2]);
+        ASSERT_EQ(colour, (std::array<unsigned char, 3>{heat[i], heat[i + 1], heat[i + 2]})) << i / 4;
     }
 }
 
@@ -172,13 +249,14 @@ TEST(DisplayMappingTest, ColourMapsRunFromTheirFirstToTheirLastStopThroughTheMid
 {
     using NuvekTool::ColourMap;
     using NuvekTool::DisplayMapping;
-    EXPECT_EQ((std::array<unsigned char, 3>{0, 0, 0}), DisplayMapping::colourOf(ColourMap::Heat, 0));
-    EXPECT_EQ((std::array<unsigned char, 3>{255, 0, 0}), DisplayMapping::colourOf(ColourMap::Heat, 85));
-    EXPECT_EQ((std::array<unsigned char, 3>{255, 255, 255}), DisplayMapping::colourOf(ColourMap::Heat, 255));
-    EXPECT_EQ((std::array<unsigned char, 3>{68, 1, 84}), DisplayMapping::colourOf(ColourMap::Viridis, 0));
-    EXPECT_EQ((std::array<unsigned char, 3>{253, 231, 37}), DisplayMapping::colourOf(ColourMap::Viridis, 255));
+    using Colour = std::array<unsigned char, 3>;
+    EXPECT_EQ((Colour{0, 0, 0}), DisplayMapping::colourOf(ColourMap::Heat, 0));
+    EXPECT_EQ((Colour{255, 0, 0}), DisplayMapping::colourOf(ColourMap::Heat, 85));
+    EXPECT_EQ((Colour{255, 255, 255}), DisplayMapping::colourOf(ColourMap::Heat, 255));
+    EXPECT_EQ((Colour{68, 1, 84}), DisplayMapping::colourOf(ColourMap::Viridis, 0));
+    EXPECT_EQ((Colour{253, 231, 37}), DisplayMapping::colourOf(ColourMap::Viridis, 255));
     // Byte 128 is just past the middle stop (33, 144, 141), a 64th of the way to (39, 173, 129).
-    EXPECT_EQ((std::array<unsigned char, 3>{33, 144, 141}), DisplayMapping::colourOf(ColourMap::Viridis, 128));
+    EXPECT_EQ((Colour{33, 144, 141}), DisplayMapping::colourOf(ColourMap::Viridis, 128));
     // An empty range shows everything at or above it white, and a value below it black.
     DisplayMapping const flat(5.0, 5.0, ColourMap::Grey, -1);
     EXPECT_EQ(255, flat.toByte(5.0));
@@ -188,126 +266,105 @@ TEST(DisplayMappingTest, ColourMapsRunFromTheirFirstToTheirLastStopThroughTheMid
 
 TEST_F(TileServerTest, JpegTilesDecodeToTheImageWithinTheEncodersError)
 {
-    NuvekTest::ViewTestServer view(*source, settings);
-    auto client = view.client();
-    auto const response = client->Get("/api/layers/0/tiles/0/4_3.jpg?min=0&max=255");
-    ASSERT_TRUE(response);
-    ASSERT_EQ(200, response->status);
+    ViewTestServer view(*source, settings);
+    auto const response = view.client()->Get("/api/layers/0/tiles/0/4_3.jpg?min=0&max=255");
+    ASSERT_TRUE(response && response->status == 200);
     EXPECT_EQ("image/jpeg", response->get_header_value("Content-Type"));
-    NuvekTest::DecodedTile const tile = NuvekTest::decodeJpeg(response->body);
+    DecodedTile const tile = decodeJpeg(response->body);
     // The edge tile of a 600 x 420 level 0: 88 x 36.
     ASSERT_EQ(88, tile.width);
     ASSERT_EQ(36, tile.height);
     std::vector<unsigned char> const expected =
-        expectedTile(*source, 0, Box(Vector(512, 384, 0), Vector(599, 419, 0)), 0, 255);
+        expectedTile(*source, "", 0, Box(Vector(512, 384, 0), Vector(599, 419, 0)), 0, 255);
     double difference = 0.0;
     for (std::size_t i = 0; i < expected.size(); ++i)
-        if (i % 4 != 3)
-            difference += std::abs(int(expected[i]) - int(tile.rgba[i]));
+        difference += i % 4 == 3 ? 0 : std::abs(int(expected[i]) - int(tile.rgba[i]));
     // Random noise is JPEG's worst case; the mean error stays far below a wrong tile's (about 85).
     EXPECT_LT(difference / (88.0 * 36.0 * 3.0), 20.0);
 }
 
-TEST_F(TileServerTest, MalformedOrImpossibleRequestsAreRefusedWithTheirReason)
+TEST_F(TileServerTest, EveryEndpointAnswersWithItsStatusBodyAndType)
 {
-    NuvekTest::ViewTestServer view(*source, settings);
+    source->setValue(Vector(17, 9, 0), 1, std::nan(""));
+    ViewTestServer view(*source, settings);
     view.server().addLayer("clamp | gaussian 3");
+    view.removeAssetFiles();
     auto client = view.client();
     std::string const levels = std::to_string(source->getNumLevels());
-    std::string const beyond = std::to_string(source->getNumLevels());
+    // The source's values at one voxel as the server gives them: %.17g, and null for NaN or infinity.
+    auto valuesAt = [&](long long level, long long x, long long y) {
+        double values[3];
+        source->openRegion(values, level, Box(Vector(x, y, 0), Vector(x, y, 0)));
+        std::string json = "{\"level\":" + std::to_string(level) + ",\"x\":" + std::to_string(x) +
+                           ",\"y\":" + std::to_string(y) + ",\"z\":0,\"values\":[";
+        for (int c = 0; c < 3; ++c)
+        {
+            char number[32];
+            std::snprintf(number, sizeof number, "%.17g", values[c]);
+            json += (c == 0 ? "" : ",") + (std::isfinite(values[c]) ? std::string(number) : std::string("null"));
+        }
+        return json + "]}";
+    };
     struct Case
     {
         std::string path;
+        std::string posted; // a POST of this body when not empty
         int status;
-        std::string message;
+        std::string body; // not checked when empty
+        std::string type;
     };
+    std::string const text = "text/plain; charset=utf-8";
+    std::string const script = "text/javascript; charset=utf-8";
     Case const cases[] = {
-        {"/api/layers/7/tiles/0/0_0.png", 404, "there is no layer 7.\n"},
-        {"/api/layers/1/tiles/" + beyond + "/0_0.png", 404,
-         "level " + beyond + " is beyond the layer's " + levels + " levels.\n"},
-        {"/api/layers/1/tiles/0/5_0.png", 404, "tile 5_0 is outside level 0 (5 x 4 tiles).\n"},
-        {"/api/layers/1/tiles/0/0_4.png", 404, "tile 0_4 is outside level 0 (5 x 4 tiles).\n"},
-        {"/api/layers/1/tiles/0/0_0.png?min=abc", 400, "the parameter 'min' must be a finite number, got 'abc'.\n"},
-        {"/api/layers/1/tiles/0/0_0.png?max=inf", 400, "the parameter 'max' must be a finite number, got 'inf'.\n"},
-        {"/api/layers/1/tiles/0/0_0.png?map=rainbow", 400,
-         "unknown colour map 'rainbow': use grey, heat or viridis.\n"},
-        {"/api/layers/1/tiles/0/0_0.png?channel=3", 400,
-         "the parameter 'channel' must be -1 (all) or a channel from 0 to 2, got 3.\n"},
-        {"/api/layers/1/tiles/0/0_0.png?z=1", 404, "slice 1 is outside the image's 1 slices.\n"},
-        {"/api/layers/1/tiles/0/0_0.gif", 404, "not found: /api/layers/1/tiles/0/0_0.gif\n"},
-        {"/api/layers/1/tiles/0/-1_0.png", 404, "not found: /api/layers/1/tiles/0/-1_0.png\n"},
-        {"/api/layers/1/tiles/0/99999999999_0.png", 404, "not found: /api/layers/1/tiles/0/99999999999_0.png\n"},
-        {"/api/layers/1/values?x=3", 400, "the parameter 'y' is missing.\n"},
-        {"/api/layers/1/values?x=600&y=0", 404, "(600, 0) is outside level 0 (600 x 420).\n"},
-        {"/api/layers/1/values?x=0&y=0&level=" + beyond, 404,
-         "level " + beyond + " is not among the layer's " + levels + " levels.\n"},
-        {"/index.html", 404, "not found: /index.html\n"},
-        {"/../../etc/passwd", 404, ""},
-        {"/%2e%2e/%2e%2e/etc/passwd", 404, ""},
+        {"/", "", 200, "placeholder index.html", "text/html; charset=utf-8"},
+        {"/viewer.js", "", 200, "placeholder viewer.js", script},
+        {"/viewer.css", "", 200, "placeholder viewer.css", "text/css; charset=utf-8"},
+        {"/openseadragon.min.js", "", 200, "placeholder openseadragon.min.js", script},
+        {"/api/filters", "", 200, Nuvek::FilterRegistry::describe(), text},
+        {"/api/layers/7/tiles/0/0_0.png", "", 404, "there is no layer 7.\n", ""},
+        {"/api/layers/1/tiles/" + levels + "/0_0.png", "", 404,
+         "level " + levels + " is beyond the layer's " + levels + " levels.\n", ""},
+        {"/api/layers/1/tiles/0/5_0.png", "", 404, "tile 5_0 is outside level 0 (5 x 4 tiles).\n", ""},
+        {"/api/layers/1/tiles/0/0_4.png", "", 404, "tile 0_4 is outside level 0 (5 x 4 tiles).\n", ""},
+        {"/api/layers/1/tiles/0/0_0.png?min=abc", "", 400, "the parameter 'min' must be a finite number, got 'abc'.\n",
+         ""},
+        {"/api/layers/1/tiles/0/0_0.png?max=inf", "", 400, "the parameter 'max' must be a finite number, got 'inf'.\n",
+         ""},
+        {"/api/layers/1/tiles/0/0_0.png?map=rainbow", "", 400,
+         "unknown colour map 'rainbow': use grey, heat or viridis.\n", ""},
+        {"/api/layers/1/tiles/0/0_0.png?channel=3", "", 400,
+         "the parameter 'channel' must be -1 (all) or a channel from 0 to 2, got 3.\n", ""},
+        {"/api/layers/1/tiles/0/0_0.png?z=1", "", 404, "slice 1 is outside the image's 1 slices.\n", ""},
+        {"/api/layers/1/tiles/0/0_0.gif", "", 404, "not found: /api/layers/1/tiles/0/0_0.gif\n", ""},
+        {"/api/layers/1/tiles/0/-1_0.png", "", 404, "not found: /api/layers/1/tiles/0/-1_0.png\n", ""},
+        {"/api/layers/1/tiles/0/99999999999_0.png", "", 404, "not found: /api/layers/1/tiles/0/99999999999_0.png\n",
+         ""},
+        {"/api/layers/1/tiles/0/0_0.png?min=" + std::string(10000, '1'), "", 414, "", ""},
+        {"/api/layers/0/values?x=17&y=9", "", 200, valuesAt(0, 17, 9), ""},
+        {"/api/layers/0/values?x=4&y=2&level=2", "", 200, valuesAt(2, 4, 2), ""},
+        {"/api/layers/1/values?x=3", "", 400, "the parameter 'y' is missing.\n", ""},
+        {"/api/layers/1/values?x=600&y=0", "", 404, "(600, 0) is outside level 0 (600 x 420).\n", ""},
+        {"/api/layers/1/values?x=0&y=0&level=" + levels, "", 404,
+         "level " + levels + " is not among the layer's " + levels + " levels.\n", ""},
+        {"/index.html", "", 404, "not found: /index.html\n", ""},
+        {"/../../etc/passwd", "", 404, "", ""},
+        {"/%2e%2e/%2e%2e/etc/passwd", "", 404, "", ""},
+        {"/api/layers", "clamp | gaussian x", 400, "gaussian: parameter 'k' must be a whole number, got 'x'.\n", ""},
+        {"/api/layers", "blur 3", 400, "Unknown filter 'blur'. 'nuvek filters' lists them.\n", ""},
+        {"/api/layers", std::string(5000, ' '), 413, "a chain expression may be at most 4096 characters long.\n", ""},
+        {"/api/layers", std::string(100000, ' '), 413, "", ""},
+        // The server still serves after all that.
+        {"/api/layers/1/tiles/0/0_0.png", "", 200, "", "image/png"},
     };
     for (Case const& c : cases)
     {
-        auto const response = client->Get(c.path.c_str());
+        auto const response =
+            c.posted.empty() ? client->Get(c.path.c_str()) : client->Post(c.path.c_str(), c.posted, "text/plain");
         ASSERT_TRUE(response) << c.path;
         EXPECT_EQ(c.status, response->status) << c.path;
-        if (!c.message.empty())
-        {
-            EXPECT_EQ(c.message, response->body) << c.path;
-        }
+        EXPECT_TRUE(c.body.empty() || c.body == response->body) << c.path << ": " << response->body;
+        EXPECT_TRUE(c.type.empty() || c.type == response->get_header_value("Content-Type")) << c.path;
         EXPECT_EQ(std::string::npos, response->body.find("root:")) << c.path;
-    }
-
-    auto const badChain = client->Post("/api/layers", "clamp | gaussian x", "text/plain");
-    ASSERT_TRUE(badChain);
-    EXPECT_EQ(400, badChain->status);
-    EXPECT_EQ("gaussian: parameter 'k' must be a whole number, got 'x'.\n", badChain->body);
-    auto const unknown = client->Post("/api/layers", "blur 3", "text/plain");
-    ASSERT_TRUE(unknown);
-    EXPECT_EQ(400, unknown->status);
-    EXPECT_FALSE(unknown->body.empty());
-    auto const tooLong = client->Post("/api/layers", std::string(5000, ' '), "text/plain");
-    ASSERT_TRUE(tooLong);
-    EXPECT_EQ(413, tooLong->status);
-    EXPECT_EQ("a chain expression may be at most 4096 characters long.\n", tooLong->body);
-    auto const oversized = client->Post("/api/layers", std::string(100000, ' '), "text/plain");
-    ASSERT_TRUE(oversized);
-    EXPECT_EQ(413, oversized->status);
-    EXPECT_FALSE(oversized->body.empty());
-    auto const longPath = client->Get(("/api/layers/1/tiles/0/0_0.png?min=" + std::string(10000, '1')).c_str());
-    ASSERT_TRUE(longPath);
-    EXPECT_EQ(414, longPath->status);
-
-    // The server still serves after all that.
-    auto const good = client->Get("/api/layers/1/tiles/0/0_0.png");
-    ASSERT_TRUE(good);
-    EXPECT_EQ(200, good->status);
-}
-
-TEST_F(TileServerTest, ThePageAndItsAssetsComeFromMemory)
-{
-    NuvekTest::ViewTestServer view(*source, settings);
-    view.removeAssetFiles();
-    auto client = view.client();
-    struct Case
-    {
-        char const* path;
-        std::string body;
-        char const* type;
-    };
-    Case const cases[] = {
-        {"/", "placeholder index.html", "text/html; charset=utf-8"},
-        {"/viewer.js", "placeholder viewer.js", "text/javascript; charset=utf-8"},
-        {"/viewer.css", "placeholder viewer.css", "text/css; charset=utf-8"},
-        {"/openseadragon.min.js", "placeholder openseadragon.min.js", "text/javascript; charset=utf-8"},
-        {"/api/filters", Nuvek::FilterRegistry::describe(), "text/plain; charset=utf-8"},
-    };
-    for (Case const& c : cases)
-    {
-        auto const response = client->Get(c.path);
-        ASSERT_TRUE(response) << c.path;
-        EXPECT_EQ(200, response->status) << c.path;
-        EXPECT_EQ(c.body, response->body) << c.path;
-        EXPECT_EQ(c.type, response->get_header_value("Content-Type")) << c.path;
     }
 }
 
@@ -323,54 +380,20 @@ TEST(ViewAssetsTest, AMissingViewerFileIsNamed)
     std::filesystem::remove_all(page);
 }
 
-TEST_F(TileServerTest, PointValuesAreTheChainsValuesAtOneVoxelWithNaNAsNull)
-{
-    source->setValue(Vector(17, 9, 0), 1, std::nan(""));
-    NuvekTest::ViewTestServer view(*source, settings);
-    auto client = view.client();
-    for (long long level : {0LL, 2LL})
-    {
-        Vector const at(level == 0 ? 17 : 4, level == 0 ? 9 : 2, 0);
-        auto const response = client->Get(("/api/layers/0/values?x=" + std::to_string(at.x) +
-                                           "&y=" + std::to_string(at.y) + "&level=" + std::to_string(level))
-                                              .c_str());
-        ASSERT_TRUE(response);
-        ASSERT_EQ(200, response->status) << response->body;
-        double values[3];
-        source->openRegion(values, level, Box(at, at));
-        std::string expected = "{\"level\":" + std::to_string(level) + ",\"x\":" + std::to_string(at.x) +
-                               ",\"y\":" + std::to_string(at.y) + ",\"z\":0,\"values\":[";
-        for (int c = 0; c < 3; ++c)
-        {
-            char text[32];
-            std::snprintf(text, sizeof text, "%.17g", values[c]);
-            expected += (c == 0 ? "" : ",") + (std::isfinite(values[c]) ? std::string(text) : std::string("null"));
-        }
-        EXPECT_EQ(expected + "]}", response->body);
-        if (level == 0)
-        {
-            EXPECT_NE(std::string::npos, response->body.find(",null,")) << response->body;
-        }
-    }
-}
-
 TEST_F(TileServerTest, RevisitedTilesComeFromTheCacheWhichStaysWithinItsBound)
 {
     settings.cacheBytes = 200 * 1024;
-    NuvekTest::ViewTestServer view(*source, settings);
+    ViewTestServer view(*source, settings);
     int const id = view.server().addLayer("clamp | gaussian 3");
     auto client = view.client();
-    std::string const tile = "/api/layers/" + std::to_string(id) + "/tiles/0/1_1.png";
-    auto const first = client->Get(tile.c_str());
-    auto const second = client->Get(tile.c_str());
+    auto const first = client->Get(tilePath(id, 0, 1, 1).c_str());
+    auto const second = client->Get(tilePath(id, 0, 1, 1).c_str());
     ASSERT_TRUE(first && second);
     EXPECT_EQ(first->body, second->body);
     EXPECT_EQ(1, view.server().getTilesComputed());
     EXPECT_EQ(1, view.server().getCacheStatistics().hits);
     // Another mapping of the same box is another tile.
-    auto const remapped = client->Get((tile + "?min=0&max=100").c_str());
-    ASSERT_TRUE(remapped);
-    EXPECT_NE(first->body, remapped->body);
+    EXPECT_NE(first->body, client->Get(tilePath(id, 0, 1, 1, ".png?min=0&max=100").c_str())->body);
     EXPECT_EQ(2, view.server().getTilesComputed());
 
     // Every tile of every level under many mappings: far more than the bound holds.
@@ -379,34 +402,34 @@ TEST_F(TileServerTest, RevisitedTilesComeFromTheCacheWhichStaysWithinItsBound)
             for (long long y = 0; y * 128 < source->getExtent(level).y; ++y)
                 for (long long x = 0; x * 128 < source->getExtent(level).x; ++x)
                 {
-                    std::string const path = "/api/layers/" + std::to_string(id) + "/tiles/" + std::to_string(level) +
-                                             "/" + std::to_string(x) + "_" + std::to_string(y) +
-                                             ".png?min=" + std::to_string(range);
-                    auto const response = client->Get(path.c_str());
-                    ASSERT_TRUE(response);
-                    ASSERT_EQ(200, response->status);
-                    NuvekTool::TileCache::Statistics const statistics = view.server().getCacheStatistics();
-                    ASSERT_LE(statistics.bytes, settings.cacheBytes);
+                    auto const response =
+                        client->Get(tilePath(id, level, x, y, ".png?min=" + std::to_string(range)).c_str());
+                    ASSERT_TRUE(response && response->status == 200);
+                    ASSERT_LE(view.server().getCacheStatistics().bytes, settings.cacheBytes);
                 }
-    NuvekTool::TileCache::Statistics const statistics = view.server().getCacheStatistics();
-    EXPECT_GT(statistics.evictions, 0);
-    EXPECT_GT(statistics.bytes, settings.cacheBytes / 2);
+    EXPECT_GT(view.server().getCacheStatistics().evictions, 0);
+    EXPECT_GT(view.server().getCacheStatistics().bytes, settings.cacheBytes / 2);
     // The most recent tile is still there.
     long long const computed = view.server().getTilesComputed();
-    auto const again = client->Get(("/api/layers/" + std::to_string(id) + "/tiles/2/1_0.png?min=5").c_str());
-    ASSERT_TRUE(again);
+    ASSERT_TRUE(client->Get(tilePath(id, 2, 1, 0, ".png?min=5").c_str()));
     EXPECT_EQ(computed, view.server().getTilesComputed());
 }
 
-// A source whose values the test may change while the server runs: reads and changes take one lock.
-class ChangingImage : public NuvekTest::FaultyImage
+// A source the test controls while the server runs: its values may change, and its reads may wait
+// at a gate until the test opens it. Reads and changes take one lock.
+class ControlledImage : public NuvekTest::FaultyImage
 {
 public:
-    explicit ChangingImage(std::shared_ptr<Nuvek::MemoryImage> source) : FaultyImage(source), source(source) {}
+    ControlledImage(std::shared_ptr<Nuvek::MemoryImage> source, bool gated)
+        : FaultyImage(source), source(source), open(!gated)
+    {
+    }
 
     void openRegion(double* out, long long level, Box const& box) override
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        ++reads;
+        std::unique_lock<std::mutex> lock(mutex);
+        opened.wait(lock, [this] { return open; });
         FaultyImage::openRegion(out, level, box);
     }
     std::uint64_t getHash() override
@@ -419,19 +442,29 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         source->setValues(std::move(values));
     }
+    void openGate()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        open = true;
+        opened.notify_all();
+    }
+
+    std::atomic<int> reads{0};
 
 private:
     std::shared_ptr<Nuvek::MemoryImage> source;
     std::mutex mutex;
+    std::condition_variable opened;
+    bool open;
 };
 
 TEST_F(TileServerTest, AChangedHashIsNeverServedStale)
 {
-    ChangingImage changing(source);
-    NuvekTest::ViewTestServer view(changing, settings);
+    ControlledImage changing(source, false);
+    ViewTestServer view(changing, settings);
     int const id = view.server().addLayer("clamp | gaussian 3");
     auto client = view.client();
-    std::string const tile = "/api/layers/" + std::to_string(id) + "/tiles/0/0_0.png?min=0&max=255";
+    std::string const tile = tilePath(id, 0, 0, 0, ".png?min=0&max=255");
     auto const before = client->Get(tile.c_str());
     ASSERT_TRUE(before);
     std::vector<double> values = source->getValues();
@@ -441,81 +474,39 @@ TEST_F(TileServerTest, AChangedHashIsNeverServedStale)
     auto const after = client->Get(tile.c_str());
     ASSERT_TRUE(after);
     EXPECT_EQ(2, view.server().getTilesComputed());
+    EXPECT_EQ(expectedTile(changing, "clamp | gaussian 3", 0, Box(Vector(0, 0, 0), Vector(127, 127, 0)), 0, 255),
+              decodePng(after->body).rgba);
     EXPECT_NE(before->body, after->body);
-    Nuvek::ChainExpression const expression = Nuvek::parseChainExpression("clamp | gaussian 3");
-    std::unique_ptr<Nuvek::Chain> const chain = Nuvek::FilterRegistry::buildChain(expression, &changing);
-    EXPECT_EQ(expectedTile(*chain->output, 0, Box(Vector(0, 0, 0), Vector(127, 127, 0)), 0, 255),
-              NuvekTest::decodePng(after->body).rgba);
 }
 
 TEST_F(TileServerTest, AFailingTileAnswers500WithTheChainsMessageAndTheServerGoesOn)
 {
     NuvekTest::FaultyImage faulty(source);
-    NuvekTest::ViewTestServer view(faulty, settings);
+    ViewTestServer view(faulty, settings);
     int const id = view.server().addLayer("clamp | gaussian 3");
     auto client = view.client();
     faulty.arm(1);
-    auto const failed = client->Get(("/api/layers/" + std::to_string(id) + "/tiles/0/0_0.png").c_str());
+    auto const failed = client->Get(tilePath(id, 0, 0, 0).c_str());
     ASSERT_TRUE(failed);
     EXPECT_EQ(500, failed->status);
     EXPECT_EQ("the chain failed on this tile: injected fault\n", failed->body);
-    auto const retried = client->Get(("/api/layers/" + std::to_string(id) + "/tiles/0/0_0.png").c_str());
+    auto const retried = client->Get(tilePath(id, 0, 0, 0).c_str());
     ASSERT_TRUE(retried);
     EXPECT_EQ(200, retried->status);
     EXPECT_EQ(1, view.server().getTilesComputed());
 }
 
-// A source whose reads wait at a gate until the test opens it.
-class GatedImage : public NuvekTest::FaultyImage
-{
-public:
-    using FaultyImage::FaultyImage;
-
-    void openRegion(double* out, long long level, Box const& box) override
-    {
-        {
-            std::unique_lock<std::mutex> lock(mutex);
-            ++reads;
-            changed.notify_all();
-            changed.wait(lock, [this] { return open; });
-        }
-        FaultyImage::openRegion(out, level, box);
-    }
-    void waitForReads(int count)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return reads >= count; });
-    }
-    void openGate()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        open = true;
-        changed.notify_all();
-    }
-    int readCount()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return reads;
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    int reads = 0;
-    bool open = false;
-};
-
 TEST_F(TileServerTest, ATileWhoseClientHasGoneIsNotComputed)
 {
-    GatedImage gated(source);
+    ControlledImage gated(source, true);
     settings.threads = 1;
-    NuvekTest::ViewTestServer view(gated, settings);
+    ViewTestServer view(gated, settings);
     std::thread first([&] {
-        auto client = view.client();
-        auto const response = client->Get("/api/layers/0/tiles/0/0_0.png");
+        auto const response = view.client()->Get("/api/layers/0/tiles/0/0_0.png");
         EXPECT_TRUE(response && response->status == 200);
     });
-    gated.waitForReads(1);
+    while (gated.reads == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     // A second client asks for a tile while the only worker is busy, and hangs up.
     int const socket = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
@@ -535,7 +526,45 @@ TEST_F(TileServerTest, ATileWhoseClientHasGoneIsNotComputed)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(1, view.server().getTilesAbandoned());
     EXPECT_EQ(1, view.server().getTilesComputed());
-    EXPECT_EQ(1, gated.readCount());
+    EXPECT_EQ(1, gated.reads);
+}
+
+TEST(ViewLoadTest, ManyConcurrentTileRequestsAllSucceedWithinTheCacheBound)
+{
+    std::mt19937_64 random(7);
+    auto source = NuvekTest::randomImage(random, Vector(1536, 1536, 1), 1, {0.0, 1.0, 0.0});
+    NuvekTool::TileServerSettings settings;
+    settings.threads = 2;
+    settings.cacheBytes = 8 << 20;
+    ViewTestServer view(*source, settings);
+    int const id = view.server().addLayer("clamp | gaussian 5");
+    int const clients = 6;
+    int const requests = 80;
+    std::atomic<int> answered{0};
+    auto const start = std::chrono::steady_clock::now();
+    std::vector<std::thread> threads;
+    for (int client = 0; client < clients; ++client)
+        threads.emplace_back([&, client] {
+            std::mt19937_64 choose(100 + client);
+            auto http = view.client();
+            for (int i = 0; i < requests; ++i)
+            {
+                long long const level = static_cast<long long>(choose() % 3);
+                long long const tiles = (1536 >> level) / 256;
+                // A few mappings, so that some requests repeat a tile and others do not.
+                auto const response = http->Get(tilePath(id, level, choose() % tiles, choose() % tiles,
+                                                         ".png?max=" + std::to_string(1 + choose() % 4))
+                                                    .c_str());
+                answered += response && response->status == 200;
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    std::printf("[ load     ] %d requests from %d clients: %.1f requests/s, %lld tiles computed\n", clients * requests,
+                clients, clients * requests / seconds, view.server().getTilesComputed());
+    EXPECT_EQ(clients * requests, answered.load());
+    EXPECT_LE(view.server().getCacheStatistics().bytes, settings.cacheBytes);
 }
 
 } // namespace
