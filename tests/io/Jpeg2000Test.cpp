@@ -16,17 +16,10 @@ namespace {
 // Sample c of voxel (x, y) of page p.
 using Samples = std::function<int(long long p, long long x, long long y, long long c)>;
 
-OPJ_SIZE_T appendBytes(void* buffer, OPJ_SIZE_T bytes, void* user)
-{
-    auto& out = *static_cast<std::vector<unsigned char>*>(user);
-    out.insert(out.end(), static_cast<unsigned char*>(buffer), static_cast<unsigned char*>(buffer) + bytes);
-    return bytes;
-}
-
-// A lossless raw J2K codestream of the 64 x 64 tile at (x0, y0) of page p; component c is sampled
-// every `step[c]` voxels.
-std::vector<unsigned char> encodeTile(long long p, long long x0, long long y0, int bits, Samples const& value,
-                                      std::vector<int> const& step)
+// A lossless raw J2K codestream of the 64 x 64 tile at (x0, y0) of page p, by way of the file
+// `scratch`; component c is sampled every `step[c]` voxels.
+std::vector<unsigned char> encodeTile(std::string const& scratch, long long p, long long x0, long long y0, int bits,
+                                      Samples const& value, std::vector<int> const& step)
 {
     std::vector<opj_image_cmptparm_t> parameters(step.size());
     for (std::size_t c = 0; c < step.size(); ++c)
@@ -45,16 +38,10 @@ std::vector<unsigned char> encodeTile(long long p, long long x0, long long y0, i
                                             static_cast<long long>(c));
     opj_cparameters_t settings;
     opj_set_default_encoder_parameters(&settings);
-    settings.tcp_numlayers = 1;
-    settings.tcp_rates[0] = 0;
-    settings.cp_disto_alloc = 1;
     settings.numresolution = 3;
     opj_codec_t* codec = opj_create_compress(OPJ_CODEC_J2K);
     opj_setup_encoder(codec, &settings, image);
-    std::vector<unsigned char> bytes;
-    opj_stream_t* stream = opj_stream_default_create(OPJ_FALSE);
-    opj_stream_set_user_data(stream, &bytes, nullptr);
-    opj_stream_set_write_function(stream, appendBytes);
+    opj_stream_t* stream = opj_stream_create_default_file_stream(scratch.c_str(), OPJ_FALSE);
     bool const ok =
         opj_start_compress(codec, image, stream) && opj_encode(codec, stream) && opj_end_compress(codec, stream);
     opj_stream_destroy(stream);
@@ -62,7 +49,7 @@ std::vector<unsigned char> encodeTile(long long p, long long x0, long long y0, i
     opj_image_destroy(image);
     if (!ok)
         throw std::runtime_error("encoding a JPEG 2000 tile failed");
-    return bytes;
+    return readBytes(scratch);
 }
 
 // A tiled RGB TIFF whose tiles are J2K codestreams of `compression` (33003, 33005 or 34712).
@@ -86,7 +73,8 @@ void writeJpeg2000Tiff(std::string const& path, std::vector<std::pair<std::uint3
         for (std::uint32_t y = 0; y < pages[p].second; y += 64)
             for (std::uint32_t x = 0; x < pages[p].first; x += 64)
             {
-                std::vector<unsigned char> bytes = encodeTile(static_cast<long long>(p), x, y, bits, value, step);
+                std::vector<unsigned char> bytes =
+                    encodeTile(path + ".j2k", static_cast<long long>(p), x, y, bits, value, step);
                 ttile_t const index = TIFFComputeTile(tiff, x, y, 0, 0);
                 ASSERT_GE(TIFFWriteRawTile(tiff, index, bytes.data(), static_cast<tmsize_t>(bytes.size())), 0);
             }
