@@ -115,7 +115,9 @@ void expectTiffinfoReads(std::string const& path)
 // and 8 threads: the same bytes each time, one request per tile (per channel for one-channel
 // OME-TIFF pages), progress after every tile of every level, level 0 holding the stored values and
 // counted in the statistics, each further level the 2 x 2 means of the one above, down to the level
-// within one tile. tiffinfo reads the TIFF files.
+// within one tile. tiffinfo reads the TIFF files. JPEG, lossy, stays close on smooth images such
+// as slides, its coarser levels made from the level above as read back, and OpenSlide decodes its
+// RGB tiles as TiffImage does.
 TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
 {
     using T = TiffSampleType;
@@ -136,6 +138,8 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
         {{Format::Tiff, T::UInt8, C::Zstd}, Vector(333, 141, 1), 3, 5},
         {{Format::Tiff, T::UInt16, C::LZW, Z::None, 48}, Vector(90, 70, 3), 2, 2, true},
         {{Format::Tiff, T::Float32, C::Zstd}, Vector(333, 141, 1), 1, 5},
+        {{Format::Tiff, T::UInt8, C::JPEG, Z::None, 64}, Vector(300, 200, 1), 3, 4},
+        {{Format::Tiff, T::UInt8, C::JPEG, Z::None, 64}, Vector(300, 200, 1), 1, 4},
         {{Format::OmeTiff, T::UInt8, C::Deflate}, Vector(150, 100, 1), 3, 4},
         {{Format::OmeTiff, T::Float32, C::Deflate}, Vector(140, 110, 3), 1, 4},
         {{Format::OmeTiff, T::Float32, C::Deflate, Z::None, 16}, Vector(90, 70, 3), 2, 4},
@@ -152,7 +156,14 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
         Case const& test = cases[index];
         Written how = test.how;
         std::string const label = "case " + std::to_string(index);
-        auto values = randomImage(random, test.extent, test.channels, {-20.0, 120.0, 0.02});
+        SCOPED_TRACE(label);
+        bool const jpeg = how.format == Format::Tiff && how.tiffCompression == C::JPEG;
+        std::vector<double> smooth;
+        for (long long i = 0; jpeg && i < Box(test.extent).getSize() * test.channels; ++i)
+            smooth.push_back(std::floor(50.0 + 23.0 * std::sin(0.05 * static_cast<double>(i % 300 + 7 * (i / 60000))) *
+                                                   std::cos(0.04 * static_cast<double>(i / 300 % 200))));
+        auto values = jpeg ? std::make_shared<MemoryImage>(test.extent, test.channels, smooth)
+                           : randomImage(random, test.extent, test.channels, {-20.0, 120.0, 0.02});
         values->setValueRange(ValueRange<double>(0.0, 100.0));
         values->setVoxelSize(Vector(250, 500, 2000));
         // XML cannot hold control characters: OME-TIFF stores them as spaces.
@@ -182,17 +193,17 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
             ASSERT_TRUE(write(how, image, pathFor(folder + "/out", how.format), [&](long long done, long long all) {
                 calls.emplace_back(done, all);
                 return true;
-            })) << label;
+            }));
             if (threads == 1)
                 first = contentsOf(folder);
             else
-                EXPECT_EQ(contentsOf(folder), first) << label << ", " << threads << " threads";
+                EXPECT_EQ(contentsOf(folder), first) << threads << " threads";
         }
         std::string const path = pathFor(directory.path(std::to_string(index) + "-1/out"), how.format);
         auto file = readBack(how.format, path);
-        ASSERT_EQ(file->getExtent(0), test.extent) << label;
-        ASSERT_EQ(file->getNumChannels(), test.channels) << label;
-        ASSERT_EQ(file->getNumLevels(), test.levels) << label;
+        ASSERT_EQ(file->getExtent(0), test.extent);
+        ASSERT_EQ(file->getNumChannels(), test.channels);
+        ASSERT_EQ(file->getNumLevels(), test.levels);
         // Progress after every tile of every level, counting each page of one-channel OME-TIFF pages
         // and each chunk of every channel in zarr; one request per level-0 tile of each page.
         bool const plain = how.format == Format::Tiff;
@@ -202,22 +213,21 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
             return (extent.x + how.tile - 1) / how.tile * ((extent.y + how.tile - 1) / how.tile) * extent.z;
         };
         EXPECT_EQ(static_cast<long long>(image.requests().size()),
-                  3 * tiles(test.extent) * (how.format == Format::OmeTiff ? planes : 1))
-            << label;
+                  3 * tiles(test.extent) * (how.format == Format::OmeTiff ? planes : 1));
         long long total = 0;
         for (long long level = 0; level < test.levels; ++level)
             total += tiles(file->getExtent(level)) * planes;
         for (Request const& request : image.requests())
-            EXPECT_TRUE(request.level == 0 && request.box.intersected(Box(test.extent)) == request.box) << label;
-        ASSERT_EQ(static_cast<long long>(calls.size()), total) << label;
+            EXPECT_TRUE(request.level == 0 && request.box.intersected(Box(test.extent)) == request.box);
+        ASSERT_EQ(static_cast<long long>(calls.size()), total);
         for (std::size_t i = 0; i < calls.size(); ++i)
-            EXPECT_EQ(calls[i], std::make_pair(static_cast<long long>(i) + 1, total)) << label;
+            EXPECT_EQ(calls[i], std::make_pair(static_cast<long long>(i) + 1, total));
         if (how.format == Format::Zarr)
         {
             // A group with one array per level, chunks named level/c/z/y/x.
             std::string const last = std::to_string(test.levels - 1) + "/" + std::to_string(test.channels - 1) + "/" +
                                      std::to_string(test.extent.z - 1);
-            EXPECT_EQ(first.count("out.ome.zarr/.zgroup") + first.count("out.ome.zarr/" + last + "/0/0"), 2u) << label;
+            EXPECT_EQ(first.count("out.ome.zarr/.zgroup") + first.count("out.ome.zarr/" + last + "/0/0"), 2u);
         }
         else
             expectTiffinfoReads(path);
@@ -227,14 +237,13 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
         {
             std::string const colour = c == 0 ? "Red" : c == 1 ? "Green" : "Blue";
             EXPECT_EQ(file->getChannelName(c), rgb ? (plain ? colour : namesRead[0] + " " + colour)
-                                                   : (plain ? "Channel " + std::to_string(c) : namesRead[c]))
-                << label;
+                                                   : (plain ? "Channel " + std::to_string(c) : namesRead[c]));
         }
-        EXPECT_EQ(file->getVoxelSize(1), Vector(500, 1000, plain ? 1 : 2000)) << label;
-        EXPECT_EQ(file->getTileExtent(), Vector(how.tile, how.tile, 1)) << label;
+        EXPECT_EQ(file->getVoxelSize(1), Vector(500, 1000, plain ? 1 : 2000));
+        EXPECT_EQ(file->getTileExtent(), Vector(how.tile, how.tile, 1));
         // Integer files cover their type's range; float files keep the image's.
         double const top = how.type == T::UInt8 ? 255.0 : how.type == T::UInt16 ? 65535.0 : 100.0;
-        EXPECT_EQ(file->getValueRange().max, top) << label;
+        EXPECT_EQ(file->getValueRange().max, top);
 
         std::vector<double> expected;
         SampleStatistics counted{0, 0, how.type == T::Float32 ? 0.0 : top, 0.0};
@@ -255,14 +264,21 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
             counted.lowestStored = std::min(counted.lowestStored, expected.back());
             counted.highestStored = std::max(counted.highestStored, expected.back());
         }
-        EXPECT_EQ(countsOf(statistics), countsOf(counted)) << label;
+        EXPECT_EQ(countsOf(statistics), countsOf(counted));
         Box const whole(test.extent);
-        EXPECT_TRUE(sameBits(expected, openWhole(*file, 0, whole), whole, label));
+        std::vector<double> const stored = openWhole(*file, 0, whole);
+        EXPECT_TRUE(jpeg ? nearlyEqual(expected, stored, whole, 16.0, label)
+                         : sameBits(expected, stored, whole, label));
+        if (jpeg && rgb)
+        {
+            Nuvek::SlideImage slide(path);
+            EXPECT_TRUE(sameBits(stored, openWhole(slide, 0, whole), whole, label));
+        }
         for (long long level = 1; level < test.levels; ++level)
         {
             Vector const up = file->getExtent(level - 1);
             Vector const extent = file->getExtent(level);
-            EXPECT_EQ(extent, Vector(up.x / 2, up.y / 2, up.z)) << label;
+            EXPECT_EQ(extent, Vector(up.x / 2, up.y / 2, up.z));
             // Level L + 1 from level L as read back: the 2 x 2 block means of each slice.
             std::vector<double> const above = openWhole(*file, level - 1, Box(up));
             std::vector<double> means;
@@ -278,8 +294,10 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
                                                        : std::min(top, std::floor(mean + 0.5)));
             }
             // Which NaN a mean of +inf and -inf gives depends on the order of the sums: no contract.
-            EXPECT_TRUE(sameBitsAnyNaN(means, openWhole(*file, level, Box(extent)), Box(extent),
-                                       label + " level " + std::to_string(level)));
+            std::vector<double> const read = openWhole(*file, level, Box(extent));
+            std::string const context = label + " level " + std::to_string(level);
+            EXPECT_TRUE(jpeg ? nearlyEqual(means, read, Box(extent), 16.0, context)
+                             : sameBitsAnyNaN(means, read, Box(extent), context));
         }
     }
 }
@@ -365,16 +383,9 @@ TEST(Writers, BadOptionsAreRefusedBeforeAnythingIsWritten)
             "JPEG compression needs uint8 samples"),
         tiff([](auto& o) { o.compression = TiffCompression::JPEG; },
              "JPEG compression needs 1 (grey) or 3 (RGB) channels, the image has 2", &twoChannels),
-        tiff(
-            [](auto& o) {
-                o.channelRanges = {{0.0, 1.0}, {0.0, 2.0}};
-            },
-            "there are 2 channel ranges for 1 channels"),
-        tiff(
-            [](auto& o) {
-                o.channelRanges = {{0.0, -1.0}};
-            },
-            integerRange),
+        tiff([](auto& o) { o.channelRanges.assign(2, ValueRange<double>(0.0, 1.0)); },
+             "there are 2 channel ranges for 1 channels"),
+        tiff([](auto& o) { o.channelRanges.assign(1, ValueRange<double>(0.0, -1.0)); }, integerRange),
         tiff([](auto& o) { o.valueRange = ValueRange<double>(1.0, 1.0); }, integerRange),
         tiff([](auto& o) { o.valueRange = ValueRange<double>(0.0, inf); }, integerRange),
         tiff([](auto&) {}, "the image is empty at level 0", &empty),
@@ -386,11 +397,8 @@ TEST(Writers, BadOptionsAreRefusedBeforeAnythingIsWritten)
                 o.compressionLevel = 10;
             },
             "the zlib level must be from 1 to 9, not 10"),
-        zarr(
-            [](auto& o) {
-                o.channelRanges = {{0.0, 1.0}, {0.0, 2.0}};
-            },
-            "there are 2 channel ranges for 1 channels"),
+        zarr([](auto& o) { o.channelRanges.assign(2, ValueRange<double>(0.0, 1.0)); },
+             "there are 2 channel ranges for 1 channels"),
     };
     for (Case const& test : cases)
         EXPECT_EQ(messageOf([&] { test.first(directory.path("out")); }), test.second);
@@ -403,51 +411,6 @@ TEST(Writers, BadOptionsAreRefusedBeforeAnythingIsWritten)
     // Float samples are stored unscaled, so any range will do.
     image.setValueRange(ValueRange<double>(0.0, inf));
     EXPECT_TRUE(write({Format::Tiff}, image, directory.path("float.tif")));
-}
-
-// JPEG tiles stay close to smooth images such as slides, come out the same on any number of
-// threads, and OpenSlide decodes them as TiffImage does.
-TEST(Writers, JpegTilesAreCloseToTheImageAndSlideReadersAgreeOnThem)
-{
-    TemporaryDirectory directory;
-    std::string const path = directory.path("jpeg.tif");
-    for (long long channels : {3LL, 1LL})
-    {
-        std::vector<double> values;
-        for (long long i = 0; i < 300 * 200 * channels; ++i)
-            values.push_back(std::floor(128.0 + 60.0 * std::sin(0.05 * static_cast<double>(i % 300 + 7 * (i / 60000))) *
-                                                    std::cos(0.04 * static_cast<double>(i / 300 % 200))));
-        MemoryImage image(Vector(300, 200, 1), channels, values);
-        image.setValueRange(ValueRange<double>(0.0, 255.0));
-        std::vector<std::vector<unsigned char>> bytes;
-        for (int threads : {1, 8})
-        {
-            ASSERT_TRUE(
-                write({Format::Tiff, TiffSampleType::UInt8, TiffCompression::JPEG, ZarrCompression::None, 64, threads},
-                      image, path));
-            bytes.push_back(readBytes(path));
-        }
-        EXPECT_TRUE(bytes[0] == bytes[1]) << channels;
-        TiffImage file(path);
-        ASSERT_EQ(file.getNumChannels(), channels);
-        ASSERT_EQ(file.getNumLevels(), 4);
-        Box const whole(Vector(300, 200, 1));
-        std::vector<double> const read = openWhole(file, 0, whole);
-        double largest = 0.0;
-        double sum = 0.0;
-        for (std::size_t i = 0; i < read.size(); ++i)
-        {
-            largest = std::max(largest, std::fabs(read[i] - values[i]));
-            sum += std::fabs(read[i] - values[i]);
-        }
-        EXPECT_LT(sum / static_cast<double>(read.size()), 1.5) << channels;
-        EXPECT_LT(largest, 16.0) << channels;
-        if (channels == 3)
-        {
-            Nuvek::SlideImage slide(path);
-            EXPECT_TRUE(sameBits(read, openWhole(slide, 0, whole), whole));
-        }
-    }
 }
 
 // The row conversion the compiler vectorises stores the bits and statistics of the plain loop, for
