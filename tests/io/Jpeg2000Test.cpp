@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <functional>
+#include <tuple>
 
 using namespace NuvekTest;
 
@@ -15,6 +16,7 @@ namespace {
 
 // Sample c of voxel (x, y) of page p.
 using Samples = std::function<int(long long p, long long x, long long y, long long c)>;
+using Pages = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
 
 // A lossless raw J2K codestream of the 64 x 64 tile at (x0, y0) of page p, by way of the file
 // `scratch`; component c is sampled every `step[c]` voxels.
@@ -53,8 +55,8 @@ std::vector<unsigned char> encodeTile(std::string const& scratch, long long p, l
 }
 
 // A tiled RGB TIFF whose tiles are J2K codestreams of `compression` (33003, 33005 or 34712).
-void writeJpeg2000Tiff(std::string const& path, std::vector<std::pair<std::uint32_t, std::uint32_t>> const& pages,
-                       std::uint16_t compression, int bits, std::vector<int> const& step, Samples const& value)
+void writeJpeg2000Tiff(std::string const& path, Pages const& pages, std::uint16_t compression, int bits,
+                       std::vector<int> const& step, Samples const& value)
 {
     TIFF* tiff = TIFFOpen(path.c_str(), "w");
     ASSERT_NE(tiff, nullptr);
@@ -66,7 +68,6 @@ void writeJpeg2000Tiff(std::string const& path, std::vector<std::pair<std::uint3
         TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bits);
         TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 3);
         TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
-        TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
         TIFFSetField(tiff, TIFFTAG_TILEWIDTH, 64u);
         TIFFSetField(tiff, TIFFTAG_TILELENGTH, 64u);
         ASSERT_EQ(TIFFSetField(tiff, TIFFTAG_COMPRESSION, compression), 1);
@@ -90,36 +91,30 @@ void writeJpeg2000Tiff(std::string const& path, std::vector<std::pair<std::uint3
 // codestreams (34712) and 16-bit samples. A damaged codestream fails naming its block.
 TEST(Jpeg2000, LosslessTilesOfEveryKindReadExactly)
 {
-    struct Case
-    {
-        std::uint16_t compression;
-        std::vector<std::pair<std::uint32_t, std::uint32_t>> pages;
-        std::vector<int> step;
-        int bits = 8;
-    };
-    std::vector<Case> const cases = {
-        {33005, {{150, 100}, {75, 50}}, {1, 1, 1}},
-        {34712, {{150, 100}, {75, 50}}, {1, 1, 1}},
-        {33003, {{100, 70}}, {1, 2, 2}},
+    // Compression, pages (width, height), sampling step per component, bits per sample.
+    std::vector<std::tuple<std::uint16_t, Pages, std::vector<int>, int>> const cases = {
+        {33005, {{150, 100}, {75, 50}}, {1, 1, 1}, 8},
+        {34712, {{150, 100}, {75, 50}}, {1, 1, 1}, 8},
+        {33003, {{100, 70}}, {1, 2, 2}, 8},
         {33005, {{90, 70}}, {1, 1, 1}, 16},
     };
     TemporaryDirectory directory;
-    for (Case const& test : cases)
+    for (auto const& [compression, pages, step, bits] : cases)
     {
-        bool const subsampled = test.step[1] > 1;
+        bool const subsampled = step[1] > 1;
         // Exact in 8 bits and different between neighbours, channels and pages; 16-bit samples reach
         // past 8 bits in every byte.
-        int const scale = test.bits == 16 ? 199 : 1;
+        int const scale = bits == 16 ? 199 : 1;
         auto value = [subsampled, scale](long long p, long long x, long long y, long long c) {
             int const sample = static_cast<int>((x * 7 + y * 13 + c * 50 + p * 31) % 256);
             return subsampled && c > 0 ? 128 : scale * sample + (scale > 1 ? static_cast<int>(c) : 0);
         };
-        std::string const name = std::to_string(test.compression) + " " + std::to_string(test.bits) + " bits";
+        std::string const name = std::to_string(compression) + " " + std::to_string(bits) + " bits";
         std::string const path = directory.path(name + ".tif");
-        writeJpeg2000Tiff(path, test.pages, test.compression, test.bits, test.step, value);
+        writeJpeg2000Tiff(path, pages, compression, bits, step, value);
         Nuvek::TiffImage image(path);
         ASSERT_EQ(image.getNumChannels(), 3) << name;
-        ASSERT_EQ(image.getNumLevels(), static_cast<long long>(test.pages.size())) << name;
+        ASSERT_EQ(image.getNumLevels(), static_cast<long long>(pages.size())) << name;
         for (long long level = 0; level < image.getNumLevels(); ++level)
         {
             Vector const extent = image.getExtent(level);

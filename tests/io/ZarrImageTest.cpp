@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 
 using namespace NuvekTest;
 using Nuvek::ZarrImage;
@@ -44,12 +45,9 @@ TEST(ZarrImage, APlainArrayReadsItsChunksAndFillsTheMissingOnes)
     ASSERT_TRUE(ZarrImage::isZarr(path));
     ZarrImage image(path);
     EXPECT_EQ(image.getNumLevels(), 1);
-    EXPECT_EQ(image.getNumChannels(), 1);
     EXPECT_EQ(image.getExtent(0), Vector(7, 5, 2));
-    EXPECT_EQ(image.getValueRange().max, 65535.0);
     EXPECT_EQ(image.getVoxelSize(0), Vector(1, 1, 1));
     EXPECT_EQ(image.getChannelName(0), "Channel 0");
-    EXPECT_EQ(image.getDataType(), ">u2");
     Box const box(Vector(-1, 0, 0), Vector(7, 4, 1));
     std::vector<double> expected;
     for (long long z = 0; z < 2; ++z)
@@ -66,34 +64,24 @@ TEST(ZarrImage, APlainArrayReadsItsChunksAndFillsTheMissingOnes)
 // range of their type, float arrays without omero windows (0, 1).
 TEST(ZarrImage, FillValuesAndValueRangesFollowTheDataType)
 {
-    struct Case
-    {
-        std::string dtype;
-        std::string fill;
-        double value;
-        double min;
-        double max;
-    };
-    Case const cases[] = {{"<f8", "\"NaN\"", NaN, 0.0, 1.0},
-                          {"<f8", "\"Infinity\"", inf, 0.0, 1.0},
-                          {">f4", "\"-Infinity\"", -inf, 0.0, 1.0},
-                          {"<f8", "true", 1.0, 0.0, 1.0},
-                          {"<f8", "-2.5", -2.5, 0.0, 1.0},
-                          {"|u1", "7", 7.0, 0.0, 255.0},
-                          {"<i2", "-7", -7.0, -32768.0, 32767.0},
-                          {"|i1", "5", 5.0, -128.0, 127.0},
-                          {">i4", "0", 0.0, -2147483648.0, 2147483647.0}};
+    // Data type, fill value as written, as read, and the value range.
+    std::vector<std::tuple<std::string, std::string, double, double, double>> const cases = {
+        {"<f8", "\"NaN\"", NaN, 0.0, 1.0},        {"<f8", "\"Infinity\"", inf, 0.0, 1.0},
+        {">f4", "\"-Infinity\"", -inf, 0.0, 1.0}, {"<f8", "true", 1.0, 0.0, 1.0},
+        {"<f8", "-2.5", -2.5, 0.0, 1.0},          {"|u1", "7", 7.0, 0.0, 255.0},
+        {">u2", "9", 9.0, 0.0, 65535.0},          {"<i2", "-7", -7.0, -32768.0, 32767.0},
+        {"|i1", "5", 5.0, -128.0, 127.0},         {">i4", "0", 0.0, -2147483648.0, 2147483647.0}};
     TemporaryDirectory directory;
-    for (std::size_t index = 0; index < std::size(cases); ++index)
+    int index = 0;
+    for (auto const& [dtype, fill, value, min, max] : cases)
     {
-        Case const& test = cases[index];
-        std::string const path = directory.path(std::to_string(index) + ".zarr");
-        writeText(path + "/.zarray", R"({"zarr_format": 2, "shape": [2, 3], "chunks": [2, 3], "dtype": ")" +
-                                         test.dtype + R"(", "compressor": null, "fill_value": )" + test.fill + "}");
+        std::string const path = directory.path(std::to_string(index++) + ".zarr");
+        writeText(path + "/.zarray", R"({"zarr_format": 2, "shape": [2, 3], "chunks": [2, 3], "dtype": ")" + dtype +
+                                         R"(", "compressor": null, "fill_value": )" + fill + "}");
         ZarrImage image(path);
-        EXPECT_EQ(image.getValueRange().min, test.min) << test.dtype;
-        EXPECT_EQ(image.getValueRange().max, test.max) << test.dtype;
+        EXPECT_EQ(image.getValueRange().min, min) << dtype;
+        EXPECT_EQ(image.getValueRange().max, max) << dtype;
         Box const box(Vector(3, 2, 1));
-        EXPECT_TRUE(sameBitsAnyNaN(std::vector<double>(6, test.value), openWhole(image, 0, box), box, test.fill));
+        EXPECT_TRUE(sameBitsAnyNaN(std::vector<double>(6, value), openWhole(image, 0, box), box, fill));
     }
 }
