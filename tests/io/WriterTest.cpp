@@ -88,11 +88,14 @@ std::tuple<long long, long long, std::uint64_t, std::uint64_t> countsOf(SampleSt
             bitsOf(statistics.highestStored)};
 }
 
-std::unique_ptr<Image> readBack(Format format, std::string const& path)
+// A slide through OpenSlide, a zarr group or array, else a TIFF file.
+std::unique_ptr<Image> openFile(std::string const& path, std::size_t cacheBytes = Nuvek::defaultTileCacheBytes)
 {
-    if (format == Format::Zarr)
-        return std::make_unique<Nuvek::ZarrImage>(path);
-    return std::make_unique<TiffImage>(path);
+    if (path.find("slide.tif") != std::string::npos)
+        return std::make_unique<Nuvek::SlideImage>(path, cacheBytes);
+    if (path.find(".zarr") != std::string::npos)
+        return std::make_unique<Nuvek::ZarrImage>(path, cacheBytes);
+    return std::make_unique<TiffImage>(path, 0, cacheBytes);
 }
 
 std::string pathFor(std::string const& base, Format format)
@@ -100,26 +103,13 @@ std::string pathFor(std::string const& base, Format format)
     return base + (format == Format::Zarr ? ".ome.zarr" : format == Format::OmeTiff ? ".ome.tif" : ".tif");
 }
 
-// Opens one of the inputs below with a cache of `bytes`.
-std::unique_ptr<Image> openInput(std::string const& path, std::size_t bytes)
-{
-    if (path.find("slide.tif") != std::string::npos)
-        return std::make_unique<Nuvek::SlideImage>(path, bytes);
-    if (path.find(".zarr") != std::string::npos)
-        return std::make_unique<Nuvek::ZarrImage>(path, bytes);
-    return std::make_unique<Nuvek::TiffImage>(path, 0, bytes);
-}
-
 // Writes `clamp | gaussian 5` over the source as a pyramid of 32 x 32 tiles; returns the file's bytes.
 std::vector<unsigned char> writeChain(Image& source, std::string const& output, int threads)
 {
     Nuvek::ClampingFilter clamp(&source, false);
     Nuvek::GaussianBlurFilter blur(&clamp, 5, false);
-    Nuvek::PyramidalTiffOptions options;
-    options.tileSize = 32;
-    options.threads = threads;
-    options.valueRange = Nuvek::ValueRange<double>(0.0, 255.0);
-    Nuvek::writePyramidalTiff(blur, output, options);
+    write({Format::Tiff, TiffSampleType::UInt8, TiffCompression::Deflate, ZarrCompression::None, 32, threads}, blur,
+          output);
     return readBytes(output);
 }
 
@@ -210,7 +200,7 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
                 EXPECT_EQ(contentsOf(folder), first) << threads << " threads";
         }
         std::string const path = pathFor(directory.path(std::to_string(index) + "-1/out"), how.format);
-        auto file = readBack(how.format, path);
+        auto file = openFile(path);
         ASSERT_EQ(file->getExtent(0), test.extent);
         ASSERT_EQ(file->getNumChannels(), test.channels);
         ASSERT_EQ(file->getNumLevels(), test.levels);
@@ -344,7 +334,7 @@ TEST(Writers, CancellingOrFailingLeavesNothingAndAnExistingTargetAlone)
         }
         ASSERT_TRUE(write(how, image, path));
         EXPECT_EQ(directory.files().size(), 1u);
-        EXPECT_EQ(readBack(format, path)->getExtent(0), Vector(128, 128, 1));
+        EXPECT_EQ(openFile(path)->getExtent(0), Vector(128, 128, 1));
     }
 }
 
@@ -503,19 +493,17 @@ TEST(TileCache, WrittenChainIsTheSameForAnyThreadsAndCacheSizeAndDecodesEachTile
     layout.tileWidth = 0;
     layout.planar = true;
     writeTiff(directory.path("strips.tif"), layout);
-    Nuvek::OmeZarrOptions options;
-    options.chunkSize = 32;
-    options.sampleType = Nuvek::TiffSampleType::UInt8;
-    Nuvek::writeOmeZarr(*openInput(directory.path("tiles.tif"), 0), directory.path("image.zarr"), options);
+    write({Format::Zarr, TiffSampleType::UInt8, TiffCompression::None, ZarrCompression::Zstd, 32},
+          *openFile(directory.path("tiles.tif")), directory.path("image.zarr"));
     std::size_t const rows = (3 * 7 + 3) * 32 * 32 * 3;
     for (std::string const input : {"tiles.tif", "strips.tif", "slide.tif", "image.zarr"})
     {
         std::vector<unsigned char> const expected =
-            writeChain(*openInput(directory.path(input), 0), directory.path("expected.tif"), 1);
+            writeChain(*openFile(directory.path(input), 0), directory.path("expected.tif"), 1);
         for (std::size_t cacheBytes : {std::size_t(0), std::size_t(4000), rows, Nuvek::defaultTileCacheBytes})
             for (int threads : {1, 2, 8})
             {
-                std::unique_ptr<Image> image = openInput(directory.path(input), cacheBytes);
+                std::unique_ptr<Image> image = openFile(directory.path(input), cacheBytes);
                 EXPECT_TRUE(writeChain(*image, directory.path("out.tif"), threads) == expected)
                     << input << ", cache " << cacheBytes << " bytes, " << threads << " threads";
                 if (input == std::string("tiles.tif") &&
