@@ -89,7 +89,7 @@ void writeJpeg2000Tiff(std::string const& path, Pages const& pages, std::uint16_
 // Lossless JPEG 2000 tiles of each kind read exactly at every level: RGB (33005),
 // YCbCr with half-resolution chroma (33003; neutral chroma makes every channel the luma), plain
 // codestreams (34712) and 16-bit samples. A damaged codestream fails naming its block.
-TEST(Jpeg2000, LosslessTilesOfEveryKindReadExactly)
+TEST(Jpeg2000, LosslessTilesOfEveryKindReadExactlyAndDamagedOnesFail)
 {
     // Compression, pages (width, height), sampling step per component, bits per sample.
     std::vector<std::tuple<std::uint16_t, Pages, std::vector<int>, int>> const cases = {
