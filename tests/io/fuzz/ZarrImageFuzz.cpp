@@ -34,13 +34,8 @@ void writeFile(std::filesystem::path const& path, std::string const& bytes)
 // other dimensions would need "0/0" to be both a file and a folder.
 void writeFirstChunk(std::filesystem::path const& array, std::string const& chunk)
 {
-    std::string dotted = "0.0";
-    for (int dimensions = 2; dimensions <= 5; ++dimensions)
-    {
-        writeFile(array / dotted, chunk);
-        dotted += ".0";
-    }
-    writeFile(array / "0" / "0" / "0" / "0", chunk);
+    for (char const* key : {"0.0", "0.0.0", "0.0.0.0", "0.0.0.0.0", "0/0/0/0"})
+        writeFile(array / key, chunk);
 }
 
 void readSome(Nuvek::ZarrImage& image)
