@@ -6,7 +6,7 @@ packages=(
     build-essential cmake pkg-config git
     libgtest-dev libgmock-dev libbenchmark-dev
     libopencv-dev
-    libtiff-dev libtiff-tools libopenslide-dev libdeflate-dev zlib1g-dev libpng-dev libxml2-dev libopenjp2-7-dev
+    libtiff-dev libopenslide-dev libdeflate-dev zlib1g-dev libpng-dev libxml2-dev libopenjp2-7-dev
     libjpeg-dev libzstd-dev libblosc-dev nlohmann-json3-dev
     clang libclang-rt-14-dev clang-format
     pybind11-dev python3-dev python3-numpy python3-pytest python3-dask python3-distributed python3-zarr
