@@ -4,10 +4,7 @@
 #include "support/NuvekTest.h"
 
 using namespace Nuvek;
-using NuvekTest::DeletionProbe;
-using NuvekTest::inf;
-using NuvekTest::messageOf;
-using NuvekTest::NaN;
+using namespace NuvekTest;
 
 namespace {
 
@@ -132,8 +129,7 @@ TEST(BadInput, RequestsTheFilterCannotServeThrowTheStatedMessage)
     {
         MemoryImage input(Vector(4, 4, 1), rows[i].channels);
         std::unique_ptr<Image> filter(rows[i].make(&input));
-        EXPECT_EQ(messageOf([&] { NuvekTest::openWhole(*filter, rows[i].level, box); }), rows[i].message)
-            << "row " << i;
+        EXPECT_EQ(messageOf([&] { openWhole(*filter, rows[i].level, box); }), rows[i].message) << "row " << i;
     }
     VoxelSizeModificationFilter voxels(new MemoryImage(Vector(4, 4, 1), 1), true, Vector(1LL << 40, 1, 1));
     EXPECT_EQ(voxels.getVoxelSize(20), Vector(1LL << 60, 1LL << 20, 1));
