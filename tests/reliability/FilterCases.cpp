@@ -3,6 +3,8 @@
 #include <nuvek/NuvekChains.h>
 #include <nuvek/core/Filter.h>
 
+#include "support/RandomImages.h"
+
 namespace NuvekTest {
 
 namespace {
@@ -11,32 +13,11 @@ namespace {
 class OwnedChain : public Nuvek::Filter
 {
 public:
-    explicit OwnedChain(std::unique_ptr<Nuvek::Chain> built)
-        : Nuvek::Filter(built->output, false), chain(std::move(built))
-    {
-    }
+    explicit OwnedChain(std::unique_ptr<Nuvek::Chain> built) : Filter(built->output, false), chain(std::move(built)) {}
 
 private:
     std::unique_ptr<Nuvek::Chain> chain;
 };
-
-std::vector<FilterCase> makeCases()
-{
-    std::vector<FilterCase> cases;
-    for (Nuvek::FilterEntry const& entry : Nuvek::FilterRegistry::entries())
-        for (std::string const& example : entry.examples)
-        {
-            FilterCase test;
-            test.name = entry.name + (example.empty() ? "" : " " + example);
-            test.channels = entry.inputChannels;
-            test.shareable = entry.shareable;
-            test.tileDependence = entry.tileDependence;
-            test.tileTolerance = entry.tileTolerance;
-            test.expression = (entry.exampleInput.empty() ? "" : entry.exampleInput + " | ") + test.name;
-            cases.push_back(test);
-        }
-    return cases;
-}
 
 } // namespace
 
@@ -46,9 +27,28 @@ std::unique_ptr<Nuvek::Image> FilterCase::make(Nuvek::Image* input) const
         Nuvek::FilterRegistry::buildChain(Nuvek::parseChainExpression(expression), input));
 }
 
+std::shared_ptr<Nuvek::MemoryImage> FilterCase::source(Nuvek::Vector const& extent, unsigned seed,
+                                                       double specialShare) const
+{
+    std::mt19937_64 random(seed);
+    auto image = randomImage(random, extent, channels, {0.0, 255.0, specialShare});
+    image->setValueRange({0.0, 255.0});
+    return image;
+}
+
 std::vector<FilterCase> const& filterCases()
 {
-    static std::vector<FilterCase> const cases = makeCases();
+    static std::vector<FilterCase> const cases = [] {
+        std::vector<FilterCase> all;
+        for (Nuvek::FilterEntry const& entry : Nuvek::FilterRegistry::entries())
+            for (std::string const& example : entry.examples)
+            {
+                std::string const name = entry.name + (example.empty() ? "" : " " + example);
+                all.push_back({name, entry.inputChannels, entry.shareable, entry.tileDependence, entry.tileTolerance,
+                               (entry.exampleInput.empty() ? "" : entry.exampleInput + " | ") + name});
+            }
+        return all;
+    }();
     return cases;
 }
 

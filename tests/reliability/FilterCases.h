@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nuvek/core/Image.h>
+#include <nuvek/core/MemoryImage.h>
 
 #include <memory>
 #include <string>
@@ -16,17 +17,21 @@ struct FilterCase
     std::string name;
     /// Channels the source should have.
     long long channels;
-    /// The chain over input: stages that prepare the input, then the filter. The returned image
-    /// owns the chain (input not included).
-    std::unique_ptr<Nuvek::Image> make(Nuvek::Image* input) const;
     /// Whether openRegion may run on several threads at once.
     bool shareable = true;
     /// Empty when tiles inside the image give the same bits as one large request; otherwise why not,
     /// and the test then compares within `tileTolerance` (or not at all when it is negative).
     std::string tileDependence;
     double tileTolerance = 0.0;
-    /// The whole expression make() builds.
+    /// The whole expression make() builds: stages that prepare the input, then the filter.
     std::string expression;
+
+    /// The chain over input; the returned image owns the chain (input not included).
+    std::unique_ptr<Nuvek::Image> make(Nuvek::Image* input) const;
+    /// A source of `channels` random values in [0, 255) with the given share of NaN and of each
+    /// infinity, and the value range [0, 255].
+    std::shared_ptr<Nuvek::MemoryImage> source(Nuvek::Vector const& extent, unsigned seed,
+                                               double specialShare = 0.0) const;
 };
 
 /// Every example of every filter of the registry, in registry order.

@@ -22,21 +22,21 @@ struct Request
 class RecordingImage : public Nuvek::Image
 {
 public:
-    explicit RecordingImage(std::shared_ptr<Nuvek::MemoryImage> source);
+    explicit RecordingImage(std::shared_ptr<Nuvek::MemoryImage> source) : source(std::move(source)) {}
 
-    Nuvek::Vector getExtent(long long level) const override;
-    long long getNumChannels() const override;
-    long long getNumLevels() const override;
-    Nuvek::ValueRange<double> getValueRange() const override;
-    Nuvek::Vector getVoxelSize(long long level) const override;
+    Nuvek::Vector getExtent(long long level) const override { return source->getExtent(level); }
+    long long getNumChannels() const override { return source->getNumChannels(); }
+    long long getNumLevels() const override { return source->getNumLevels(); }
+    Nuvek::ValueRange<double> getValueRange() const override { return source->getValueRange(); }
+    Nuvek::Vector getVoxelSize(long long level) const override { return source->getVoxelSize(level); }
     void openRegion(double* out, long long level, Nuvek::Box const& box) override;
-    std::string getChannelName(long long index) override;
-    std::uint64_t getHash() override;
+    std::string getChannelName(long long index) override { return source->getChannelName(index); }
+    std::uint64_t getHash() override { return stamp; }
 
     std::vector<Request> requests() const;
     void clearRequests();
     /// Raised by one on every call, so that filters see a new stamp.
-    void touch();
+    void touch() { ++stamp; }
 
 private:
     std::shared_ptr<Nuvek::MemoryImage> source;

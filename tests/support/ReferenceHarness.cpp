@@ -3,8 +3,6 @@
 #include "support/Tiling.h"
 #include "support/VoxelCompare.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <sstream>
@@ -22,30 +20,20 @@ long long between(std::mt19937_64& random, long long low, long long high)
 // wholly outside.
 std::pair<long long, long long> span(std::mt19937_64& random, long long extent, long long length)
 {
+    long long const pick = between(random, 0, 3);
     long long min = 0;
-    switch (between(random, 0, 3))
-    {
-    case 0:
+    if (pick == 0)
         min = length <= extent ? between(random, 0, extent - length) : -between(random, 0, length - extent);
-        break;
-    case 1:
+    else if (pick == 1)
         min = -between(random, 1, length);
-        break;
-    case 2:
+    else if (pick == 2)
         min = extent - between(random, 1, std::min(length, extent + 1));
-        break;
-    default:
+    else
         min = between(random, 0, 1) == 0 ? -length - between(random, 0, 3) : extent + between(random, 0, 3);
-        break;
-    }
     return {min, min + length - 1};
 }
 
 } // namespace
-
-Draw::Draw(std::uint64_t seed, Nuvek::Box const& box) : random(seed), box(box)
-{
-}
 
 long long Draw::integer(long long low, long long high, char const* name)
 {
@@ -61,30 +49,14 @@ double Draw::number(double low, double high, char const* name)
     return value;
 }
 
-bool Draw::flip(char const* name)
-{
-    return integer(0, 1, name) == 1;
-}
-
 long long Draw::kernel(char const* name)
 {
-    Nuvek::Vector const size = box.getExtent();
-    long long const side = std::min(size.x, size.y);
+    long long const pick = between(random, 0, 3);
     long long k = 1;
-    switch (between(random, 0, 3))
-    {
-    case 0:
-        break;
-    case 1:
-    case 2:
+    if (pick == 1 || pick == 2)
         k = 2 * between(random, 1, 4) + 1;
-        break;
-    default:
-        k = side + 1 + 2 * between(random, 0, 3);
-        k += k % 2 == 0 ? 1 : 0;
-        k = std::min(k, 41LL);
-        break;
-    }
+    else if (pick == 3) // the next odd size above the shorter side, at most 41
+        k = std::min((std::min(box.getExtent().x, box.getExtent().y) + 1 + 2 * between(random, 0, 3)) | 1, 41LL);
     parameters += std::string(name) + "=" + std::to_string(k) + " ";
     return k;
 }

@@ -18,11 +18,11 @@ namespace NuvekTest {
 class Draw
 {
 public:
-    Draw(std::uint64_t seed, Nuvek::Box const& box);
+    Draw(std::uint64_t seed, Nuvek::Box const& box) : random(seed), box(box) {}
 
     long long integer(long long low, long long high, char const* name);
     double number(double low, double high, char const* name);
-    bool flip(char const* name);
+    bool flip(char const* name) { return integer(0, 1, name) == 1; }
     /// An odd kernel size: 1, 3 to 9, or larger than the box's shorter side in x and y.
     long long kernel(char const* name = "k");
 
@@ -40,7 +40,6 @@ struct HarnessOptions
 
     HarnessOptions& channels(std::vector<long long> counts) { return channelCounts = std::move(counts), *this; }
     HarnessOptions& slices(long long most) { return maxSlices = most, *this; }
-    HarnessOptions& levels(long long most) { return maxLevel = most, *this; }
     HarnessOptions& mix(ValueMix values) { return valueMix = values, *this; }
     HarnessOptions& integers() { return integerValues = true, *this; }
     HarnessOptions& tolerance(double absolute) { return absoluteTolerance = absolute, *this; }

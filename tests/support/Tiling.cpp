@@ -3,27 +3,25 @@
 #include "support/VoxelCompare.h"
 
 #include <algorithm>
-#include <atomic>
-#include <exception>
+#include <future>
 #include <mutex>
-#include <thread>
 
 namespace NuvekTest {
 
 namespace {
 
+// [low, high] cut before every position in cuts that lies inside it.
 std::vector<std::pair<long long, long long>> spans(long long low, long long high, std::vector<long long> cuts)
 {
     std::sort(cuts.begin(), cuts.end());
     std::vector<std::pair<long long, long long>> result;
-    long long start = low;
     for (long long cut : cuts)
-        if (cut > start && cut <= high)
+        if (cut > low && cut <= high)
         {
-            result.emplace_back(start, cut - 1);
-            start = cut;
+            result.emplace_back(low, cut - 1);
+            low = cut;
         }
-    result.emplace_back(start, high);
+    result.emplace_back(low, high);
     return result;
 }
 
@@ -43,36 +41,21 @@ std::vector<double> openTiled(Nuvek::Image& image, long long level, Nuvek::Box c
     for (auto const& [y0, y1] : spans(box.min.y, box.max.y, cutsY))
         for (auto const& [x0, x1] : spans(box.min.x, box.max.x, cutsX))
             tiles.emplace_back(Nuvek::Vector(x0, y0, box.min.z), Nuvek::Vector(x1, y1, box.max.z));
-
-    long long const numChannels = image.getNumChannels();
-    std::vector<double> result(static_cast<std::size_t>(box.getSize() * numChannels), 0.0);
-    std::atomic<std::size_t> next{0};
+    std::vector<double> result(static_cast<std::size_t>(box.getSize() * image.getNumChannels()), 0.0);
     std::mutex mutex;
-    std::exception_ptr failure;
-    auto work = [&]() {
-        for (std::size_t i = next++; i < tiles.size(); i = next++)
-        {
-            try
+    // Thread t opens tiles t, t + threads, ...; get() passes a thread's exception on.
+    std::vector<std::future<void>> workers;
+    for (std::size_t t = 0; t < static_cast<std::size_t>(threads); ++t)
+        workers.push_back(std::async(std::launch::async, [&, t]() {
+            for (std::size_t i = t; i < tiles.size(); i += static_cast<std::size_t>(threads))
             {
-                std::vector<double> tile = openWhole(image, level, tiles[i]);
+                std::vector<double> const tile = openWhole(image, level, tiles[i]);
                 std::lock_guard<std::mutex> guard(mutex);
-                paste(result, box, tile, tiles[i], numChannels);
+                paste(result, box, tile, tiles[i], image.getNumChannels());
             }
-            catch (...)
-            {
-                std::lock_guard<std::mutex> guard(mutex);
-                failure = std::current_exception();
-            }
-        }
-    };
-    std::vector<std::thread> pool;
-    for (int t = 1; t < threads; ++t)
-        pool.emplace_back(work);
-    work();
-    for (std::thread& thread : pool)
-        thread.join();
-    if (failure)
-        std::rethrow_exception(failure);
+        }));
+    for (std::future<void>& worker : workers)
+        worker.get();
     return result;
 }
 

@@ -3,10 +3,56 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <limits>
-#include <sstream>
+#include <functional>
 
 namespace NuvekTest {
+
+namespace {
+
+// The first voxel where equal(expected, actual) fails, named by (x, y, z, c) in box coordinates.
+::testing::AssertionResult compare(std::vector<double> const& expected, std::vector<double> const& actual,
+                                   Nuvek::Box const& box, std::string const& context,
+                                   std::function<bool(double, double)> const& equal)
+{
+    std::string const prefix = context + (context.empty() ? "" : ": ");
+    if (expected.size() != actual.size())
+        return ::testing::AssertionFailure()
+               << prefix << "sizes differ, expected " << expected.size() << ", actual " << actual.size();
+    Nuvek::Vector const extent = box.getExtent();
+    for (std::size_t i = 0; i < expected.size(); ++i)
+    {
+        if (equal(expected[i], actual[i]))
+            continue;
+        long long const voxel = static_cast<long long>(i) % box.getSize();
+        return ::testing::AssertionFailure()
+               << prefix << "difference at (x, y, z, c) = (" << box.min.x + voxel % extent.x << ", "
+               << box.min.y + voxel / extent.x % extent.y << ", " << box.min.z + voxel / (extent.x * extent.y) << ", "
+               << static_cast<long long>(i) / box.getSize() << "): expected " << hexfloat(expected[i]) << ", actual "
+               << hexfloat(actual[i]);
+    }
+    return ::testing::AssertionSuccess();
+}
+
+// The index into a region buffer of whole of every voxel of part, in region buffer order.
+std::vector<std::size_t> indicesOf(Nuvek::Box const& whole, Nuvek::Box const& part, long long numChannels)
+{
+    std::vector<std::size_t> indices;
+    Nuvek::Vector const strides = whole.getExtent().getStrides();
+    for (long long c = 0; c < numChannels; ++c)
+        for (long long z = part.min.z; z <= part.max.z; ++z)
+            for (long long y = part.min.y; y <= part.max.y; ++y)
+                for (long long x = part.min.x; x <= part.max.x; ++x)
+                    indices.push_back(static_cast<std::size_t>(c * whole.getSize() +
+                                                               (Nuvek::Vector(x, y, z) - whole.min).dot(strides)));
+    return indices;
+}
+
+bool sameOrBothNaN(double a, double b)
+{
+    return (std::isnan(a) && std::isnan(b)) || bitsOf(a) == bitsOf(b);
+}
+
+} // namespace
 
 std::string hexfloat(double value)
 {
@@ -14,36 +60,6 @@ std::string hexfloat(double value)
     std::snprintf(text, sizeof text, "%a", value);
     return text;
 }
-
-namespace {
-
-std::string describe(Nuvek::Box const& box, long long index, double expected, double actual, std::string const& context)
-{
-    long long const size = box.getSize();
-    Nuvek::Vector const extent = box.getExtent();
-    long long const c = index / size;
-    long long rest = index % size;
-    long long const z = rest / (extent.x * extent.y);
-    rest %= extent.x * extent.y;
-    long long const y = rest / extent.x;
-    long long const x = rest % extent.x;
-    std::ostringstream message;
-    message << context << (context.empty() ? "" : ": ") << "difference at (x, y, z, c) = (" << box.min.x + x << ", "
-            << box.min.y + y << ", " << box.min.z + z << ", " << c << "): expected " << hexfloat(expected)
-            << ", actual " << hexfloat(actual);
-    return message.str();
-}
-
-::testing::AssertionResult sameSize(std::vector<double> const& expected, std::vector<double> const& actual,
-                                    std::string const& context)
-{
-    if (expected.size() == actual.size())
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << context << ": sizes differ, expected " << expected.size() << ", actual "
-                                         << actual.size();
-}
-
-} // namespace
 
 std::uint64_t bitsOf(double value)
 {
@@ -55,77 +71,46 @@ std::uint64_t bitsOf(double value)
 ::testing::AssertionResult sameBits(std::vector<double> const& expected, std::vector<double> const& actual,
                                     Nuvek::Box const& box, std::string const& context)
 {
-    ::testing::AssertionResult sizes = sameSize(expected, actual, context);
-    if (!sizes)
-        return sizes;
-    for (std::size_t i = 0; i < expected.size(); ++i)
-        if (bitsOf(expected[i]) != bitsOf(actual[i]))
-            return ::testing::AssertionFailure()
-                   << describe(box, static_cast<long long>(i), expected[i], actual[i], context);
-    return ::testing::AssertionSuccess();
+    return compare(expected, actual, box, context, [](double e, double a) { return bitsOf(e) == bitsOf(a); });
+}
+
+::testing::AssertionResult sameBitsAnyNaN(std::vector<double> expected, std::vector<double> actual,
+                                          Nuvek::Box const& box, std::string const& context)
+{
+    return compare(expected, actual, box, context, sameOrBothNaN);
 }
 
 ::testing::AssertionResult nearlyEqual(std::vector<double> const& expected, std::vector<double> const& actual,
                                        Nuvek::Box const& box, double tolerance, std::string const& context)
 {
-    ::testing::AssertionResult sizes = sameSize(expected, actual, context);
-    if (!sizes)
-        return sizes;
-    for (std::size_t i = 0; i < expected.size(); ++i)
-    {
-        double const e = expected[i];
-        double const a = actual[i];
-        bool const same = std::isnan(e) ? std::isnan(a) : (std::isinf(e) ? e == a : std::fabs(e - a) <= tolerance);
-        if (!same)
-            return ::testing::AssertionFailure() << describe(box, static_cast<long long>(i), e, a, context);
-    }
-    return ::testing::AssertionSuccess();
+    return compare(expected, actual, box, context, [tolerance](double e, double a) {
+        return std::isnan(e) ? std::isnan(a) : (std::isinf(e) ? e == a : std::fabs(e - a) <= tolerance);
+    });
+}
+
+::testing::AssertionResult sameValue(double expected, double actual, std::string const& context)
+{
+    if (sameOrBothNaN(expected, actual))
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << context << (context.empty() ? "" : ": ") << "expected "
+                                         << hexfloat(expected) << ", actual " << hexfloat(actual);
 }
 
 std::vector<double> crop(std::vector<double> const& values, Nuvek::Box const& whole, Nuvek::Box const& part,
                          long long numChannels)
 {
     std::vector<double> result;
-    result.reserve(static_cast<std::size_t>(part.getSize() * numChannels));
-    Nuvek::Vector const strides = whole.getExtent().getStrides();
-    for (long long c = 0; c < numChannels; ++c)
-        for (long long z = part.min.z; z <= part.max.z; ++z)
-            for (long long y = part.min.y; y <= part.max.y; ++y)
-                for (long long x = part.min.x; x <= part.max.x; ++x)
-                    result.push_back(values[static_cast<std::size_t>(
-                        c * whole.getSize() + (Nuvek::Vector(x, y, z) - whole.min).dot(strides))]);
+    for (std::size_t i : indicesOf(whole, part, numChannels))
+        result.push_back(values[i]);
     return result;
 }
 
 void paste(std::vector<double>& values, Nuvek::Box const& whole, std::vector<double> const& partValues,
            Nuvek::Box const& part, long long numChannels)
 {
-    Nuvek::Vector const strides = whole.getExtent().getStrides();
-    std::size_t i = 0;
-    for (long long c = 0; c < numChannels; ++c)
-        for (long long z = part.min.z; z <= part.max.z; ++z)
-            for (long long y = part.min.y; y <= part.max.y; ++y)
-                for (long long x = part.min.x; x <= part.max.x; ++x)
-                    values[static_cast<std::size_t>(
-                        c * whole.getSize() + (Nuvek::Vector(x, y, z) - whole.min).dot(strides))] = partValues[i++];
-}
-
-::testing::AssertionResult sameBitsAnyNaN(std::vector<double> expected, std::vector<double> actual,
-                                          Nuvek::Box const& box, std::string const& context)
-{
-    for (std::vector<double>* values : {&expected, &actual})
-        for (double& value : *values)
-            if (std::isnan(value))
-                value = std::numeric_limits<double>::quiet_NaN();
-    return sameBits(expected, actual, box, context);
-}
-
-::testing::AssertionResult sameValue(double expected, double actual, std::string const& context)
-{
-    if ((std::isnan(expected) && std::isnan(actual)) || bitsOf(expected) == bitsOf(actual))
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << context << (context.empty() ? "" : ": ") << "expected "
-                                         << hexfloat(expected) << ", actual " << hexfloat(actual);
+    std::size_t next = 0;
+    for (std::size_t i : indicesOf(whole, part, numChannels))
+        values[i] = partValues[next++];
 }
 
 } // namespace NuvekTest

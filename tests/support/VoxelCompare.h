@@ -13,26 +13,25 @@ namespace NuvekTest {
 /// The bits of a double, so that NaN and -0.0 compare too.
 std::uint64_t bitsOf(double value);
 
+/// A value in hexfloat, e.g. "0x1.8p+1".
+std::string hexfloat(double value);
+
 /// Compares two region buffers of box bit for bit. On the first difference it names the voxel
 /// (x, y, z, c) in box coordinates and both values in hexfloat, after `context` (seed, parameters).
 ::testing::AssertionResult sameBits(std::vector<double> const& expected, std::vector<double> const& actual,
                                     Nuvek::Box const& box, std::string const& context = "");
 
-/// sameBits, except that any NaN meets any NaN. Which operand's NaN an addition or multiplication
-/// of two NaNs returns depends on the operand order the compiler picks for a commutative operation,
-/// so sign and payload of a NaN are not part of the result; every other bit is, -0.0 included.
+/// sameBits, except that any NaN meets any NaN: which operand's NaN a commutative operation on two
+/// NaNs returns depends on the operand order the compiler picks. -0.0 still differs from 0.0.
 ::testing::AssertionResult sameBitsAnyNaN(std::vector<double> expected, std::vector<double> actual,
                                           Nuvek::Box const& box, std::string const& context = "");
 
-/// One value's bits, any NaN meeting any NaN; on failure both values in hexfloat after context.
-::testing::AssertionResult sameValue(double expected, double actual, std::string const& context = "");
-
-/// A value in hexfloat, e.g. "0x1.8p+1".
-std::string hexfloat(double value);
-
-/// The same within an absolute tolerance; NaN must meet NaN and infinities the same infinity.
+/// Within an absolute tolerance; NaN must meet NaN and an infinity the same infinity.
 ::testing::AssertionResult nearlyEqual(std::vector<double> const& expected, std::vector<double> const& actual,
                                        Nuvek::Box const& box, double tolerance, std::string const& context = "");
+
+/// One value's bits, any NaN meeting any NaN.
+::testing::AssertionResult sameValue(double expected, double actual, std::string const& context = "");
 
 /// Copies the voxels of `part` out of a region buffer of `whole`.
 std::vector<double> crop(std::vector<double> const& values, Nuvek::Box const& whole, Nuvek::Box const& part,

@@ -52,16 +52,6 @@ std::string drawValue(FuzzedDataProvider& data, Nuvek::ParameterDomain const& do
     return "";
 }
 
-std::string drawStage(FuzzedDataProvider& data, long long channels, int depth);
-
-// A sub-chain in parentheses: empty (the stage's input itself) or one stage, nested at most twice.
-std::string drawSubChain(FuzzedDataProvider& data, long long channels, int depth)
-{
-    if (depth >= 2 || data.ConsumeBool())
-        return "()";
-    return "(" + drawStage(data, channels, depth + 1) + ")";
-}
-
 std::string drawStage(FuzzedDataProvider& data, long long channels, int depth)
 {
     std::vector<Nuvek::FilterEntry> const& entries = Nuvek::FilterRegistry::entries();
@@ -75,8 +65,9 @@ std::string drawStage(FuzzedDataProvider& data, long long channels, int depth)
         text += " " + drawValue(data, entry.parameters[i].domain, channels);
     int const most = entry.maxChains < 0 ? entry.minChains + 2 : entry.maxChains;
     int const chains = data.ConsumeIntegralInRange<int>(entry.minChains, most);
+    // Sub-chains in parentheses: empty (the stage's input itself) or one stage, nested at most twice.
     for (int i = 0; i < chains; ++i)
-        text += " " + drawSubChain(data, channels, depth);
+        text += depth >= 2 || data.ConsumeBool() ? " ()" : " (" + drawStage(data, channels, depth + 1) + ")";
     return text;
 }
 
@@ -90,23 +81,12 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* bytes, std::size_t siz
                                data.ConsumeIntegralInRange<long long>(1, 2));
     long long const channels = data.ConsumeIntegralInRange<long long>(1, 3);
     std::vector<double> values(static_cast<std::size_t>(extent.prod() * channels));
+    double const special[] = {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
+                              -std::numeric_limits<double>::infinity()};
     for (double& value : values)
     {
-        switch (data.ConsumeIntegralInRange<int>(0, 12))
-        {
-        case 0:
-            value = std::numeric_limits<double>::quiet_NaN();
-            break;
-        case 1:
-            value = std::numeric_limits<double>::infinity();
-            break;
-        case 2:
-            value = -std::numeric_limits<double>::infinity();
-            break;
-        default:
-            value = static_cast<double>(data.ConsumeIntegralInRange<int>(0, 255));
-            break;
-        }
+        int const pick = data.ConsumeIntegralInRange<int>(0, 12);
+        value = pick < 3 ? special[pick] : static_cast<double>(data.ConsumeIntegralInRange<int>(0, 255));
     }
     Nuvek::MemoryImage source(extent, channels, values);
     source.setValueRange(Nuvek::ValueRange<double>(0, 255));
