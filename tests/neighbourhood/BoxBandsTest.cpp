@@ -5,6 +5,7 @@
 #include <nuvek/core/RowBandExactness.h>
 
 #include <algorithm>
+#include <cmath>
 #include <random>
 #include <string>
 #include <thread>
@@ -41,11 +42,19 @@ struct BandCase
     bool banded;  // whether the exact input is read in bands
 };
 
-// Values up to 1e3 with a few of 1e15, which make every change in the order of the additions show in
-// the result, and one NaN, +infinity and -infinity per channel near the end, where they spoil few sums.
+// Values whose magnitudes vary from voxel to voxel and grow a million times from the first row of a
+// plane to its last, so that the sums round and what one plane's last row carries into the next
+// plane's first changes them; a few of 1e15, and one NaN, +infinity and -infinity per plane in its
+// last rows, where they spoil few sums.
 std::shared_ptr<MemoryImage> bandImage(std::mt19937_64& random, Vector const& extent, long long channels)
 {
-    std::vector<double> values = randomValues(random, extent.prod() * channels, {-1e3, 1e3, 0.0});
+    std::vector<double> values = randomValues(random, extent.prod() * channels, {-1.0, 1.0, 0.0});
+    std::uniform_int_distribution<int> exponent(-2, 1);
+    for (std::size_t i = 0; i < values.size(); ++i)
+    {
+        double const row = static_cast<double>(static_cast<long long>(i) / extent.x % extent.y);
+        values[i] *= std::pow(10.0, exponent(random) + 6.0 * row / static_cast<double>(extent.y));
+    }
     long long const plane = extent.x * extent.y;
     std::uniform_int_distribution<long long> anywhere(0, static_cast<long long>(values.size()) - 1);
     for (int i = 0; i < 20; ++i)
@@ -79,7 +88,7 @@ TEST(BoxFilter, LargeRequestInRowBandsGivesTheBitsOfOneWholeRequest)
         // One plane; the last band holds 65 rows (bands of 64 rows of 1024 values).
         {Vector(1030, 650, 1), 1, Box(Vector(3, 2, 0), Vector(1022, 638, 0)), 5, true, false, false, true},
         // Channels and slices: the first row of every plane carries the previous plane's last row.
-        {Vector(420, 330, 2), 3, Box(Vector(5, 4, 0), Vector(410, 320, 1)), 9, false, true, false, true},
+        {Vector(420, 330, 2), 3, Box(Vector(5, 4, 0), Vector(410, 320, 1)), 9, false, false, false, true},
         // A kernel larger than the band the request would otherwise get.
         {Vector(2100, 400, 1), 1, Box(Vector(40, 30, 0), Vector(2059, 369, 0)), 61, true, true, false, true},
         // Eight columns, the narrowest the fast passes take, and many thin bands.
