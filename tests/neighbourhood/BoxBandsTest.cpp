@@ -91,6 +91,9 @@ TEST(BoxFilter, LargeRequestInRowBandsGivesTheBitsOfOneWholeRequest)
         {Vector(420, 330, 2), 3, Box(Vector(5, 4, 0), Vector(410, 320, 1)), 9, false, false, false, true},
         // A kernel larger than the band the request would otherwise get.
         {Vector(2100, 400, 1), 1, Box(Vector(40, 30, 0), Vector(2059, 369, 0)), 61, true, true, false, true},
+        // A kernel of one, and one wider than the box, whose grown box reaches beyond both sides.
+        {Vector(1030, 650, 1), 1, Box(Vector(3, 2, 0), Vector(1022, 638, 0)), 1, false, false, false, true},
+        {Vector(40, 12000, 1), 1, Box(Vector(15, 0, 0), Vector(24, 11999, 0)), 61, true, false, false, true},
         // Eight columns, the narrowest the fast passes take, and many thin bands.
         {Vector(12, 60000, 1), 1, Box(Vector(2, 1, 0), Vector(9, 59998, 0)), 3, false, false, false, true},
         // Whole images: the grown box reaches beyond every border, where the source writes zeros or
