@@ -1,9 +1,13 @@
 #include "filters/internal/TargetClones.h"
 #include <nuvek/filters/neighbourhood/BoxFilter.h>
 
+#include "filters/internal/RequestBands.h"
 #include "filters/internal/SimdQuad.h"
 #include "filters/internal/WorkBufferPool.h"
 
+#include <nuvek/core/RowBandExactness.h>
+
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 #include <vector>
@@ -242,6 +246,105 @@ void sumBoxFast(double* out, double* work, Vector const& outputExtent, Vector co
     }
 }
 
+// Values (all planes) of input rows a band reads at a time: two bands, the one being summed and
+// the one before it, whose last rows leave the window, stay in the second-level cache.
+constexpr long long bandValues = 1LL << 16;
+
+// Both passes over a large request, read from the input a band of whole rows of the grown box at a
+// time (every plane of the band in one request) instead of the whole grown box. The running sums
+// along x take each row's carried value from the row before it in the same plane, or for the first
+// row of a plane from the last row of the plane before it, and the column sums continue from one
+// band to the next, so every output gets the same additions in the same order as in sumBoxFast.
+// Bands are bandRows rows (at least k), the last one up to twice that, so that no band lies wholly in
+// the margin beyond the image of a request inside it. The last band is read first, for the values
+// that each plane's last row carries into the next plane, into a region of its own; the others take
+// turns in two regions, so the rows leaving the window are still where the previous band left them.
+void sumBoxInBands(double* out, Image& input, long long level, Box const& inputBox, Vector const& outputExtent,
+                   long long numChannels, long long kernelSize, double scale, bool rounding, long long bandRows,
+                   std::vector<double>& work)
+{
+    Vector const inputExtent = inputBox.getExtent();
+    Box const image(input.getExtent(level));
+    long long const stride = inputExtent.x;
+    long long const width = outputExtent.x;
+    long long const planes = numChannels * outputExtent.z;
+    long long const carriedPosition = kernelSize - 1 + kernelSize * ((width - 1) / kernelSize);
+    long long const bands = inputExtent.y / bandRows;
+    long long const regionValues = bandRows * stride * planes;
+    work.resize(static_cast<std::size_t>(4 * regionValues + planes * width));
+    double* const columnSums = work.data() + 4 * regionValues;
+
+    // The first input row of band b, and its number of rows.
+    auto bandFirst = [&](long long band) { return band * bandRows; };
+    auto bandSize = [&](long long band) { return band + 1 < bands ? bandRows : inputExtent.y - band * bandRows; };
+    // Reads rows [first, first + rows) of the grown box, every plane, into `to`. Voxels that a source
+    // leaves unwritten beyond the image read 0.0, as they do in the whole request's buffer.
+    auto read = [&](double* to, long long first, long long rows) {
+        Box const band(Vector(inputBox.min.x, inputBox.min.y + first, inputBox.min.z),
+                       Vector(inputBox.max.x, inputBox.min.y + first + rows - 1, inputBox.max.z));
+        if (band.intersected(image) != band)
+            std::fill(to, to + rows * stride * planes, 0.0);
+        input.openRegion(to, level, band);
+    };
+
+    // Input row j (from the grown box's first row) of plane p, in the region that holds its band.
+    auto rowAt = [&](long long p, long long j) -> double* {
+        long long const band = std::min(j / bandRows, bands - 1);
+        long long const region = band == bands - 1 ? 2 : band % 2;
+        return work.data() + region * regionValues + (p * bandSize(band) + (j - bandFirst(band))) * stride;
+    };
+
+    // The raw values that each plane's last row carries into the next plane's first.
+    read(rowAt(0, bandFirst(bands - 1)), bandFirst(bands - 1), bandSize(bands - 1));
+    std::vector<double> carried(static_cast<std::size_t>(planes), 0.0);
+    for (long long p = 1; p < planes; ++p)
+        carried[static_cast<std::size_t>(p)] = rowAt(p - 1, inputExtent.y - 1)[carriedPosition];
+
+    long long nextOutput = 0;
+    for (long long band = 0; band < bands; ++band)
+    {
+        long long const first = bandFirst(band);
+        long long const rows = bandSize(band);
+        if (band + 1 < bands)
+            read(rowAt(0, first), first, rows);
+        long long const end = std::min(outputExtent.y, first + rows - kernelSize + 1);
+        for (long long p = 0; p < planes; ++p)
+        {
+            double* const plane = rowAt(p, first);
+            double* const outPlane = out + p * width * outputExtent.y;
+            double* const sums = columnSums + p * width;
+            double& carry = carried[static_cast<std::size_t>(p)];
+            long long summed = 0;
+            long long y = nextOutput;
+            while (summed < rows)
+            {
+                if (rows - summed >= rowsPerGroup)
+                {
+                    sumRowGroupAlongX(plane + summed * stride, stride, width, kernelSize, carriedPosition, carry);
+                    summed += rowsPerGroup;
+                }
+                else
+                {
+                    sumRowAlongX(plane + summed * stride, width, kernelSize, carriedPosition, carry);
+                    ++summed;
+                }
+                for (; y < end && y + kernelSize - 1 < first + summed; ++y)
+                {
+                    if (y == 0)
+                    {
+                        startColumnSums(sums, plane, stride, width, kernelSize);
+                        advanceColumnSumsInto(outPlane, sums, nullptr, nullptr, width, scale, rounding);
+                    }
+                    else
+                        advanceColumnSumsInto(outPlane + y * width, sums, rowAt(p, y - 1), rowAt(p, y + kernelSize - 1),
+                                              width, scale, rounding);
+                }
+            }
+        }
+        nextOutput = std::max(nextOutput, end);
+    }
+}
+
 } // namespace
 
 BoxFilter::BoxFilter(Image* input, long long kernelSize, bool normalize, bool rounding, bool ownsInput)
@@ -274,13 +377,30 @@ void BoxFilter::openRegion(double* out, long long level, Box const& box)
     Vector const inputExtent = inputBox.getExtent();
     Vector const outputExtent = box.getExtent();
 
-    // The running sums depend on the box asked for, so a large request cannot be split into bands;
-    // a buffer kept from an earlier call saves faulting in fresh pages.
+    double const scale = normalize ? 1.0 / static_cast<double>(kernelSize * kernelSize) : 1.0;
+    bool const inside = inputBox.intersected(Box(input->getExtent(level))) == inputBox;
+    // A buffer kept from an earlier call saves faulting in fresh pages.
     WorkBufferPool::Loan loan = workBuffers->take();
     std::vector<double>& work = loan.buffer();
+
+    // The running sums start at the grown box's corner, so a large request is not split into requests
+    // of its own. But when it lies inside the image, over an input whose values do not depend on the
+    // rows asked for, the grown box is read a band of rows at a time and the sums are carried from
+    // band to band, which gives the same bits with the working set in the caches.
+    long long const planeValues = inputExtent.x * numChannels * inputExtent.z;
+    long long const bandRows = std::max(kernelSize, bandValues / std::max(1LL, planeValues));
+    if (outputExtent.x >= minimumFastWidth && box.intersected(Box(input->getExtent(level))) == box &&
+        inputExtent.y >= 2 * bandRows && numChannels * inputBox.getSize() > RequestBands::largeRequestValues &&
+        RowBandExactness::splitsExactly(input))
+    {
+        sumBoxInBands(out, *input, level, inputBox, outputExtent, numChannels, kernelSize, scale, rounding, bandRows,
+                      work);
+        return;
+    }
+
     // Every voxel of a box inside the image is written by the input; elsewhere a source may leave
     // some unwritten, and they read 0.0 as in a fresh buffer.
-    if (inputBox.intersected(Box(input->getExtent(level))) == inputBox)
+    if (inside)
         work.resize(static_cast<std::size_t>(numChannels * inputBox.getSize()));
     else
         work.assign(static_cast<std::size_t>(numChannels * inputBox.getSize()), 0.0);
@@ -296,7 +416,6 @@ void BoxFilter::openRegion(double* out, long long level, Box const& box)
     } const release{work};
     input->openRegion(work.data(), level, inputBox);
 
-    double const scale = normalize ? 1.0 / static_cast<double>(kernelSize * kernelSize) : 1.0;
     // Rows at least eight wide take the fast passes; they give the same bits as the ring passes,
     // which narrower boxes keep.
     if (outputExtent.x >= minimumFastWidth)

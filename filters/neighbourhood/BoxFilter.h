@@ -23,9 +23,13 @@ class WorkBufferPool;
 /// The filter asks its input for the requested box grown by k / 2 in x and y at the requested
 /// level, not clipped to the input's extent: values beyond the border are what the input delivers
 /// there, and border voxels are not renormalised. The kernel size is the same at every level.
-/// openRegion may run on several threads at once. Each call borrows the buffer of the grown box from
-/// buffers the filter keeps for later calls (up to 64 MiB each; larger ones are freed), so that a
-/// large request does not map and fault in fresh memory every time.
+/// A request of more than 2^19 values (grown box, all channels) that lies inside the image, over an
+/// input that gives the same bits in row bands (RowBandExactness), asks the input for the grown box a
+/// band of whole rows at a time, each band with rows inside the image, and carries the running sums
+/// from band to band: the values are those of one request, with the working set in the caches.
+/// openRegion may run on several threads at once. Each call borrows its work buffer (the grown box,
+/// or the bands) from buffers the filter keeps for later calls (up to 64 MiB each; larger ones are
+/// freed), so that a large request does not map and fault in fresh memory every time.
 class BoxFilter : public Filter
 {
 public:

@@ -15,6 +15,8 @@ namespace Nuvek {
 namespace {
 
 constexpr long long blockLength = 4;
+// Values (all channels) of the bands that a large request is read and converted in.
+constexpr long long bandValues = 1LL << 17;
 
 // The planes a pass reads and those it writes, voxel by voxel; a pass may write where it reads.
 struct Planes
@@ -156,7 +158,9 @@ void RGBToHSVFilter::openRegion(double* out, long long level, Box const& box)
     // instead of one pass over memory to read and another to convert.
     if (extent.z == 1 && RequestBands::splits(input, box, inputChannels, getExtent(level)))
     {
-        long long const rows = RequestBands::rowsPerBand(box, inputChannels);
+        // Bands of about 2^17 values (1 MiB, all channels) stay in the second-level cache from the
+        // input's writing to the conversion; the filter has no margin, so thin bands cost nothing.
+        long long const rows = std::max(1LL, bandValues / inputChannels / extent.x);
         std::vector<double> values(static_cast<std::size_t>(std::min(rows, extent.y) * extent.x * inputChannels));
         double const* const band = values.data();
         for (long long y = box.min.y; y <= box.max.y; y += rows)
