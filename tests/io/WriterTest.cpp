@@ -482,15 +482,10 @@ TEST(TileSamples, RowConversionCountsOnlyNumbersAndSaturatesAtTheHalves)
 TEST(TileCache, WrittenChainIsTheSameForAnyThreadsAndCacheSizeAndDecodesEachTileOnce)
 {
     TemporaryDirectory directory;
-    TiffLayout layout;
-    layout.samples = 3;
-    layout.rgb = true;
-    layout.compression = 8;
-    layout.tileWidth = 32;
-    layout.tileHeight = 32;
-    layout.pages = {PageShape(203, 141)};
+    TiffLayout layout = tiledRgb({{203, 141}});
+    layout.tileWidth = layout.tileHeight = 32;
     writeTiff(directory.path("tiles.tif"), layout);
-    layout.pages.push_back(PageShape(101, 70, true));
+    layout.pages.push_back({101, 70, true});
     writeTiff(directory.path("slide.tif"), layout);
     layout.tileWidth = 0;
     layout.planar = true;
