@@ -183,26 +183,3 @@ TEST(ReaderMessages, BadFilesNameTheFileAndTheProblem)
         }
     }
 }
-
-// Damaged files the fuzzer once found: each reads the same twice or fails naming the file.
-TEST(ReaderMessages, DamagedFilesTheFuzzerFoundReadTheSameTwiceOrFail)
-{
-    int files = 0;
-    for (auto const& entry : std::filesystem::directory_iterator(NUVEK_IO_REGRESSIONS))
-    {
-        std::string const path = entry.path().string();
-        std::string const message = messageOf([&] {
-            Nuvek::TiffImage image(path);
-            for (long long level = 0; level < image.getNumLevels(); ++level)
-            {
-                if (!image.hasLevel(level))
-                    continue;
-                Box const box = Box(image.getExtent(level)).expanded(Vector(1, 1, 0));
-                EXPECT_TRUE(sameBits(openWhole(image, level, box), openWhole(image, level, box), box, path));
-            }
-        });
-        EXPECT_TRUE(message == "(nothing thrown)" || message.rfind("TiffImage: " + path + ": ", 0) == 0) << message;
-        ++files;
-    }
-    EXPECT_GT(files, 0);
-}

@@ -6,6 +6,7 @@
 #include "support/NuvekTest.h"
 
 #include <algorithm>
+#include <tuple>
 
 using Nuvek::SlideImage;
 using Nuvek::TiffImage;
@@ -50,82 +51,27 @@ TEST(SlideImage, ReadsAGenericTiffLikeTiffImage)
     }
 }
 
-TEST(SlideImage, LevelsThatAreNoPowerOfTwoOrMissingAreNotPresent)
-{
-    TemporaryDirectory directory;
-    writeTiff(directory.path("gap.tif"), tiledRgb({PageShape{256, 256}, PageShape{64, 64, true}}));
-    SlideImage slide(directory.path("gap.tif"));
-    EXPECT_EQ(slide.getNumLevels(), 3);
-    EXPECT_FALSE(slide.hasLevel(1));
-    EXPECT_TRUE(slide.hasLevel(2));
-    EXPECT_EQ(slide.getExtent(1), Vector(128, 128, 1));
-
-    writeTiff(directory.path("third.tif"), tiledRgb({PageShape{192, 192}, PageShape{64, 64, true}}));
-    EXPECT_EQ(SlideImage(directory.path("third.tif")).getNumLevels(), 1);
-}
-
-TEST(SlideImage, PartlyTransparentVoxelsGetTheirColourBack)
-{
-    TemporaryDirectory directory;
-    TiffLayout layout = tiledRgb({PageShape{128, 128}});
-    layout.samples = 4;
-    layout.alpha = true;
-    writeTiff(directory.path("alpha.tif"), layout);
-    SlideImage slide(directory.path("alpha.tif"));
-    std::vector<double> const values = openWhole(slide, 0, Box(Vector(128, 128, 1)));
-    ASSERT_EQ(values.size(), 3u * 128 * 128);
-    // Transparent is black; premultiplying rounds, so from alpha 128 up one step at most is lost.
-    for (long long c = 0; c < 3; ++c)
-        for (long long y = 0; y < 128; ++y)
-            for (long long x = 0; x < 128; ++x)
-            {
-                double const alpha = storedValue(layout, 0, x, y, 3);
-                double const expected = alpha == 0.0 ? 0.0 : storedValue(layout, 0, x, y, c);
-                double const value = values[static_cast<std::size_t>((c * 128 + y) * 128 + x)];
-                double const tolerance = alpha == 0.0 ? 0.0 : (alpha >= 128.0 ? 1.0 : 255.0);
-                EXPECT_LE(std::fabs(value - expected), tolerance) << x << ", " << y << ", alpha " << alpha;
-            }
-}
-
+// With an Aperio description OpenSlide recognises the file as an Aperio slide; a slide's extension
+// alone leaves the file to TiffImage.
 TEST(ImageOpener, TheContentChoosesTheReaderWhateverTheName)
 {
-    // With an Aperio description OpenSlide recognises the file as an Aperio slide.
     TiffLayout const plain = tiledRgb({PageShape{200, 130}, PageShape{100, 65, true}});
     TiffLayout aperio = plain;
     aperio.description = "Aperio Image Library v12.0.15\r\n200x130 [0,0 200x130] (64x64) RGB|AppMag = 20|MPP = 0.25";
-    TiffLayout hyperstack = plain;
-    hyperstack.description = "ImageJ=1.53c\nimages=2\nchannels=2\n";
-    hyperstack.pages = {PageShape{40, 30}, PageShape{40, 30}};
-    struct Case
-    {
-        std::string name;
-        TiffLayout layout;
-        std::string reader;
-        long long channels;
-    };
-    std::vector<Case> const cases = {
-        {"aperio.tif", aperio, "SlideImage (aperio)", 3},
-        {"aperio.svs", aperio, "SlideImage (aperio)", 3},
-        {"plain.svs", plain, "TiffImage", 3},
-        {"plain.ndpi", plain, "TiffImage", 3},
-        {"hyperstack.svs", hyperstack, "TiffImage", 6},
-    };
     TemporaryDirectory directory;
-    for (Case const& item : cases)
+    for (auto const& [name, layout, reader] : std::vector<std::tuple<std::string, TiffLayout, std::string>>{
+             {"aperio.tif", aperio, "SlideImage (aperio)"}, {"plain.svs", plain, "TiffImage"}})
     {
-        std::string const path = directory.path(item.name);
-        writeTiff(path, item.layout);
+        std::string const path = directory.path(name);
+        writeTiff(path, layout);
         std::unique_ptr<Nuvek::Image> image = Nuvek::openImage(path);
-        EXPECT_EQ(Nuvek::describeReader(*image), item.reader) << item.name;
-        EXPECT_EQ(image->getNumChannels(), item.channels) << item.name;
-        EXPECT_EQ(Nuvek::knowsVoxelSize(*image), item.name.rfind("aperio", 0) == 0) << item.name;
+        EXPECT_EQ(Nuvek::describeReader(*image), reader) << name;
+        EXPECT_EQ(Nuvek::knowsVoxelSize(*image), layout.description.size() > 0) << name;
         Box const box(Vector(-1, -1, 0), image->getExtent(0));
         TiffImage direct(path);
-        EXPECT_TRUE(sameBits(openWhole(direct, 0, box), openWhole(*image, 0, box), box, item.name));
+        EXPECT_TRUE(sameBits(openWhole(direct, 0, box), openWhole(*image, 0, box), box, name));
     }
-    std::unique_ptr<Nuvek::Image> slide = Nuvek::openImage(directory.path("aperio.tif"));
-    EXPECT_EQ(slide->getVoxelSize(0), Vector(250, 250, 1));
-    EXPECT_EQ(slide->getNumLevels(), 2);
+    EXPECT_EQ(Nuvek::openImage(directory.path("aperio.tif"))->getVoxelSize(0), Vector(250, 250, 1));
     // TiffImage takes the voxel size from Aperio's MPP too, when the tags say nothing.
     EXPECT_EQ(TiffImage(directory.path("aperio.tif")).getVoxelSize(0), Vector(250, 250, 1));
 }

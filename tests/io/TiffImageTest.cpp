@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <tuple>
 
 using Nuvek::FileMetadata;
 using Nuvek::ImageJDescriptionParser;
@@ -60,13 +61,6 @@ void expectLevels(TiffImage& image, TiffLayout const& layout, PageOf const& page
     }
 }
 
-TiffLayout singlePage(std::uint32_t width, std::uint32_t height)
-{
-    TiffLayout layout;
-    layout.pages = {PageShape{width, height}};
-    return layout;
-}
-
 std::string omeWith(std::string const& pixelsAttributes, std::string const& children)
 {
     return R"(<?xml version="1.0" encoding="UTF-8"?><!-- a comment --><OME xmlns="http://www.openmicroscopy.org/Schemas/OME/2016-06">)"
@@ -81,35 +75,30 @@ std::string omeWith(std::string const& pixelsAttributes, std::string const& chil
 // integers, a palette's indices included, and the data's for floating point), voxel size, tiles.
 TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
 {
-    struct SampleType
-    {
-        std::uint16_t bits;
-        bool floating;
-        bool isSigned;
-        bool palette;
-    };
-    SampleType const types[] = {{8, false, false, false}, {16, false, false, false}, {32, false, false, false},
-                                {8, false, true, false},  {16, false, true, false},  {32, false, true, false},
-                                {32, true, false, false}, {64, true, false, false},  {8, false, false, true},
-                                {16, false, false, true}};
+    // Bits, floating point, signed, palette.
+    std::tuple<std::uint16_t, bool, bool, bool> const types[] = {
+        {8, false, false, false}, {16, false, false, false}, {32, false, false, false}, {8, false, true, false},
+        {16, false, true, false}, {32, false, true, false},  {32, true, false, false},  {64, true, false, false},
+        {8, false, false, true},  {16, false, false, true}};
     std::uint16_t const compressions[] = {COMPRESSION_NONE, COMPRESSION_LZW, COMPRESSION_ADOBE_DEFLATE,
                                           COMPRESSION_PACKBITS};
     // 20000 pixels per unit in x, twice that in y: of no unit, an inch or a centimetre.
     Vector const sizes[] = {Vector(1, 1, 1), Vector(1270, 635, 1), Vector(500, 250, 1)};
     TemporaryDirectory directory;
     int variant = 0;
-    for (SampleType const& type : types)
+    for (auto const& [bits, floating, isSigned, palette] : types)
         for (bool planar : {false, true})
             for (bool tiled : {false, true})
                 for (std::uint16_t samples : {1, 3, 4})
                 {
-                    if (type.palette && samples > 1)
+                    if (palette && samples > 1)
                         continue;
-                    TiffLayout layout = singlePage(53, 41);
-                    layout.bits = type.bits;
-                    layout.floating = type.floating;
-                    layout.isSigned = type.isSigned;
-                    layout.palette = type.palette;
+                    TiffLayout layout;
+                    layout.pages = {{53, 41}};
+                    layout.bits = bits;
+                    layout.floating = floating;
+                    layout.isSigned = isSigned;
+                    layout.palette = palette;
                     layout.planar = planar;
                     layout.samples = samples;
                     layout.rgb = samples >= 3;
@@ -119,7 +108,7 @@ TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
                     layout.bigTiff = variant % 3 == 1;
                     layout.resolutionUnit = static_cast<std::uint16_t>(variant % 3 + 1);
                     layout.resolution = 20000.0f;
-                    bool const given = type.floating && tiled;
+                    bool const given = floating && tiled;
                     layout.sampleMin = given ? -4.5 : 0.0;
                     layout.sampleMax = given ? 9.0 : 0.0;
                     // A level of half size as a page, or in BigTIFF as a SubIFD; a thumbnail of no
@@ -128,7 +117,7 @@ TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
                     chain.insert(chain.end(), {{40, 40, true}, {27, 21, true, "", true}, {27, 21, true}});
                     std::string const path = directory.path(std::to_string(variant++) + ".tif");
                     writeTiff(path, layout);
-                    SCOPED_TRACE(path + ", " + std::to_string(samples) + " samples of " + std::to_string(type.bits) +
+                    SCOPED_TRACE(path + ", " + std::to_string(samples) + " samples of " + std::to_string(bits) +
                                  (planar ? " bits, planar" : " bits"));
 
                     TiffImage image(path);
@@ -140,10 +129,10 @@ TEST(TiffImage, ReadsEverySampleLayoutAndItsMetadata)
                     expectLevels(image, layout, [](long long, long long, long long level) { return 3 * level; });
                     // From inside one tile or strip to inside another.
                     EXPECT_TRUE(readsPages(image, layout, firstPage, 0, Box(Vector(5, 9, 0), Vector(37, 30, 0))));
-                    double const half = std::ldexp(1.0, type.bits - 1);
-                    double low = type.isSigned ? -half : 0.0;
-                    double high = (type.isSigned ? half : 2 * half) - 1;
-                    if (type.floating)
+                    double const half = std::ldexp(1.0, bits - 1);
+                    double low = isSigned ? -half : 0.0;
+                    double high = (isSigned ? half : 2 * half) - 1;
+                    if (floating)
                     {
                         // Of the coarsest level.
                         std::vector<double> const all = openWhole(image, 1, Box(image.getExtent(1)));
@@ -257,7 +246,8 @@ TEST(TiffImage, PagesBecomeChannelsSlicesAndTimePoints)
 TEST(TiffImage, ColourEncodedFilesReadLikeLibtiffsOwnRgbaDecode)
 {
     TemporaryDirectory directory;
-    TiffLayout jpeg = singlePage(64, 40);
+    TiffLayout jpeg;
+    jpeg.pages = {{64, 40}};
     jpeg.samples = 3;
     jpeg.ycbcr = true;
     jpeg.compression = COMPRESSION_JPEG;
