@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang, AddressSanitizer and UndefinedBehaviorSanitizer, and runs
 # each for a bounded time on a copy of the seed corpus in fuzz/corpus. Fails on any finding; a
-# finding's input is left in build/fuzz/findings (turn it into a regression test).
+# finding's input is left in build/fuzz/findings (fix the fault, then add the input to the seed corpus).
 #   scripts/fuzz.sh [SECONDS_PER_TARGET]   (default 60)
 set -euo pipefail
 cd "$(dirname "$0")/.."
