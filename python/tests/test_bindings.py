@@ -131,49 +131,6 @@ def test_open_region_fills_a_given_array_of_the_right_shape_only(rng):
         chain.open_region(0, box, out=np.zeros((2, 1, 4, 12))[..., ::2])
 
 
-@pytest.mark.parametrize("make, error, message", [
-    (lambda s: nuvek.BoxFilter(s, 4), RuntimeError, "^Kernel size must be odd.$"),
-    (lambda s: nuvek.ChannelFilter(s, "Blue"), RuntimeError, '^No channel named "Blue" found.$'),
-    (lambda s: s.open_region(-1, whole(s)), RuntimeError, "^MemoryImage: the level must not be negative.$"),
-    (lambda s: nuvek.LBPFilter(nuvek.MemoryImage(np.zeros((2, 1, 3, 3)))), RuntimeError, "^Error: "),
-    (lambda s: nuvek.TiffImage("/nonexistent/a.tif"), RuntimeError, "^TiffImage: /nonexistent/a.tif: "),
-    (lambda s: nuvek.MemoryImage((4, 3, 1), 2).set_channel_names(["One"]), RuntimeError,
-     "^MemoryImage: expected 2 channel names, got 1.$"),
-    # Found only when a region is opened: a channel beyond the input.
-    (lambda s: nuvek.GaussianBlurFilter(nuvek.ChannelFilter(s, 3), 3).open_region(0, whole(s)), RuntimeError, ""),
-    (lambda s: nuvek.Chain("clamp | blurr 3", s), RuntimeError, "Unknown filter 'blurr'"),
-    (lambda s: nuvek.Chain("gaussian x", s), RuntimeError, "^gaussian: parameter 'k'"),
-    (lambda s: nuvek.is_shareable("blurr"), RuntimeError, "Unknown filter 'blurr'"),
-    (lambda s: nuvek.MemoryImage(np.zeros((2, 3, 4))), ValueError, r"shape \(channels, z, y, x\) or \(y, x\), got \(2, 3, 4\)"),
-    (lambda s: nuvek.MemoryImage(np.array([["a", "b"]])), ValueError, "array of numbers"),
-    (lambda s: s.set_values(np.zeros((4, 3))), ValueError, r"shape \(4, 3\) differs"),
-    (lambda s: nuvek.BoxFilter("not an image", 3), TypeError, ""),
-    (lambda s: s.open_region(0, ((0, 0), (1, 1))), TypeError, ""),
-])
-def test_errors_arrive_as_python_exceptions_with_the_library_message(make, error, message):
-    with pytest.raises(error, match=message):
-        make(nuvek.MemoryImage(np.zeros((5, 5))))
-
-
-def test_filters_chains_banks_and_concat_keep_their_inputs_alive():
-    inputs = [nuvek.MemoryImage(np.full((4, 4), float(i))) for i in range(3)]
-    trackers = [weakref.ref(i) for i in inputs]
-    concat = nuvek.ConcatFilter(inputs)
-    blur = nuvek.GaussianBlurFilter(nuvek.ClampingFilter(inputs[0]), 3)
-    output = nuvek.Chain("clamp | box 3", inputs[1]).output
-    channel = nuvek.ChannelBank(inputs[2]).get_channel("Channel 0")
-    inputs.clear()
-    gc.collect()
-    assert all(t() is not None for t in trackers)
-    assert concat.open_region(0, ((0, 0, 0), (0, 0, 0)))[:, 0, 0, 0].tolist() == [0.0, 1.0, 2.0]
-    assert blur.open_region(0, ((0, 0, 0), (3, 3, 0))).shape == (1, 1, 4, 4)
-    assert output.open_region(0, ((0, 0, 0), (0, 0, 0))).tolist() == [[[[1.0]]]]
-    assert channel.open_region(0, ((0, 0, 0), (0, 0, 0))).tolist() == [[[[2.0]]]]
-    del concat, blur, output, channel
-    gc.collect()
-    assert all(t() is None for t in trackers), "an input outlived every filter that used it"
-
-
 class PlaneImage(nuvek.Image):
     """A Python source over a NumPy array (channels, z, y, x), zero outside."""
 
@@ -210,6 +167,66 @@ class PlaneImage(nuvek.Image):
         return padded[:, z0 : z1 + 1, y0 + 20 : y1 + 21, x0 + 20 : x1 + 21]
 
 
+class Failing(PlaneImage):
+    def open_region(self, level, box):
+        raise KeyError("no such tile")
+
+
+class WrongShape(PlaneImage):
+    def open_region(self, level, box):
+        return np.zeros((1, 1, 2, 2))
+
+
+@pytest.mark.parametrize("make, error, message", [
+    (lambda s: nuvek.BoxFilter(s, 4), RuntimeError, "^Kernel size must be odd.$"),
+    (lambda s: nuvek.ChannelFilter(s, "Blue"), RuntimeError, '^No channel named "Blue" found.$'),
+    (lambda s: s.open_region(-1, whole(s)), RuntimeError, "^MemoryImage: the level must not be negative.$"),
+    (lambda s: nuvek.LBPFilter(nuvek.MemoryImage(np.zeros((2, 1, 3, 3)))), RuntimeError, "^Error: "),
+    (lambda s: nuvek.TiffImage("/nonexistent/a.tif"), RuntimeError, "^TiffImage: /nonexistent/a.tif: "),
+    (lambda s: nuvek.MemoryImage((4, 3, 1), 2).set_channel_names(["One"]), RuntimeError,
+     "^MemoryImage: expected 2 channel names, got 1.$"),
+    # Found only when a region is opened: a channel beyond the input.
+    (lambda s: nuvek.GaussianBlurFilter(nuvek.ChannelFilter(s, 3), 3).open_region(0, whole(s)), RuntimeError, ""),
+    (lambda s: nuvek.Chain("clamp | blurr 3", s), RuntimeError, "Unknown filter 'blurr'"),
+    (lambda s: nuvek.Chain("gaussian x", s), RuntimeError, "^gaussian: parameter 'k'"),
+    (lambda s: nuvek.is_shareable("blurr"), RuntimeError, "Unknown filter 'blurr'"),
+    (lambda s: nuvek.MemoryImage(np.zeros((2, 3, 4))), ValueError, r"shape \(channels, z, y, x\) or \(y, x\), got \(2, 3, 4\)"),
+    (lambda s: nuvek.MemoryImage(np.array([["a", "b"]])), ValueError, "array of numbers"),
+    (lambda s: s.set_values(np.zeros((4, 3))), ValueError, r"shape \(4, 3\) differs"),
+    (lambda s: nuvek.BoxFilter("not an image", 3), TypeError, ""),
+    (lambda s: s.open_region(0, ((0, 0), (1, 1))), TypeError, ""),
+    # A Python source's exceptions and bad results.
+    (lambda s: nuvek.GaussianBlurFilter(Failing(np.zeros((1, 1, 8, 8))), 3).open_region(0, whole(s)), KeyError,
+     "no such tile"),
+    (lambda s: nuvek.GaussianBlurFilter(WrongShape(np.zeros((1, 1, 8, 8))), 3).open_region(0, ((0, 0, 0), (3, 3, 0))),
+     ValueError, r"shape \(1, 1, 2, 2\) for a box that needs \(1, 1, 6, 6\)"),
+    (lambda s: nuvek.ClampingFilter(type("Incomplete", (nuvek.Image,), {})()).get_num_channels(), RuntimeError,
+     "get_num_channels"),
+])
+def test_errors_arrive_as_python_exceptions_with_the_library_message(make, error, message):
+    with pytest.raises(error, match=message):
+        make(nuvek.MemoryImage(np.zeros((5, 5))))
+
+
+def test_filters_chains_banks_and_concat_keep_their_inputs_alive():
+    inputs = [nuvek.MemoryImage(np.full((4, 4), float(i))) for i in range(3)]
+    trackers = [weakref.ref(i) for i in inputs]
+    concat = nuvek.ConcatFilter(inputs)
+    blur = nuvek.GaussianBlurFilter(nuvek.ClampingFilter(inputs[0]), 3)
+    output = nuvek.Chain("clamp | box 3", inputs[1]).output
+    channel = nuvek.ChannelBank(inputs[2]).get_channel("Channel 0")
+    inputs.clear()
+    gc.collect()
+    assert all(t() is not None for t in trackers)
+    assert concat.open_region(0, ((0, 0, 0), (0, 0, 0)))[:, 0, 0, 0].tolist() == [0.0, 1.0, 2.0]
+    assert blur.open_region(0, ((0, 0, 0), (3, 3, 0))).shape == (1, 1, 4, 4)
+    assert output.open_region(0, ((0, 0, 0), (0, 0, 0))).tolist() == [[[[1.0]]]]
+    assert channel.open_region(0, ((0, 0, 0), (0, 0, 0))).tolist() == [[[[2.0]]]]
+    del concat, blur, output, channel
+    gc.collect()
+    assert all(t() is None for t in trackers), "an input outlived every filter that used it"
+
+
 def test_a_python_source_feeds_cpp_filters_on_several_threads(rng):
     values = grey(rng, channels=2, special=False)
     python_source = PlaneImage(values)
@@ -225,23 +242,6 @@ def test_a_python_source_feeds_cpp_filters_on_several_threads(rng):
     with ThreadPoolExecutor(4) as pool:
         for box, tile in zip(tiles, pool.map(lambda box: chain.open_region(0, box), tiles)):
             assert same_bits(tile, reference.open_region(0, box))
-
-
-def test_python_exceptions_and_bad_results_of_a_python_source_reach_the_caller():
-    class Failing(PlaneImage):
-        def open_region(self, level, box):
-            raise KeyError("no such tile")
-
-    class WrongShape(PlaneImage):
-        def open_region(self, level, box):
-            return np.zeros((1, 1, 2, 2))
-
-    with pytest.raises(KeyError, match="no such tile"):
-        nuvek.GaussianBlurFilter(Failing(np.zeros((1, 1, 8, 8))), 3).open_region(0, ((0, 0, 0), (3, 3, 0)))
-    with pytest.raises(ValueError, match=r"shape \(1, 1, 2, 2\) for a box that needs \(1, 1, 6, 6\)"):
-        nuvek.GaussianBlurFilter(WrongShape(np.zeros((1, 1, 8, 8))), 3).open_region(0, ((0, 0, 0), (3, 3, 0)))
-    with pytest.raises(RuntimeError, match="get_num_channels"):
-        nuvek.ClampingFilter(type("Incomplete", (nuvek.Image,), {})()).get_num_channels()
 
 
 def test_a_python_pixel_processing_filter_sees_every_voxel(rng):
