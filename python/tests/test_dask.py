@@ -5,7 +5,6 @@ import pytest
 import tifffile
 import zarr
 from conftest import first_difference, same_bits
-from dask.distributed import Client, LocalCluster
 
 import nuvek
 import nuvek.dask
@@ -76,21 +75,3 @@ def test_writing_to_tiff_and_zarr_keeps_the_values(slide, tmp_path):
     finite = expected[np.isfinite(expected)]
     assert written.get_value_range() == (np.float32(finite.min()), np.float32(finite.max()))
     assert same_bits(zarr.open(str(tmp_path / "out.zarr"), mode="r")[:], expected)
-
-
-def test_a_local_cluster_of_worker_processes_gives_the_one_process_array(slide, tmp_path):
-    expression = "clamp | gaussian 5 | sobel magnitude 3"
-    expected = one_process(expression, slide, 0)
-    nuvek.dask.clear_cache()
-    with LocalCluster(n_workers=3, threads_per_worker=2, processes=True, dashboard_address=None) as cluster, \
-            Client(cluster) as client:
-        array = nuvek.dask.chain_array(expression, slide, level=0, chunks=160)
-        computed = client.compute(array).result()
-        assert len(set(client.run(lambda: __import__("os").getpid()).values())) == 3
-        # Every worker rebuilt the chain itself.
-        assert sum(client.run(lambda: len(__import__("nuvek.dask").dask._cache)).values()) >= 2
-        nuvek.dask.to_tiff(array, tmp_path / "cluster.tif", sample_type="uint16", value_range=(0, 5000))
-    assert same_bits(computed, expected), first_difference(computed, expected)
-    written = nuvek.TiffImage(str(tmp_path / "cluster.tif"))
-    stored = np.nan_to_num(np.clip(np.floor(expected / 5000 * 65535 + 0.5), 0, 65535), nan=0.0)
-    assert same_bits(written.open_region(0, nuvek.whole_box(written)), stored)
