@@ -71,24 +71,6 @@ TEST(FilterRegistry, EveryEntryIsNamedOnceAndItsExamplesBuildAsShareableAsItSays
     EXPECT_GE(names.size(), 27u);
 }
 
-TEST(FilterRegistry, DefaultsAndDomainsReadAsTheirParameterKind)
-{
-    for (Nuvek::FilterEntry const& entry : Nuvek::FilterRegistry::entries())
-        for (Nuvek::FilterParameter const& parameter : entry.parameters)
-        {
-            std::string const& value = parameter.defaultValue;
-            bool const integer = parameter.kind == Nuvek::ParameterKind::Integer;
-            bool const number = parameter.kind == Nuvek::ParameterKind::Number;
-            EXPECT_TRUE(value.empty() || (integer && Nuvek::NumberText::integer(value)) ||
-                        (number && Nuvek::NumberText::number(value)) || (!integer && !number))
-                << entry.name << " " << parameter.name;
-            Nuvek::ParameterDomain const& domain = parameter.domain;
-            EXPECT_TRUE(domain.kind == Nuvek::ParameterDomain::Kind::Choices ? !domain.words.empty()
-                                                                             : domain.low <= domain.high)
-                << entry.name << " " << parameter.name;
-        }
-}
-
 TEST(FilterRegistry, NumbersAreWholeTextsOrNothing)
 {
     EXPECT_EQ(Nuvek::NumberText::integer("-12"), -12);

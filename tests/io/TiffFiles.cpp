@@ -68,9 +68,7 @@ void writePage(TIFF* tiff, TiffLayout const& layout, PageShape const& page, long
     std::uint16_t const colours = layout.rgb || layout.ycbcr ? 3 : 1;
     if (samples > colours)
     {
-        std::vector<std::uint16_t> extra(samples - colours, EXTRASAMPLE_UNSPECIFIED);
-        if (layout.alpha)
-            extra[0] = EXTRASAMPLE_UNASSALPHA;
+        std::vector<std::uint16_t> const extra(samples - colours, EXTRASAMPLE_UNSPECIFIED);
         TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, static_cast<std::uint16_t>(extra.size()), extra.data());
     }
     TIFFSetField(tiff, TIFFTAG_COMPRESSION, layout.compression);

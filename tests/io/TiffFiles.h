@@ -41,8 +41,6 @@ struct TiffLayout
     bool rgb = false;
     /// Photometric YCbCr; with JPEG compression libtiff converts the RGB values written.
     bool ycbcr = false;
-    /// The first extra sample is unassociated alpha (else every extra sample is unspecified).
-    bool alpha = false;
     std::uint16_t compression = 1;
     /// 0: strips of rowsPerStrip rows.
     std::uint32_t tileWidth = 0;

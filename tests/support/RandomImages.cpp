@@ -31,25 +31,4 @@ std::shared_ptr<Nuvek::MemoryImage> randomImage(std::mt19937_64& random, Nuvek::
                                                 randomValues(random, extent.prod() * numChannels, mix));
 }
 
-Nuvek::Box randomBox(std::mt19937_64& random, Nuvek::Vector const& extent, long long maxSize, long long maxDepth)
-{
-    auto between = [&random](long long low, long long high) {
-        return std::uniform_int_distribution<long long>(low, high)(random);
-    };
-    Nuvek::Vector const size(between(1, maxSize), between(1, maxSize), between(1, maxDepth));
-    Nuvek::Vector const min(between(-maxSize, extent.x), between(-maxSize, extent.y), between(-maxDepth, extent.z));
-    return Nuvek::Box(min, min + size - Nuvek::Vector(1, 1, 1));
-}
-
-Nuvek::Box randomOverlappingBox(std::mt19937_64& random, Nuvek::Vector const& extent, long long maxSize,
-                                long long maxDepth)
-{
-    for (;;)
-    {
-        Nuvek::Box const box = randomBox(random, extent, maxSize, maxDepth);
-        if (!box.intersected(Nuvek::Box(extent)).isEmpty())
-            return box;
-    }
-}
-
 } // namespace NuvekTest

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <nuvek/core/Box.h>
 #include <nuvek/core/MemoryImage.h>
 
 #include <cstdint>
@@ -25,14 +24,5 @@ std::vector<double> randomValues(std::mt19937_64& random, long long count, Value
 /// A MemoryImage of random values.
 std::shared_ptr<Nuvek::MemoryImage> randomImage(std::mt19937_64& random, Nuvek::Vector const& extent,
                                                 long long numChannels, ValueMix const& mix = ValueMix());
-
-/// A random non-empty box whose x and y sizes are at most maxSize and z size at most maxDepth, with
-/// min anywhere from -maxSize to extent; so it may lie inside the image, straddle its border or lie
-/// wholly outside it.
-Nuvek::Box randomBox(std::mt19937_64& random, Nuvek::Vector const& extent, long long maxSize, long long maxDepth);
-
-/// A random box with at least one voxel inside the extent on every axis.
-Nuvek::Box randomOverlappingBox(std::mt19937_64& random, Nuvek::Vector const& extent, long long maxSize,
-                                long long maxDepth);
 
 } // namespace NuvekTest

@@ -29,17 +29,6 @@
 #include <random>
 #include <thread>
 
-#if defined(__SANITIZE_THREAD__)
-// ThreadSanitizer sees the HTTP library's accesses only through the memcpy and memcmp it calls, not
-// the synchronisation of its uninstrumented code (Debian ships it compiled), and reports races
-// between its connection threads that are none. Races with a frame inside that library are
-// suppressed; its other calls (close, accept) stay visible, so descriptors are still followed.
-extern "C" char const* __tsan_default_suppressions()
-{
-    return "race:libcpp-httplib.so\n";
-}
-#endif
-
 using Nuvek::Box;
 using Nuvek::Vector;
 
