@@ -1,15 +1,8 @@
 // Chain expressions: their grammar and messages, and the registry that builds them into filters.
-#include <nuvek/Nuvek.h>
 #include <nuvek/NuvekChains.h>
 
-#include "support/Messages.h"
-#include "support/RandomImages.h"
-#include "support/Tiling.h"
-#include "support/VoxelCompare.h"
+#include "support/NuvekTest.h"
 
-#include <gtest/gtest.h>
-
-#include <random>
 #include <set>
 
 using Nuvek::Box;

@@ -5,9 +5,6 @@
 #include <nuvek/core/RowBandExactness.h>
 
 #include <algorithm>
-#include <cmath>
-#include <random>
-#include <string>
 #include <thread>
 
 using namespace NuvekTest;

@@ -7,11 +7,6 @@
 #include "support/NuvekTest.h"
 
 #include <algorithm>
-#include <cmath>
-#include <limits>
-#include <memory>
-#include <random>
-#include <string>
 
 using namespace NuvekTest;
 using Nuvek::BoxFilter;

@@ -4,9 +4,6 @@
 #include "reference/ResolutionReference.h"
 #include "support/NuvekTest.h"
 
-#include <random>
-#include <string>
-
 using namespace NuvekTest;
 using Nuvek::DownsampleFilter;
 using Nuvek::UpsampleFilter;

@@ -11,9 +11,6 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <random>
-#include <string>
-#include <vector>
 
 using namespace NuvekTest;
 using Nuvek::HistogramComputer;

@@ -1,16 +1,12 @@
 // Runs the nuvek program itself: its command lines in one table, and what it writes against the same
 // chain opened in memory.
-#include <nuvek/Nuvek.h>
 #include <nuvek/NuvekChains.h>
+
+#include "support/NuvekTest.h"
 #include <nuvek/io/ImageOpener.h>
 #include <nuvek/io/PyramidalTiffWriter.h>
 #include <nuvek/io/TiffImage.h>
 
-#include "support/RandomImages.h"
-#include "support/Tiling.h"
-#include "support/VoxelCompare.h"
-
-#include <gtest/gtest.h>
 #include <png.h>
 
 #include <arpa/inet.h>
@@ -20,11 +16,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <sstream>
 
 using Nuvek::Box;

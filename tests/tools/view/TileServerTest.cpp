@@ -4,14 +4,12 @@
 #include "view/DisplayMapping.h"
 #include "view/ViewAssets.h"
 
-#include <nuvek/Nuvek.h>
 #include <nuvek/NuvekChains.h>
 
-#include "support/FaultyImage.h"
-#include "support/Messages.h"
-#include "support/RandomImages.h"
+#include "support/NuvekTest.h"
 
-#include <gtest/gtest.h>
+#include "support/FaultyImage.h"
+
 #include <httplib.h>
 #include <png.h>
 
@@ -20,13 +18,11 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <condition_variable>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <random>
 #include <thread>
 
 using Nuvek::Box;
