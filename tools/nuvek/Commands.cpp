@@ -328,7 +328,8 @@ bool readsDisjointBoxes(Nuvek::ChainExpression const& expression)
 // the tile sizes, not on the image's width or height.
 // A chain that only selects, clamps and averages blocks asks for disjoint boxes, so where the
 // output tiles cover whole input tiles no two output tiles need the same input tile. Without
-// downsampling nothing is kept. Downsampling asks for an output tile's blocks in bands of rows, a
+// downsampling each thread keeps only the input tiles under its output tile, which the writer asks
+// for in bands of rows. Downsampling asks for an output tile's blocks in bands of rows, a
 // few of them in each row of input tiles: each thread needs the input tiles across its output tile
 // held, two rows of them (the row it finishes and the next), and one row more for the threads
 // taking turns.
@@ -351,7 +352,14 @@ std::size_t inputCacheBytes(Nuvek::Image& source, Nuvek::ChainExpression const& 
         bool const downsamples = std::any_of(expression.stages.begin(), expression.stages.end(),
                                              [](Nuvek::Stage const& stage) { return stage.name == "downsample"; });
         if (!downsamples)
-            return 0;
+        {
+            // The writer asks for an output tile in bands of rows: the input tiles under it stay
+            // held until its last band, one output tile per thread.
+            double const under =
+                static_cast<double>(settings.tileSize / tileX) * static_cast<double>(settings.tileSize / tileY);
+            return static_cast<std::size_t>(
+                std::min(tileBytes * under * static_cast<double>(settings.threads), 4.0 * 1024 * 1024 * 1024));
+        }
         double const across =
             std::ldexp(static_cast<double>(settings.tileSize), static_cast<int>(std::min(level, 40LL))) /
             static_cast<double>(tileX);
@@ -394,8 +402,9 @@ Options:
                         (default: what the run needs, three bands of output tile rows across
                         a stripe of 8 output tiles and its margins, at the input's stored sample
                         size, and a few tiles per thread: 26 MiB for 512 x 512 RGB tiles and one
-                        thread, whatever the image's size; none for a chain that only selects
-                        and clamps on whole input tiles, and two rows of the input tiles under
+                        thread, whatever the image's size; the input tiles under one output
+                        tile per thread for a chain that only selects and clamps on whole input
+                        tiles, and two rows of the input tiles under
                         an output tile per thread for one that downsamples; 0 keeps none and
                         decodes an input tile for every output tile touching it)
   --type T              uint8, uint16 or float32. Default: the input's own sample type when the chain
