@@ -121,11 +121,8 @@ public:
         worker.tiles.resize(static_cast<std::size_t>(tileBytes * plan.channels));
         encoded.clear();
         Vector const min(tileX * plan.tileSize(), tileY * plan.tileSize(), z);
-        // Over an image that gives the same bits in bands of rows, the position is asked for in
-        // bands of about bandValues values, so that a worker holds only a band's doubles.
-        long long const bands =
-            inBands ? std::max(1LL, (width * height * plan.channels + bandValues - 1) / bandValues) : 1;
-        long long const rows = (height + bands - 1) / bands;
+        // Over an image that gives the same bits in bands of rows, the position is asked for in bands.
+        long long const rows = inBands ? rowsPerWriterBand(width, height, plan.channels) : height;
         for (long long y = 0; y < height; y += rows)
         {
             long long const bandHeight = std::min(rows, height - y);
@@ -181,9 +178,6 @@ private:
     Plan const& plan;
     Image& image;
     std::filesystem::path group;
-    // Values of a band of a level-0 position: a 512 x 512 chunk of one channel.
-    static constexpr long long bandValues = 1LL << 18;
-
     bool inBands;
     CoarseLevels coarse{plan.layout, plan.levels, plan.channels};
     std::atomic<long long> coarseWritten{0};

@@ -143,11 +143,8 @@ private:
         long long const z = page / plan.pagesPerSlice;
         long long const firstChannel = plan.pagesPerSlice > 1 ? page % plan.pagesPerSlice : 0;
         Vector const min(tileX * plan.tileSize, tileY * plan.tileSize, z);
-        // Over an image that gives the same bits in bands of rows, the tile is asked for in bands of
-        // about bandValues values, so that a worker holds a third of an RGB tile's doubles, not all.
-        long long const bands =
-            inBands ? std::max(1LL, (width * height * plan.imageChannels + bandValues - 1) / bandValues) : 1;
-        long long const rows = (height + bands - 1) / bands;
+        // Over an image that gives the same bits in bands of rows, the tile is asked for in bands.
+        long long const rows = inBands ? rowsPerWriterBand(width, height, plan.imageChannels) : height;
         for (long long y = 0; y < height; y += rows)
         {
             long long const bandHeight = std::min(rows, height - y);
@@ -216,9 +213,6 @@ private:
         if (TIFFSetSubDirectory(tiff, offsets[level - 1]) != 1)
             reader.fail("cannot read back level " + std::to_string(level) + " of page " + std::to_string(page));
     }
-
-    // Values of a band of a level-0 tile: a 512 x 512 tile of one channel.
-    static constexpr long long bandValues = 1LL << 18;
 
     Plan const& plan;
     Image& image;

@@ -27,4 +27,14 @@ inline long long positionInStripes(long long tilesX, long long tilesY, long long
     return z * slice + within / width * tilesX + stripe * stripeTiles + within % width;
 }
 
+/// The rows of a tile of `width` x `height` voxels and `channels` channels that the writers ask a
+/// chain for at once when it gives the same bits in bands of rows: bands of about 2^18 values, so
+/// that a worker holds a band's doubles (a 512 x 512 tile of one channel) rather than the whole tile's.
+inline long long rowsPerWriterBand(long long width, long long height, long long channels)
+{
+    constexpr long long bandValues = 1LL << 18;
+    long long const bands = std::max(1LL, (width * height * channels + bandValues - 1) / bandValues);
+    return (height + bands - 1) / bands;
+}
+
 } // namespace Nuvek
